@@ -1,0 +1,105 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+namespace Base {
+
+// Base class of what lives behind `Shared` handles: it carries its own reference count.
+//
+// Threads:  the count is atomic, so handles may be copied and dropped on any thread; what the
+//           object itself allows is its own contract.
+// Lifetime: the release of the last handle deletes the object, on the thread that releases it. A
+//           constructor must not make a handle to its own object: letting go of it would be the last.
+class Shareable {
+ public:
+  Shareable(Shareable const&) = delete;
+  Shareable& operator=(Shareable const&) = delete;
+  virtual ~Shareable() = default;
+
+  void AddReference() const noexcept {
+    if (_references.fetch_add(1, std::memory_order_relaxed) == 0) {
+      _liveObjects.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+
+  // Returns how many references are left; at 0 the caller deletes the object.
+  std::uint32_t ReleaseReference() const noexcept {
+    // The last release must see what every earlier holder did with the object.
+    std::uint32_t const left = _references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) _liveObjects.fetch_sub(1, std::memory_order_relaxed);
+    return left;
+  }
+
+  // How many objects in this process are held by at least one handle: for leak checks.
+  static std::size_t GetLiveObjectCount() noexcept {
+    return _liveObjects.load(std::memory_order_relaxed);
+  }
+
+ protected:
+  Shareable() = default;
+
+ private:
+  static inline std::atomic<std::size_t> _liveObjects{0};
+
+  mutable std::atomic<std::uint32_t> _references{0};
+};
+
+// A counted handle to a `T`, or to nothing.
+template <typename T>
+class Shared {
+ public:
+  Shared() noexcept = default;
+  Shared(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
+  explicit Shared(T* object) noexcept : _object(object) {
+    if (_object != nullptr) _object->AddReference();
+  }
+
+  Shared(Shared const& other) noexcept : Shared(other._object) {}
+  Shared(Shared&& other) noexcept : _object(std::exchange(other._object, nullptr)) {}
+
+  template <typename U>
+    requires std::is_convertible_v<U*, T*>
+  Shared(Shared<U> const& other) noexcept  // NOLINT(google-explicit-constructor)
+      : Shared(other.Get()) {}
+
+  template <typename U>
+    requires std::is_convertible_v<U*, T*>
+  Shared(Shared<U>&& other) noexcept  // NOLINT(google-explicit-constructor)
+      : _object(other.Detach()) {}
+
+  // By value: the old object is let go of only after this handle holds the new one.
+  Shared& operator=(Shared other) noexcept {
+    std::swap(_object, other._object);
+    return *this;
+  }
+
+  ~Shared() {
+    if (_object != nullptr && _object->ReleaseReference() == 0) delete _object;
+  }
+
+  void Reset() noexcept { *this = Shared(); }
+
+  // Gives up the object without releasing the reference, which becomes the caller's.
+  T* Detach() noexcept { return std::exchange(_object, nullptr); }
+
+  T* Get() const noexcept { return _object; }
+  T* operator->() const noexcept { return _object; }
+  T& operator*() const noexcept { return *_object; }
+  explicit operator bool() const noexcept { return _object != nullptr; }
+
+  friend bool operator==(Shared const&, Shared const&) = default;
+
+ private:
+  T* _object = nullptr;
+};
+
+template <typename T, typename... Args>
+Shared<T> MakeShared(Args&&... args) {
+  return Shared<T>(new T(std::forward<Args>(args)...));
+}
+
+}  // namespace Base

@@ -1,0 +1,24 @@
+#include "base/thread.h"
+
+#include <utility>
+
+namespace Base {
+
+namespace {
+
+// A plain pointer with a reference of its own: a thread-local handle would be taken down in an order
+// that nobody sees.
+thread_local Thread* current = nullptr;
+
+}  // namespace
+
+Shared<Thread> Thread::GetCurrent() { return Shared<Thread>(current); }
+
+Thread::CurrentScope::CurrentScope(Shared<Thread> thread) { current = thread.Detach(); }
+
+Thread::CurrentScope::~CurrentScope() {
+  Thread* const last = std::exchange(current, nullptr);
+  if (last->ReleaseReference() == 0) delete last;
+}
+
+}  // namespace Base

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "base/shared.h"
+#include "base/task_runner.h"
+
+namespace Base {
+
+// A task runner that is one thread with a loop: its tasks run one at a time.
+class Thread : public TaskRunner {
+ public:
+  // Runs the loop on a new thread, after `Stop`.
+  virtual void Start() = 0;
+
+  // Ends the loop: it finishes the round that it is in and leaves. Waits for a started thread, but
+  // never for the calling one, which goes on until its loop leaves. Safe in any state: a loop that
+  // never ran, has ended, or runs in place.
+  virtual void Stop() = 0;
+
+  // Whether the caller runs on this loop's thread, while it runs.
+  virtual bool IsCurrentThread() const = 0;
+
+  // Runs the loop on the calling thread until it is stopped. A `Stop` from before is forgotten.
+  virtual void Run() = 0;
+
+  // The loop that runs on the calling thread; empty where there is none.
+  static Shared<Thread> GetCurrent();
+
+ protected:
+  // Makes `thread` the calling thread's current one for as long as the scope lives.
+  class CurrentScope {
+   public:
+    explicit CurrentScope(Shared<Thread> thread);
+    CurrentScope(CurrentScope const&) = delete;
+    CurrentScope& operator=(CurrentScope const&) = delete;
+    ~CurrentScope();
+  };
+};
+
+}  // namespace Base

@@ -1,0 +1,30 @@
+#include "base/thread_pool.h"
+
+#include <mutex>
+#include <utility>
+
+#include "base/io_thread.h"
+#include "trace/trace.h"
+
+TRACE_MODULE("thread_pool");
+
+namespace Base {
+
+void ShutdownThreadPools() {
+  static std::once_flag isShutdown;
+  std::call_once(isShutdown, [] {
+    TRACE_VERBOSE("ThreadPool is being shutdown...");
+    ShutdownThreads();
+    TRACE_VERBOSE("ThreadPool shutdown complete.");
+  });
+}
+
+void PostStop(Shared<Thread> const& thread, Callback<> completion) {
+  TRACE_VERBOSE("Thread posting stop", Trace::As("this", thread));
+  thread->PostTask(MakeCallback([thread, completion = std::move(completion)] {
+    thread->Stop();
+    completion.Call();
+  }));
+}
+
+}  // namespace Base

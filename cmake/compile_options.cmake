@@ -1,0 +1,51 @@
+# How everything in the tree is compiled and linked. Imported targets are not affected.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+
+# Position-independent code alone does not make the linker produce position-independent programs.
+include(CheckPIESupported)
+check_pie_supported()
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+link_libraries(Threads::Threads)
+
+# Headers are named from the root: "base/shared.h".
+include_directories("${PROJECT_SOURCE_DIR}")
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+add_link_options(-Wl,--as-needed)
+
+if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+  # Undefined first: some compilers come with a level of their own, and complain about another.
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong
+                      -ffunction-sections -fdata-sections)
+  add_link_options(-Wl,-z,relro,-z,now -Wl,--gc-sections)
+else()
+  add_compile_definitions(_GLIBCXX_ASSERTIONS)
+endif()
+
+set(sanitizers "${KTCLIENTD_SANITIZERS}")
+if(KTCLIENTD_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "KTCLIENTD_FUZZ needs clang")
+  endif()
+  string(PREPEND sanitizers "fuzzer-no-link,")
+endif()
+if(sanitizers)
+  add_compile_options("-fsanitize=${sanitizers}" -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer -O1)
+  add_link_options("-fsanitize=${sanitizers}")
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # The added checks hide from GCC that a variable is always set.
+    add_compile_options(-Wno-maybe-uninitialized)
+  endif()
+endif()

@@ -1,0 +1,79 @@
+# The kinds of target this tree consists of.
+#
+#   DEPENDS   targets of this tree: ktclientd::base
+#   PACKAGES  targets from packages.cmake: PkgConfig::systemd
+#
+# File names are relative to the folder that makes the call. `scripts/check-layers` reads the calls
+# of the libraries and programs as they are written, so their lists hold plain names only.
+
+include(GoogleTest)
+
+# Gives what depends on it the version, as the string literal KTCLIENTD_VERSION.
+add_library(ktclientd_version INTERFACE)
+add_library(ktclientd::version ALIAS ktclientd_version)
+target_compile_definitions(ktclientd_version
+                           INTERFACE "KTCLIENTD_VERSION=\"${PROJECT_VERSION}\"")
+
+# Library ktclientd::<name>: static, or only an interface when it has no SOURCES. HEADERS are all of
+# its headers; each must compile alone.
+function(ktclientd_library name)
+  ktclientd_parse_arguments("HEADERS;SOURCES;DEPENDS;PACKAGES" ${ARGN})
+  set(library "ktclientd_${name}")
+  if(ARG_SOURCES)
+    add_library("${library}" STATIC ${ARG_SOURCES} ${ARG_HEADERS})
+    target_link_libraries("${library}" PUBLIC ${ARG_DEPENDS} ${ARG_PACKAGES})
+  else()
+    add_library("${library}" INTERFACE ${ARG_HEADERS})
+    target_link_libraries("${library}" INTERFACE ${ARG_DEPENDS} ${ARG_PACKAGES})
+  endif()
+  add_library("ktclientd::${name}" ALIAS "${library}")
+  ktclientd_check_headers("${library}" ${ARG_HEADERS})
+endfunction()
+
+# Program <name>.
+function(ktclientd_program name)
+  ktclientd_parse_arguments("SOURCES;DEPENDS;PACKAGES" ${ARGN})
+  add_executable("${name}" ${ARG_SOURCES})
+  target_link_libraries("${name}" PRIVATE ${ARG_DEPENDS} ${ARG_PACKAGES})
+endfunction()
+
+# GoogleTest program <name>; each of its test cases is one for ctest, named <name>.<Suite>.<Case>.
+function(ktclientd_test name)
+  ktclientd_parse_arguments("SOURCES;DEPENDS;PACKAGES" ${ARGN})
+  ktclientd_program("${name}" SOURCES ${ARG_SOURCES} DEPENDS ${ARG_DEPENDS}
+                    PACKAGES ${ARG_PACKAGES} GTest::gtest_main)
+  gtest_discover_tests("${name}" TEST_PREFIX "${name}." DISCOVERY_MODE PRE_TEST
+                       DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()
+
+# libFuzzer program <name>, for trees that are instrumented for it.
+function(ktclientd_fuzzer name)
+  ktclientd_parse_arguments("SOURCES;DEPENDS;PACKAGES" ${ARGN})
+  ktclientd_program("${name}" SOURCES ${ARG_SOURCES} DEPENDS ${ARG_DEPENDS}
+                    PACKAGES ${ARG_PACKAGES})
+  target_link_options("${name}" PRIVATE -fsanitize=fuzzer)
+endfunction()
+
+# Compiles each header as the only text of a source file.
+function(ktclientd_check_headers library)
+  if(NOT KTCLIENTD_CHECK_HEADERS OR NOT ARGN)
+    return()
+  endif()
+  cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY "${PROJECT_SOURCE_DIR}"
+             OUTPUT_VARIABLE folder)
+  foreach(header IN LISTS ARGN)
+    set(source "${PROJECT_BINARY_DIR}/headers/${folder}/${header}.cc")
+    file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"${folder}/${header}\"\n")
+    list(APPEND sources "${source}")
+  endforeach()
+  add_library("${library}_headers" OBJECT ${sources})
+  target_link_libraries("${library}_headers" PRIVATE "${library}")
+endfunction()
+
+# Sets ARG_<list> for each of `lists`; whatever belongs to none of them is a mistake.
+macro(ktclientd_parse_arguments lists)
+  cmake_parse_arguments(ARG "" "" "${lists}" ${ARGN})
+  if(ARG_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "${name}: unexpected ${ARG_UNPARSED_ARGUMENTS}")
+  endif()
+endmacro()

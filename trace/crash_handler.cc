@@ -1,0 +1,7 @@
+#include "trace/crash_handler.h"
+
+namespace Trace {
+
+void InstallCrashHandler() {}
+
+}  // namespace Trace

@@ -1,0 +1,128 @@
+#pragma once
+
+#include <chrono>
+#include <concepts>
+#include <cstdint>
+#include <exception>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "base/buffer.h"
+#include "base/maybe.h"
+#include "base/shared.h"
+
+// The fields of a trace line, and how their values look in it. A type of another layer brings along
+// a `RenderTraceValue(std::string& out, Type const&)` of its own, in its own namespace.
+
+namespace Trace {
+
+// Addresses: hexadecimal, lower case, "0x" before them; "0" for null.
+void RenderTraceValue(std::string& out, void const* address);
+
+// "true" or "false".
+void RenderTraceValue(std::string& out, bool value);
+
+// The character itself.
+void RenderTraceValue(std::string& out, char value);
+
+// Integers: decimal.
+void RenderTraceValue(std::string& out, long long value);
+void RenderTraceValue(std::string& out, unsigned long long value);
+
+// As an output stream writes it by default: six significant digits.
+void RenderTraceValue(std::string& out, double value);
+
+// Texts: between double quotes, not escaped.
+void RenderTraceValue(std::string& out, std::string_view text);
+
+// As above, of at most "trace-stringptr-maxlen" characters; null is `null`, unquoted.
+void RenderTraceValue(std::string& out, char const* text);
+
+// The exception's text, quoted.
+void RenderTraceValue(std::string& out, std::exception const& err);
+
+// "2026-05-03T17:30:41.042Z", quoted, in UTC.
+void RenderTraceValue(std::string& out, std::chrono::system_clock::time_point time);
+
+// "250ms", "3s", "5m", "1h", quoted.
+void RenderTraceValue(std::string& out, std::chrono::milliseconds duration);
+void RenderTraceValue(std::string& out, std::chrono::seconds duration);
+void RenderTraceValue(std::string& out, std::chrono::minutes duration);
+void RenderTraceValue(std::string& out, std::chrono::hours duration);
+
+template <std::signed_integral Number>
+void RenderTraceValue(std::string& out, Number value) {
+  RenderTraceValue(out, static_cast<long long>(value));
+}
+
+template <std::unsigned_integral Number>
+void RenderTraceValue(std::string& out, Number value) {
+  RenderTraceValue(out, static_cast<unsigned long long>(value));
+}
+
+inline void RenderTraceValue(std::string& out, float value) {
+  RenderTraceValue(out, static_cast<double>(value));
+}
+
+inline void RenderTraceValue(std::string& out, std::string const& text) {
+  RenderTraceValue(out, std::string_view(text));
+}
+
+template <typename T>
+  requires(!std::same_as<std::remove_cv_t<T>, char>)
+void RenderTraceValue(std::string& out, T* object) {
+  RenderTraceValue(out, static_cast<void const*>(object));
+}
+
+// The object's address.
+template <typename T>
+void RenderTraceValue(std::string& out, Base::Shared<T> const& object) {
+  RenderTraceValue(out, static_cast<void const*>(object.Get()));
+}
+
+// The length in bytes: what a client sends and receives is not for the log.
+template <typename T>
+void RenderTraceValue(std::string& out, Base::Buffer<T> const& buffer) {
+  RenderTraceValue(out, buffer.GetLength() * sizeof(T));
+}
+
+// The value, or `null` where there is none.
+template <typename T>
+void RenderTraceValue(std::string& out, Base::Maybe<T> const& value) {
+  if (value) {
+    RenderTraceValue(out, value.Get());
+  } else {
+    out.append("null");
+  }
+}
+
+template <typename Value>
+struct TraceField {
+  std::string_view key;
+  Value const& value;  // of the caller's full expression
+};
+
+// A field whose key is not the argument as it is written in the code.
+template <typename Value>
+TraceField<Value> As(std::string_view key, Value const& value) {
+  return {key, value};
+}
+
+template <typename Value>
+TraceField<Value> MakeField(std::string_view argument, Value const& value) {
+  return {argument, value};
+}
+
+template <typename Value>
+TraceField<Value> MakeField(std::string_view /*argument*/, TraceField<Value> const& named) {
+  return named;
+}
+
+template <typename Value>
+void AppendField(std::string& out, TraceField<Value> const& field) {
+  out.append(" ").append(field.key).append(":");
+  RenderTraceValue(out, field.value);
+}
+
+}  // namespace Trace

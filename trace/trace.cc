@@ -1,0 +1,257 @@
+#include "trace/trace.h"
+
+#include <pthread.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "trace/crash_handler.h"
+#include "trace/sinks.h"
+#include "trace/time_text.h"
+#include "trace/trace_arguments.h"
+#include "utilities/arguments.h"
+
+extern char const* __progname;  // the program's short name, kept by the C library
+
+TRACE_MODULE("trace");
+
+namespace Trace {
+
+namespace {
+
+struct LevelInfo {
+  std::string_view paddedName;  // to eight characters
+  int syslogPriority;
+};
+
+constexpr std::array<LevelInfo, 6> levels{{
+    {"FATAL   ", LOG_CRIT},
+    {"ERROR   ", LOG_ERR},
+    {"WARNING ", LOG_WARNING},
+    {"INFO    ", LOG_INFO},
+    {"VERBOSE ", LOG_DEBUG},
+    {"DEBUG   ", LOG_DEBUG},
+}};
+
+LevelInfo const& GetLevelInfo(TraceLevel level) {
+  return levels[static_cast<std::size_t>(std::clamp(level, levelFatal, levelDebug))];
+}
+
+struct State {
+  std::once_flag configured;
+  std::string logFileName;
+  std::optional<TraceFile> file;
+  std::optional<Console> console;
+  std::atomic<bool> syslog{false};
+  std::atomic<int> pid{0};
+};
+
+// Never destroyed: a thread may log while the process ends.
+State& GetState() {
+  static State& state = *new State;
+  return state;
+}
+
+// A thread's texts, kept from line to line for their memory.
+struct ThreadText {
+  std::string line;
+  std::string fields;
+  bool hasWrittenHeader = false;
+
+  ~ThreadText();
+};
+
+thread_local bool isThreadTextGone = false;
+thread_local int threadId = 0;
+
+ThreadText::~ThreadText() { isThreadTextGone = true; }
+
+ThreadText* GetThreadText() {
+  if (isThreadTextGone) return nullptr;
+  thread_local ThreadText text;
+  return &text;
+}
+
+void Clear(std::string& text) {
+  constexpr std::size_t kept = 16384;  // a line of one large packet in hexadecimal is not the rule
+  text.clear();
+  if (text.capacity() > kept) text.shrink_to_fit();
+}
+
+// The child is another process and thread, and may have been born while another thread held
+// syslog(3)'s lock.
+void OnForkedChild() {
+  GetState().pid.store(getpid(), std::memory_order_relaxed);
+  threadId = 0;
+  GetState().syslog.store(false, std::memory_order_relaxed);
+}
+
+void Configure(bool skipCrashHandler) {
+  State& state = GetState();
+  if (!skipCrashHandler) InstallCrashHandler();
+  TraceLevel const level = GetIntArgument("trace-level", levelVerbose);
+  if (HasArgument("trace-console")) state.console.emplace();
+  if (!state.logFileName.empty() || HasArgument("trace-folder")) {
+    state.file.emplace(state.logFileName);
+  }
+  state.syslog.store(HasArgument("trace-syslog"));
+  state.pid.store(getpid());
+  pthread_atfork(nullptr, nullptr, &OnForkedChild);
+  Internal::currentLevel.store(level);
+}
+
+void ConfigureOnce(bool skipCrashHandler) {
+  std::call_once(GetState().configured, &Configure, skipCrashHandler);
+}
+
+void WriteBanner() {
+  std::string const file = GetTraceModuleFile();
+  std::unique_ptr<char, decltype(&std::free)> const path(realpath(file.c_str(), nullptr),
+                                                        &std::free);
+  if (path != nullptr) {
+    FormatInfo("trace", "Process [%s] module [%s] resolved to path [%s] built on [%s] at [%s]",
+               __progname, file.c_str(), path.get(), __DATE__, __TIME__);
+  } else {
+    FormatInfo("trace", "Process [%s] module [%s] built on [%s] at [%s]", __progname, file.c_str(),
+               __DATE__, __TIME__);
+  }
+}
+
+void FormatLine(char const* module, TraceLevel level, char const* format, std::va_list arguments) {
+  if (!IsTraceEnabled(level)) return;
+  std::array<char, 512> message;
+  int const length = std::vsnprintf(message.data(), message.size(), format, arguments);
+  if (length < 0) return;
+  auto const kept = std::min(static_cast<std::size_t>(length), message.size() - 1);
+  Base::Shared<Log> const log = Base::MakeShared<Log>(module);
+  WriteLine(*log, level, std::string_view(message.data(), kept));
+}
+
+}  // namespace
+
+namespace Internal {
+
+bool IsTraceEnabledOnceConfigured(TraceLevel level) {
+  ConfigureOnce(false);
+  return level <= currentLevel.load(std::memory_order_relaxed);
+}
+
+std::string* GetFieldText() {
+  ThreadText* const text = GetThreadText();
+  return text != nullptr ? &text->fields : nullptr;
+}
+
+void DropLine() noexcept {
+  ThreadText* const text = GetThreadText();
+  if (text == nullptr) return;
+  text->line.clear();
+  text->fields.clear();
+}
+
+Base::Shared<Log> const& MakeModule(char const* name) {
+  return *new Base::Shared<Log>(Base::MakeShared<Log>(name));
+}
+
+}  // namespace Internal
+
+void InitializeTrace(bool skipCrashHandler, char const* logFileName) {
+  if (logFileName != nullptr) GetState().logFileName = logFileName;
+  ConfigureOnce(skipCrashHandler);
+  WriteBanner();
+  TraceArguments();
+}
+
+TraceFile* GetTraceFileStream() {
+  auto& file = GetState().file;
+  if (!file) return nullptr;
+  file->EnsureOpen();
+  return &*file;
+}
+
+void WriteTraceHeader(Log const& module, TraceLevel level) {
+  if (!IsTraceEnabled(level)) return;
+  ThreadText* const text = GetThreadText();
+  if (text == nullptr) return;
+  auto const now = std::chrono::system_clock::now();
+  if (threadId == 0) threadId = gettid();
+  std::string& line = text->line;
+  AppendTimeOfDay(line, now);
+  line.append(".");
+  if (text->hasWrittenHeader) {
+    // From the second line on the padding is on the right: kept as it is.
+    std::string const milliseconds = std::to_string(GetMilliseconds(now));
+    line.append(milliseconds).append(3 - milliseconds.size(), '0');
+  } else {
+    AppendPadded(line, GetMilliseconds(now), 3);
+    text->hasWrittenHeader = true;
+  }
+  line.append("Z ").append(GetLevelInfo(level).paddedName).append(" ").append(module.GetName());
+  line.append("(").append(std::to_string(GetState().pid.load(std::memory_order_relaxed)));
+  line.append(":").append(std::to_string(threadId)).append(") - ");
+}
+
+void WriteTrace(Log const& /*module*/, TraceLevel level, std::string_view message) {
+  ThreadText* const text = GetThreadText();
+  if (text == nullptr) return;
+  State& state = GetState();
+  std::string& line = text->line;
+  line.append(message).append(text->fields).append("\n");
+  if (IsTraceEnabled(level)) {
+    if (state.console) state.console->Write(level <= levelError, line);
+    if (TraceFile* const file = GetTraceFileStream()) file->Write(line);
+  }
+  if (state.syslog.load(std::memory_order_relaxed)) {
+    line.pop_back();
+    syslog(GetLevelInfo(level).syslogPriority, "%s", line.c_str());
+  }
+  Clear(line);
+  Clear(text->fields);
+}
+
+void FormatError(char const* module, char const* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  FormatLine(module, levelError, format, arguments);
+  va_end(arguments);
+}
+
+void FormatWarning(char const* module, char const* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  FormatLine(module, levelWarning, format, arguments);
+  va_end(arguments);
+}
+
+void FormatInfo(char const* module, char const* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  FormatLine(module, levelInfo, format, arguments);
+  va_end(arguments);
+}
+
+void FormatVerbose(char const* module, char const* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  FormatLine(module, levelVerbose, format, arguments);
+  va_end(arguments);
+}
+
+void FormatDebug(char const* module, char const* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  FormatLine(module, levelDebug, format, arguments);
+  va_end(arguments);
+}
+
+}  // namespace Trace

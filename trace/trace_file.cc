@@ -1,0 +1,133 @@
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <filesystem>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "trace/sinks.h"
+#include "trace/time_text.h"
+#include "utilities/arguments.h"
+
+namespace Trace {
+
+namespace {
+
+constexpr mode_t mode = S_IRUSR | S_IWUSR;
+// Non-blocking, so that a FIFO without a reader is a failure and not a wait.
+constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+constexpr int yieldsForOpening = 1000;
+
+bool IsFolderOpenToAll() {
+  return GetArgument("trace-file", "").empty() && GetArgument("logging-file", "").empty() &&
+         !HasArgument("trace-folder");
+}
+
+// A regular file of our own that has no other name: whoever can write to the folder may have put
+// any of our other files there by a hard link.
+Base::UniqueFd OpenOwnFile(std::string const& path) {
+  Base::UniqueFd file(open(path.c_str(), flags | O_NOFOLLOW, mode));
+  struct stat status {};
+  if (!file || fstat(file.Get(), &status) == -1) return {};
+  if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink != 1) return {};
+  // Truncated only now that it is known to be ours; an older one may have been readable to others.
+  if (fchmod(file.Get(), mode) == -1 || ftruncate(file.Get(), 0) == -1) return {};
+  return file;
+}
+
+Base::UniqueFd OpenTraceFile(std::string const& path) {
+  if (IsFolderOpenToAll()) return OpenOwnFile(path);
+  return Base::UniqueFd(open(path.c_str(), flags | O_TRUNC, mode));
+}
+
+void ReportOpenFailure(std::string const& path, std::exception const& err) {
+  std::string const text =
+      "Failed to open trace file [" + path + "] error [" + err.what() + "]\n";
+  if (write(STDERR_FILENO, text.data(), text.size()) == -1) {
+    // There is no further place to say it.
+  }
+}
+
+std::string GetExecutableBaseName() {
+  std::string name = GetTraceModuleFile();
+  if (auto const slash = name.rfind('/'); slash != std::string::npos) name.erase(0, slash + 1);
+  if (auto const dot = name.find('.'); dot != std::string::npos) name.erase(dot);
+  return name;
+}
+
+}  // namespace
+
+std::string GetTraceModuleFile() {
+  Dl_info info{};
+  bool const found =
+      dladdr(reinterpret_cast<void const*>(&GetTraceModuleFile), &info) != 0 &&
+      info.dli_fname != nullptr;
+  return found ? info.dli_fname : "unknown";
+}
+
+std::string GetTraceFilePath(std::string const& programLogFileName) {
+  std::string path = GetArgument("trace-file", "");
+  if (path.empty()) path = GetArgument("logging-file", "");
+  if (!path.empty()) return path;
+
+  std::string name;
+  if (GetBoolArgument("trace-file-prefix", false)) {
+    AppendFileTime(name, std::chrono::system_clock::now());
+    name.append("_").append(std::to_string(getpid())).append("_");
+  }
+  name.append(programLogFileName.empty() ? GetExecutableBaseName() + ".log" : programLogFileName);
+  std::filesystem::path const folder =
+      HasArgument("trace-folder") ? GetArgument("trace-folder", "") : "/tmp/";
+  return (folder / name).string();
+}
+
+TraceFile::TraceFile(std::string programLogFileName)
+    : _programLogFileName(std::move(programLogFileName)) {}
+
+void TraceFile::Write(std::string_view line) noexcept {
+  int const fd = _fd.load(std::memory_order_acquire);
+  if (fd == -1 || _bad.load(std::memory_order_relaxed)) return;
+  ssize_t const written = write(fd, line.data(), line.size());
+  bool const readerIsSlow = written == -1 && (errno == EAGAIN || errno == EINTR);
+  if (written != static_cast<ssize_t>(line.size()) && !readerIsSlow) {
+    _bad.store(true, std::memory_order_relaxed);
+  }
+}
+
+void TraceFile::EnsureOpen() noexcept {
+  bool const isOpen = _fd.load(std::memory_order_acquire) != -1 && !_bad.load();
+  if (isOpen) return;
+  if (!_opening.exchange(true)) {
+    Reopen();
+    _opening.store(false);
+    return;
+  }
+  // Another thread opens it. The wait has an end, because in a forked child there is no such thread.
+  for (int i = 0; i < yieldsForOpening && _opening.load(); ++i) sched_yield();
+}
+
+void TraceFile::Reopen() noexcept {
+  std::string path;
+  try {
+    path = GetTraceFilePath(_programLogFileName);
+    Base::UniqueFd file = OpenTraceFile(path);
+    if (!file) return;
+    int const current = _fd.load();
+    if (current == -1) {
+      _fd.store(file.Release(), std::memory_order_release);
+    } else if (dup3(file.Get(), current, O_CLOEXEC) == -1) {
+      return;
+    }
+    _bad.store(false);
+  } catch (std::exception const& err) {
+    ReportOpenFailure(path, err);
+  }
+}
+
+}  // namespace Trace
