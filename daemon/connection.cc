@@ -1,0 +1,86 @@
+#include "daemon/connection.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+
+#include "base/exception.h"
+#include "base/io_thread.h"
+#include "daemon/activity.h"
+#include "daemon/dispatch.h"
+#include "daemon/response.h"
+#include "io/native_messaging_host_read_stream.h"
+#include "trace/trace.h"
+
+TRACE_MODULE("main");
+
+namespace {
+
+constexpr std::size_t readSize = 2048;
+constexpr std::uint32_t maxPacketSize = 131072;
+
+}  // namespace
+
+void OnNewConnection(Base::Status const& err, Net::Address const& address,
+                     Base::Shared<Net::SocketLinux> const& socket) {
+  StampLastRead();
+  if (err) {
+    TRACE_ERROR("Failure listening for connections", err);
+    return;
+  }
+  try {
+    auto const [pid, uid, gid] = socket->GetPeerCredentials();
+    TRACE_VERBOSE("Received new connection", address, socket, Trace::As("pid", pid),
+                  Trace::As("uid", uid), Trace::As("gid", gid));
+    StartReading(socket);
+  } catch (Base::Exception const& thrown) {
+    TRACE_ERROR("Failure handling socket", socket, Trace::As("err", thrown));
+    DisconnectSocket(socket);
+  }
+}
+
+void StartReading(Base::Shared<Net::Socket> const& socket) {
+  auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
+      Base::MakeShared<Net::SocketReadStream>(socket, readSize), maxPacketSize);
+  auto const ioThread = Base::GetIOThread();
+  stream->Read(Base::MakeCallback([socket, ioThread, round = ioThread->GetRound()](
+                                      Base::Status const& err, Base::ByteBuffer buffer,
+                                      bool complete) {
+    if (ioThread->GetRound() != round) {
+      ReadFromSocket(socket, err, buffer, complete);
+      return;
+    }
+    // The packet was there already, and the loop has not polled since this connection had its turn: a
+    // client that never lets its connection run dry would keep the loop from everyone else. A
+    // scheduled task waits for the next round, a posted one would not.
+    ioThread->PostScheduledTask(0, Base::MakeCallback([socket, err, buffer, complete] {
+                                  ReadFromSocket(socket, err, buffer, complete);
+                                }));
+  }));
+}
+
+void ReadFromSocket(Base::Shared<Net::Socket> const& socket, Base::Status const& err,
+                    Base::ByteBuffer const& buffer, bool complete) {
+  StampLastRead();
+  if (err) {
+    TRACE_ERROR("Read packet from socket failed", socket, err);
+    DisconnectSocket(socket);
+    return;
+  }
+  if (complete) {
+    TRACE_VERBOSE("Socket is complete", socket, buffer);
+    // The client may have ended only its own direction, and still be reading.
+    DisconnectSocketWhenWritten(socket);
+    return;
+  }
+  try {
+    TRACE_VERBOSE("Received packet from socket", socket, buffer);
+    auto const packet = buffer.GetSpan();
+    DispatchRequest(socket, nlohmann::json::parse(packet.begin(), packet.end()));
+    StartReading(socket);
+  } catch (...) {
+    // Without the exception's text, which quotes the client: kept as it is.
+    TRACE_ERROR("Failed to process request", socket);
+    DisconnectSocket(socket);
+  }
+}

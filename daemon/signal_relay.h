@@ -1,0 +1,19 @@
+#pragma once
+
+#include "base/callback.h"
+#include "base/thread_linux.h"
+
+// Signals, and how they reach a loop.
+
+// Holds SIGTERM back on the calling thread and on those that it starts later, until
+// `RelayTermination`. First thing in `main`.
+void HoldBackTermination();
+
+// Makes a write to a peer that is gone fail with EPIPE instead of ending the process. A handler and
+// not SIG_IGN, which the programs that this process runs would inherit.
+void SurviveBrokenPipes();
+
+// Takes SIGTERM: the handler hands the number to `loop`, which calls `onSignal` with it, as a task,
+// once for each signal. Lets a SIGTERM through that was held back. Called once, from the thread that
+// will run the loop, before it does. Throws Base::ExceptionPosix.
+void RelayTermination(Base::ThreadLinux& loop, Base::Callback<int> onSignal);

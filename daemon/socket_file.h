@@ -1,0 +1,26 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+// The file of a Unix socket that this process binds itself.
+class SocketFile {
+ public:
+  // Removes the socket file at `path` when nobody listens on it any more. Anything else there is left
+  // alone, for bind(2) to fail on.
+  static void RemoveStale(std::string const& path);
+
+  // Takes over the file that has just been bound at `path`.
+  explicit SocketFile(std::string path);
+  SocketFile(SocketFile const&) = delete;
+  SocketFile& operator=(SocketFile const&) = delete;
+
+  // Removes it, unless another has taken its place.
+  ~SocketFile();
+
+ private:
+  std::string const _path;
+  dev_t _device = 0;
+  ino_t _inode = 0;
+};

@@ -1,0 +1,61 @@
+#include "daemon/usage.h"
+
+#include <array>
+#include <string_view>
+
+namespace {
+
+struct Setting {
+  std::string_view form;
+  std::string_view environmentName;
+  std::string_view defaultValue;
+  std::string_view meaning;
+};
+
+constexpr auto settings = std::to_array<Setting>({
+    {"--socket=ADDRESS", "KESTREL_SOCKET", "com.norvel.kestrel",
+     "where to listen: a path if it has a \"/\", else a name in the abstract namespace"},
+    {"--activated", "KESTREL_ACTIVATED", "false",
+     "listen on the socket that systemd hands over, and leave when idle"},
+    {"--activated-period=SECONDS", "KESTREL_ACTIVATED_PERIOD", "300",
+     "how long an activated daemon stays without a client"},
+    {"--trace-level=LEVEL", "KESTREL_TRACE_LEVEL", "4",
+     "0 FATAL, 1 ERROR, 2 WARNING, 3 INFO, 4 VERBOSE, 5 DEBUG"},
+    {"--trace-console", "KESTREL_TRACE_CONSOLE", "off",
+     "trace to standard output, errors to standard error; present is on, whatever the value"},
+    {"--trace-syslog", "KESTREL_TRACE_SYSLOG", "off",
+     "trace to syslog; present is on, whatever the value"},
+    {"--trace-folder=FOLDER", "KESTREL_TRACE_FOLDER", "/tmp/",
+     "the folder of the trace file ktclientd.log"},
+    {"--trace-file=FILE", "KESTREL_TRACE_FILE", "none", "the trace file's whole path instead"},
+    {"--logging-file=FILE", "KESTREL_LOGGING_FILE", "none",
+     "the same, where --trace-file is not given"},
+    {"--trace-file-prefix=BOOLEAN", "KESTREL_TRACE_FILE_PREFIX", "false",
+     "date, time and process id before the trace file's name"},
+    {"--trace-stringptr-maxlen=LENGTH", "KESTREL_TRACE_STRINGPTR_MAXLEN", "64",
+     "how much of a C string a trace field shows"},
+});
+
+}  // namespace
+
+std::string GetUsage() {
+  std::string text =
+      "Usage: ktclientd [--NAME=VALUE | --NAME:VALUE | --FLAG]...\n"
+      "Answers device-posture questions on a Unix socket.\n"
+      "\n"
+      "Each setting is an argument or a variable of the environment, which wins over the argument.\n"
+      "\n";
+  for (Setting const& setting : settings) {
+    text.append("  ").append(setting.form).append("\n");
+    text.append("      ").append(setting.meaning).append("\n");
+    text.append("      environment: ").append(setting.environmentName);
+    text.append(", default: ").append(setting.defaultValue).append("\n");
+  }
+  text.append(
+      "\n"
+      "  --help       print this and exit\n"
+      "  --version    print the version and exit\n"
+      "\n"
+      "Exit status: 0; 1 when the daemon could not start.\n");
+  return text;
+}

@@ -1,0 +1,129 @@
+#include "io/native_messaging_host_read_stream.h"
+
+#include <cstring>
+#include <utility>
+
+#include "base/exception.h"
+#include "base/io_thread.h"
+#include "trace/trace.h"
+
+TRACE_MODULE("native_messaging_host_read_stream");
+
+namespace IO {
+
+namespace {
+
+using Callback = NativeMessagingHostReadStream::Callback;
+
+// For outcomes that are this stream's own and not the source's: as a task of their own.
+void PostOutcome(Callback const& callback, Base::Status status, bool complete) {
+  Base::GetIOThread()->PostTask(
+      Base::MakeCallback([callback, status = std::move(status), complete] {
+        callback->Call(status, {}, complete);
+      }));
+}
+
+}  // namespace
+
+NativeMessagingHostReadStream::NativeMessagingHostReadStream(Base::Shared<FileReadStream> source,
+                                                             std::uint32_t maxPacketSize)
+    : _source(std::move(source)), _maxPacketSize(maxPacketSize) {
+  if (!_source) {
+    TRACE_ERROR("Failed to create native messaging read stream on null source");
+    throw Base::Exception("Invalid Argument");
+  }
+  TRACE_VERBOSE("Native messaging host read stream created", this, Trace::As("source", _source),
+                maxPacketSize);
+}
+
+void NativeMessagingHostReadStream::Read(Callback callback) {
+  TRACE_DEBUG("Reading from source", this);
+  auto const sizeBuffer = Buffer::Zeroed(sizeof(std::uint32_t));
+  _source->ReadInto(sizeBuffer,
+                    Base::MakeCallback([self = Base::Shared(this), callback](
+                                           Base::Status const& err, Buffer read, bool complete) {
+                      self->OnSizeRead(err, read, complete, callback);
+                    }));
+}
+
+void NativeMessagingHostReadStream::OnSizeRead(Base::Status const& err, Buffer const& sizeBuffer,
+                                               bool complete, Callback const& callback) {
+  if (err) {
+    TRACE_ERROR("Read size failed", this, err, sizeBuffer, complete);
+    callback->Call(err, sizeBuffer, complete);
+    return;
+  }
+  if (sizeBuffer.GetLength() == 0) {
+    TRACE_VERBOSE("Read zero bytes", complete);
+    PostOutcome(callback, {}, true);
+    return;
+  }
+  std::uint32_t packetSize = 0;
+  if (sizeBuffer.GetLength() != sizeof packetSize) {
+    TRACE_ERROR("Invalid header size", sizeBuffer, _maxPacketSize);
+    PostOutcome(callback, Base::Exception("Invalid Header Size"), complete);
+    return;
+  }
+  std::memcpy(&packetSize, sizeBuffer.GetData(), sizeof packetSize);
+  if (packetSize == 0) {
+    TRACE_VERBOSE("Read zero length packet", complete);
+    PostOutcome(callback, {}, true);
+    return;
+  }
+  if (packetSize > _maxPacketSize) {
+    TRACE_ERROR("Read packet size but exceeded max", packetSize, _maxPacketSize);
+    PostOutcome(callback, Base::Exception("Max Packet Size Exceeded"), complete);
+    return;
+  }
+  TRACE_VERBOSE("Reading data", packetSize);
+  try {
+    // Uninitialised: who announces a packet and does not send it has taken address space only.
+    ReadData(Buffer::Uninitialized(packetSize), packetSize, callback);
+  } catch (std::exception const& thrown) {
+    // No caller is left on the stack to catch it; one still waits for its callback.
+    callback->Call(Base::Exception(thrown.what()), {}, complete);
+  }
+}
+
+void NativeMessagingHostReadStream::ReadData(Buffer const& allData, std::size_t remaining,
+                                             Callback const& callback) {
+  if (!_source) throw Base::Exception("Read Stream Closed");  // between two reads
+  Buffer const rest = allData.Slice(allData.GetLength() - remaining, remaining);
+  _source->ReadInto(
+      rest, Base::MakeCallback([self = Base::Shared(this), allData, remaining, callback](
+                                   Base::Status const& err, Buffer data, bool complete) {
+        self->OnDataRead(err, data, complete, allData, remaining, callback);
+      }));
+}
+
+void NativeMessagingHostReadStream::OnDataRead(Base::Status const& err, Buffer const& data,
+                                               bool complete, Buffer const& allData,
+                                               std::size_t remaining, Callback const& callback) {
+  bool const endedEarly = !err && data.GetLength() == 0 && complete;
+  if (err || endedEarly) {
+    TRACE_ERROR("Read data failed", this, err, data, complete, allData, remaining);
+    callback->Call(endedEarly ? Base::Status(Base::Exception("Unexpected End Of Stream")) : err,
+                   allData, complete);
+    return;
+  }
+  if (data.GetLength() == remaining) {
+    TRACE_VERBOSE("Read data completed", this, err, data, complete, allData, remaining);
+    callback->Call(err, allData, complete);
+    return;
+  }
+  TRACE_VERBOSE("Read data partially completed", this, err, data, complete, allData, remaining);
+  try {
+    ReadData(allData, remaining - data.GetLength(), callback);
+  } catch (std::exception const& thrown) {
+    callback->Call(Base::Exception(thrown.what()), allData, complete);
+  }
+}
+
+void NativeMessagingHostReadStream::Close() {
+  if (!_source) return;
+  TRACE_VERBOSE("Native messaging host read stream closed", this);
+  _source->Close();
+  _source.Reset();
+}
+
+}  // namespace IO

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+
+#include "base/buffer.h"
+#include "base/shared.h"
+#include "base/stream.h"
+#include "io/file_stream.h"
+
+namespace IO {
+
+// Cuts a byte stream into packets, one per `Read`. A packet of length 0 reads as its end.
+//
+//   offset  size  field
+//   0       4     n, the payload's length in bytes: unsigned, host byte order
+//   4       n     payload, unterminated and unpadded
+//
+// Threads:  the IO thread, where the source completes.
+// Lifetime: a pending `Read` holds the stream; letting go of it does not cut the read short.
+class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer<unsigned char>> {
+ public:
+  // Accepts payloads of up to `maxPacketSize` bytes, that size included.
+  // Throws Base::Exception "Invalid Argument" when `source` is empty.
+  NativeMessagingHostReadStream(Base::Shared<FileReadStream> source, std::uint32_t maxPacketSize);
+
+  // Reads one packet; calls back exactly once, never from inside this call, with
+  // (status, payload, complete). `complete` is the end of the stream: success and no payload.
+  // Failures: the source's own; "Invalid Header Size"; "Unexpected End Of Stream"; "Max Packet
+  // Size Exceeded", which leaves the payload unread. One read at a time, none after `Close`.
+  void Read(Callback callback) override;
+
+  // Closes the source and lets go of it; a second call does nothing.
+  void Close() override;
+
+ private:
+  using Buffer = Base::Buffer<unsigned char>;
+
+  void OnSizeRead(Base::Status const& err, Buffer const& sizeBuffer, bool complete,
+                  Callback const& callback);
+  void ReadData(Buffer const& allData, std::size_t remaining, Callback const& callback);
+  void OnDataRead(Base::Status const& err, Buffer const& data, bool complete,
+                  Buffer const& allData, std::size_t remaining, Callback const& callback);
+
+  Base::Shared<FileReadStream> _source;  // empty once closed
+  std::uint32_t const _maxPacketSize;
+};
+
+}  // namespace IO

@@ -1,0 +1,288 @@
+#include "net/address.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <utility>
+
+#include "base/exception.h"
+#include "trace/hex.h"
+#include "trace/trace.h"
+
+TRACE_MODULE("address");
+
+namespace Net {
+
+namespace {
+
+constexpr std::size_t maxPathLength = sizeof(sockaddr_un::sun_path) - 1;
+constexpr std::size_t maxAbstractLength = sizeof(sockaddr_un::sun_path) - 2;
+
+// `Record` is one of the kernel's; copied, because the storage holds no object of that type.
+template <typename Record>
+Record ReadRecord(Address const& address) {
+  Record record{};
+  std::memcpy(&record, address.GetData(),
+              std::min<std::size_t>(sizeof record, address.GetLength()));
+  return record;
+}
+
+template <typename Record>
+Address FromRecord(Record const& record, std::size_t length = sizeof(Record)) {
+  return Address(&record, length);
+}
+
+Address FromIPv4(in_addr ip, std::uint16_t port) {
+  sockaddr_in record{};
+  record.sin_family = AF_INET;
+  record.sin_port = htons(port);
+  record.sin_addr = ip;
+  return FromRecord(record);
+}
+
+Address FromIPv6(in6_addr const& ip, std::uint16_t port) {
+  sockaddr_in6 record{};
+  record.sin6_family = AF_INET6;
+  record.sin6_port = htons(port);
+  record.sin6_addr = ip;
+  return FromRecord(record);
+}
+
+[[noreturn]] void ThrowUnhandledFamily(int family) {
+  TRACE_ERROR("Unhandled address family", family);
+  throw Base::Exception("Unhandled Address Family");
+}
+
+template <typename Binary>
+Binary ParseLiteral(int family, std::string const& ip, std::string_view message) {
+  Binary binary{};
+  int const result = inet_pton(family, ip.c_str(), &binary);
+  if (result == 0) {
+    TRACE_ERROR(message, ip);
+    throw Base::Exception("Invalid Address");
+  }
+  if (result == -1) {
+    int const errorCode = errno;
+    TRACE_ERROR(message, ip, errorCode);
+    throw Base::ExceptionPosix("Invalid Address", errorCode);
+  }
+  return binary;
+}
+
+void ClearAfter(std::span<unsigned char> bytes, unsigned prefixBits) {
+  if (prefixBits > bytes.size() * 8) {
+    TRACE_ERROR("Network prefix is too long", prefixBits);
+    throw Base::Exception("Invalid Address");
+  }
+  auto const whole = prefixBits / 8;
+  auto const rest = bytes.subspan(whole);
+  if (rest.empty()) return;
+  rest[0] = static_cast<unsigned char>(rest[0] & (0xFF00U >> (prefixBits % 8)));
+  std::ranges::fill(rest.subspan(1), static_cast<unsigned char>(0));
+}
+
+void AppendEscaped(std::string& out, std::string_view name) {
+  for (char const c : name) {
+    auto const byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F || c == '\\') {
+      out.append("\\x").append(Trace::ToHex(std::span(&byte, 1)));
+    } else {
+      out.push_back(c);
+    }
+  }
+}
+
+std::string UnixText(Address const& address) {
+  constexpr std::size_t pathOffset = offsetof(sockaddr_un, sun_path);
+  std::string text = "unix:";
+  if (address.GetLength() <= pathOffset) return text;
+  auto const record = ReadRecord<sockaddr_un>(address);
+  std::size_t const pathLength =
+      std::min<std::size_t>(address.GetLength() - pathOffset, sizeof record.sun_path);
+  std::string_view const path(record.sun_path, pathLength);
+  if (path.front() == '\0') {
+    AppendEscaped(text.append("@"), path.substr(1));
+  } else {
+    AppendEscaped(text, path.substr(0, path.find('\0')));
+  }
+  return text;
+}
+
+template <typename Binary>
+std::string LiteralText(int family, Binary const& ip) {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  inet_ntop(family, &ip, text.data(), text.size());
+  return text.data();
+}
+
+}  // namespace
+
+Address::Address(void const* bytes, std::size_t length) {
+  if (length > maxLength) {
+    TRACE_ERROR("Address length exceeds maximum", length, maxLength);
+    throw Base::OverflowException();
+  }
+  if (length > 0) std::memcpy(_storage.data(), bytes, length);
+  _length = static_cast<std::uint32_t>(length);
+}
+
+Address Address::FromUnixPath(std::string_view path) {
+  sockaddr_un record{};
+  record.sun_family = AF_UNIX;
+  path.copy(record.sun_path, maxPathLength);
+  return FromRecord(record);
+}
+
+Address Address::FromUnixAbstract(std::string_view name) {
+  sockaddr_un record{};
+  record.sun_family = AF_UNIX;
+  std::size_t const length = name.copy(record.sun_path + 1, maxAbstractLength);
+  return FromRecord(record, offsetof(sockaddr_un, sun_path) + 1 + length);
+}
+
+Address Address::FromUnixText(std::string_view text) {
+  bool const isPath = text.find('/') != std::string_view::npos;
+  std::string_view name = text;
+  if (!isPath && name.starts_with('@')) name.remove_prefix(1);
+  if (name.empty() || name.size() > (isPath ? maxPathLength : maxAbstractLength)) {
+    TRACE_ERROR("Unix address is empty or too long", text);
+    throw Base::Exception("Invalid Address");
+  }
+  return isPath ? FromUnixPath(name) : FromUnixAbstract(name);
+}
+
+Address Address::Any(int family, std::uint16_t port) {
+  switch (family) {
+    case AF_INET:
+      return FromIPv4({htonl(INADDR_ANY)}, port);
+    case AF_INET6:
+      return FromIPv6(in6addr_any, port);
+    default:
+      ThrowUnhandledFamily(family);
+  }
+}
+
+Address Address::FromLiteral(int family, std::string const& text, std::uint16_t port) {
+  switch (family) {
+    case AF_INET:
+      return FromIPv4(ParseLiteral<in_addr>(family, text, "IPv4 address is invalid"), port);
+    case AF_INET6:
+      return FromIPv6(ParseLiteral<in6_addr>(family, text, "IPv6 address invalid"), port);
+    default:
+      ThrowUnhandledFamily(family);
+  }
+}
+
+Address Address::Resolve(std::string const& name, std::uint16_t port, std::string service) {
+  if (service.empty() && port == 80) service = "http";
+  if (service.empty() && port == 443) service = "https";
+  addrinfo* found = nullptr;
+  char const* const serviceText = service.empty() ? nullptr : service.c_str();
+  int const result = getaddrinfo(name.c_str(), serviceText, nullptr, &found);
+  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const list(found, &freeaddrinfo);
+  if (result != 0 || list == nullptr) {
+    TRACE_ERROR("Failed to determine address", name);
+    throw Base::Exception("Unknown Address");
+  }
+  Address const address(list->ai_addr, list->ai_addrlen);
+  switch (address.GetFamily()) {
+    case AF_INET:
+      return FromIPv4(ReadRecord<sockaddr_in>(address).sin_addr, port);
+    case AF_INET6: {
+      auto record = ReadRecord<sockaddr_in6>(address);  // as it is: it may have a scope
+      record.sin6_port = htons(port);
+      return FromRecord(record);
+    }
+    default:
+      return address;
+  }
+}
+
+Address Address::FromNameAndPort(std::string_view nameAndPort, std::string const& service) {
+  auto const colon = nameAndPort.find(':');
+  std::string_view const portString =
+      colon == std::string_view::npos ? std::string_view() : nameAndPort.substr(colon + 1);
+  std::uint32_t port = 0;
+  char const* const end = portString.data() + portString.size();
+  if (std::from_chars(portString.data(), end, port).ec != std::errc()) {
+    TRACE_ERROR("Failed to parse address", nameAndPort, portString);
+    throw Base::Exception("Invalid Address");
+  }
+  return Resolve(std::string(nameAndPort.substr(0, colon)), static_cast<std::uint16_t>(port),
+                 service);
+}
+
+Address Address::GetNetwork(unsigned prefixBits) const {
+  switch (GetFamily()) {
+    case AF_INET: {
+      auto record = ReadRecord<sockaddr_in>(*this);
+      std::array<unsigned char, sizeof record.sin_addr> bytes{};
+      std::memcpy(bytes.data(), &record.sin_addr, bytes.size());
+      ClearAfter(bytes, prefixBits);
+      std::memcpy(&record.sin_addr, bytes.data(), bytes.size());
+      return FromRecord(record);
+    }
+    case AF_INET6: {
+      auto record = ReadRecord<sockaddr_in6>(*this);
+      ClearAfter(record.sin6_addr.s6_addr, prefixBits);
+      return FromRecord(record);
+    }
+    default:
+      return {};
+  }
+}
+
+std::string Address::GetInterfaceName() const {
+  ifaddrs* found = nullptr;
+  if (getifaddrs(&found) == -1) throw Base::ExceptionPosix(errno);
+  std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> const list(found, &freeifaddrs);
+  std::string const text = ToText();
+  std::string name;
+  for (ifaddrs const* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr) continue;
+    bool const isIPv6 = entry->ifa_addr->sa_family == AF_INET6;
+    Address const address(entry->ifa_addr, isIPv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+    if (address.ToText() == text) name = entry->ifa_name;
+  }
+  return name;
+}
+
+int Address::GetFamily() const {
+  sa_family_t family = AF_UNSPEC;
+  if (_length >= sizeof family) std::memcpy(&family, _storage.data(), sizeof family);
+  return family;
+}
+
+std::string Address::ToText() const {
+  switch (GetFamily()) {
+    case AF_UNIX:
+      return UnixText(*this);
+    case AF_INET: {
+      auto const record = ReadRecord<sockaddr_in>(*this);
+      return LiteralText(AF_INET, record.sin_addr) + ":" + std::to_string(ntohs(record.sin_port));
+    }
+    case AF_INET6: {
+      auto const record = ReadRecord<sockaddr_in6>(*this);
+      return "[" + LiteralText(AF_INET6, record.sin6_addr) +
+             "]:" + std::to_string(ntohs(record.sin6_port));
+    }
+    default:
+      return std::to_string(GetFamily()) + ":" +
+             Trace::ToHex(std::span(_storage).first(_length));
+  }
+}
+
+void RenderTraceValue(std::string& out, Address const& address) {
+  Trace::RenderTraceValue(out, std::string_view(address.ToText()));
+}
+
+}  // namespace Net
