@@ -1,0 +1,124 @@
+#include "client/exchange.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <span>
+#include <utility>
+
+#include "base/exception.h"
+#include "base/io_thread.h"
+#include "io/native_messaging_host_read_stream.h"
+#include "io/native_messaging_host_write_stream.h"
+#include "net/socket.h"
+
+namespace {
+
+constexpr std::size_t readSize = 2048;
+constexpr std::uint32_t maxAnswerSize = std::uint32_t{16} << 20U;
+constexpr std::int64_t backlogRestMs = 10;
+
+// A status carries its errno as text only.
+bool IsError(Base::Status const& status, int errorCode) {
+  return Base::ErrnoText(errorCode) == status.Get().what();
+}
+
+}  // namespace
+
+Exchange::Exchange(Net::Address address, std::string request)
+    : _address(std::move(address)), _request(std::move(request)) {}
+
+std::future<std::string> Exchange::Start() {
+  Base::GetIOThread()->PostTask(
+      Base::MakeCallback([self = Base::Shared(this)] { self->Connect(SOCK_SEQPACKET); }));
+  return _answer.get_future();
+}
+
+template <typename Step>
+void Exchange::Try(Step step) {
+  try {
+    step();
+  } catch (std::exception const& err) {
+    Fail(err.what());
+  }
+}
+
+void Exchange::Connect(int type) {
+  Try([this, type] {
+    _socket = Base::MakeShared<Net::SocketLinux>(AF_UNIX, type, 0, Base::GetIOThread());
+    _socket->Connect(_address, Base::MakeCallback([self = Base::Shared(this),
+                                                   type](Base::Status const& status) {
+                       self->OnConnected(type, status);
+                     }));
+  });
+}
+
+void Exchange::OnConnected(int type, Base::Status const& status) {
+  if (!status) {
+    Try([this] { Ask(); });
+  } else if (type == SOCK_SEQPACKET && IsError(status, EPROTOTYPE)) {
+    Connect(SOCK_STREAM);
+  } else if (IsError(status, EAGAIN)) {
+    // The listener's backlog is full; a connect that does not block has to ask again.
+    Base::GetIOThread()->PostScheduledTask(
+        backlogRestMs,
+        Base::MakeCallback([self = Base::Shared(this), type] { self->Connect(type); }));
+  } else {
+    Fail("Cannot connect to " + _address.ToText() + ": " + status.Get().what());
+  }
+}
+
+void Exchange::Ask() {
+  auto const credentials = _socket->GetPeerCredentials();
+  if (credentials.uid != 0 && credentials.uid != geteuid()) {
+    Fail("Refusing to ask " + _address.ToText() + ": it is served by user " +
+         std::to_string(credentials.uid) + ", not by root or this user");
+    return;
+  }
+  auto const stream = Base::MakeShared<IO::NativeMessagingHostWriteStream>(
+      Base::MakeShared<Net::SocketWriteStream>(_socket));
+  auto const* const bytes = reinterpret_cast<unsigned char const*>(_request.data());
+  stream->Write(Base::ByteBuffer::CopyOf(std::span(bytes, _request.size())),
+                Base::MakeCallback([self = Base::Shared(this)](Base::Status const& status,
+                                                               Base::ByteBuffer) {
+                  self->OnAsked(status);
+                }));
+}
+
+void Exchange::OnAsked(Base::Status const& status) {
+  if (status) {
+    Fail(std::string("Cannot send the request: ") + status.Get().what());
+    return;
+  }
+  Try([this] {
+    auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
+        Base::MakeShared<Net::SocketReadStream>(_socket, readSize), maxAnswerSize);
+    stream->Read(Base::MakeCallback([self = Base::Shared(this)](Base::Status const& readStatus,
+                                                                Base::ByteBuffer packet,
+                                                                bool complete) {
+      self->OnAnswered(readStatus, packet, complete);
+    }));
+  });
+}
+
+void Exchange::OnAnswered(Base::Status const& status, Base::ByteBuffer const& packet,
+                          bool complete) {
+  if (status) {
+    Fail(std::string("Cannot read the answer: ") + status.Get().what());
+  } else if (complete && packet.GetLength() == 0) {
+    Fail("The daemon closed the connection without an answer");
+  } else if (!std::exchange(_ended, true)) {
+    auto const bytes = packet.GetSpan();
+    _answer.set_value(std::string(bytes.begin(), bytes.end()));
+    _socket->Close();
+  }
+}
+
+void Exchange::Fail(std::string const& reason) {
+  if (std::exchange(_ended, true)) return;
+  _answer.set_exception(std::make_exception_ptr(Base::Exception(reason)));
+  if (_socket) _socket->Close();
+}
