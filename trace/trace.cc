@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -160,7 +161,8 @@ void DropLine() noexcept {
 }
 
 Base::Shared<Log> const& MakeModule(char const* name) {
-  return *new Base::Shared<Log>(Base::MakeShared<Log>(name));
+  static auto& modules = *new std::deque<Base::Shared<Log>>;
+  return modules.emplace_back(Base::MakeShared<Log>(name));
 }
 
 }  // namespace Internal

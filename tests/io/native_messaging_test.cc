@@ -1,0 +1,159 @@
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include "base/exception.h"
+#include "base/io_thread.h"
+#include "io/native_messaging_host_read_stream.h"
+#include "io/native_messaging_host_write_stream.h"
+#include "net/socket.h"
+#include "tests/support/loop_fixture.h"
+
+namespace {
+
+constexpr std::uint32_t maxPacketSize = 131072;
+
+std::string Header(std::uint32_t size) {
+  std::string bytes(sizeof size, '\0');
+  std::memcpy(bytes.data(), &size, sizeof size);
+  return bytes;
+}
+
+// Packets over a real socket on the process-wide IO thread, to which outcomes are posted.
+class NativeMessagingTest : public LoopTest {
+ protected:
+  void SetUp() override {
+    LoopTest::SetUp();
+    loop->Stop();
+    loop = Base::GetIOThread();
+    Open(SOCK_SEQPACKET);
+  }
+
+  void TearDown() override {
+    OnLoop([this] { socket->Close(); });
+    socket.Reset();
+    // The IO thread goes on; what it holds is not this test's.
+  }
+
+  void Open(int type) {
+    if (socket) OnLoop([this] { socket->Close(); });
+    socket = MakePair(type, peer);
+  }
+
+  // The outcome of one `Read`: "status size end payload".
+  std::string ReadPacket() {
+    StartReading();
+    return events.Take();
+  }
+
+  void StartReading() {
+    OnLoop([this] {
+      auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
+          Base::MakeShared<Net::SocketReadStream>(socket, 2048), maxPacketSize);
+      stream->Read(Base::MakeCallback(
+          [this](Base::Status const& status, Base::ByteBuffer packet, bool complete) {
+            events.Add(StatusText(status) + (complete ? " end " : " ") + Text(packet));
+          }));
+    });
+  }
+
+  void WritePacket(Base::ByteBuffer const& data) {
+    OnLoop([&] {
+      auto const stream = Base::MakeShared<IO::NativeMessagingHostWriteStream>(
+          Base::MakeShared<Net::SocketWriteStream>(socket));
+      stream->Write(data, Base::MakeCallback([this](Base::Status const& status,
+                                                    Base::ByteBuffer written) {
+                      events.Add(StatusText(status) + " " + std::to_string(written.GetLength()));
+                    }));
+    });
+  }
+
+  Base::UniqueFd peer;
+  Base::Shared<Net::SocketLinux> socket;
+};
+
+// Each Send is a record of its own, so the payload takes two reads; one callback reports it whole.
+TEST_F(NativeMessagingTest, APayloadInPiecesIsOnePacket) {
+  Send(peer, Header(5));
+  Send(peer, "he");
+  Send(peer, "llo");
+  EXPECT_EQ(ReadPacket(), "ok hello;");
+  StartReading();
+  for (std::string const& piece : {Header(3), std::string("a"), std::string("bc")}) {
+    Send(peer, piece);
+    OnLoop([] {});
+  }
+  EXPECT_EQ(events.Take(), "ok abc;");
+}
+
+TEST_F(NativeMessagingTest, TheHeaderDecides) {
+  Send(peer, Header(0));
+  EXPECT_EQ(ReadPacket(), "ok end ;");
+  Send(peer, Header(maxPacketSize + 1));
+  EXPECT_EQ(ReadPacket(), "Max Packet Size Exceeded ;");
+  Send(peer, Header(0xFFFFFFFF));
+  EXPECT_EQ(ReadPacket(), "Max Packet Size Exceeded ;");
+  Send(peer, "123");
+  EXPECT_EQ(ReadPacket(), "Invalid Header Size ;");
+  Send(peer, Header(maxPacketSize));
+  std::string const payload(maxPacketSize, 'x');
+  Send(peer, payload);
+  EXPECT_EQ(ReadPacket(), "ok " + payload + ";");
+  EXPECT_THROW(IO::NativeMessagingHostReadStream({}, 1), Base::Exception);
+  EXPECT_THROW(IO::NativeMessagingHostWriteStream({}), Base::Exception);
+}
+
+TEST_F(NativeMessagingTest, TheEndOfTheStreamBetweenPacketsIsNoError) {
+  StartReading();
+  shutdown(peer.Get(), SHUT_WR);
+  EXPECT_EQ(events.Take(), "ok end ;");
+}
+
+TEST_F(NativeMessagingTest, TheEndOfTheStreamInsideAPacketIsOne) {
+  for (int const type : {SOCK_SEQPACKET, SOCK_STREAM}) {
+    Open(type);
+    Send(peer, Header(5));
+    if (type == SOCK_STREAM) Send(peer, "he");
+    StartReading();
+    shutdown(peer.Get(), SHUT_WR);
+    EXPECT_TRUE(events.Take().starts_with("Unexpected End Of Stream end"));
+  }
+}
+
+TEST_F(NativeMessagingTest, HeaderAndPayloadAreTwoRecords) {
+  WritePacket(Bytes("hello"));
+  EXPECT_EQ(Receive(peer), Header(5));
+  EXPECT_EQ(Receive(peer), "hello");
+  WritePacket({});
+  WritePacket(Bytes("x"));
+  EXPECT_EQ(events.Take(3), "ok 5;ok 0;ok 1;");
+  EXPECT_EQ(Receive(peer), Header(0));
+  EXPECT_EQ(Receive(peer), Header(1)) << "no empty record follows an empty packet";
+}
+
+TEST_F(NativeMessagingTest, AWriteIsContinuedUntilAllIsSent) {
+  Open(SOCK_STREAM);
+  int const small = 4096;
+  OnLoop([&] { socket->SetOption(SOL_SOCKET, SO_SNDBUF, &small, sizeof small); });
+  std::string const payload(1'000'000, 'x');
+  WritePacket(Bytes(payload));
+  std::string received;
+  while (received.size() < payload.size() + 4) received += Receive(peer);
+  EXPECT_EQ(received, Header(1'000'000) + payload);
+  EXPECT_EQ(events.Take(), "ok 1000000;");
+  Open(SOCK_STREAM);
+  peer.Reset();
+  WritePacket(Bytes("x"));
+  EXPECT_EQ(events.Take(), "Broken pipe (Err 32) 1;");
+}
+
+TEST_F(NativeMessagingTest, ClosedStreamsRefuse) {
+  OnLoop([this] {
+    auto const stream = Base::MakeShared<Net::SocketReadStream>(socket, 0);
+    stream->Close();
+    stream->Close();
+    EXPECT_THROW(stream->Read({}), Base::Exception);
+  });
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+#include "net/address.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <array>
+#include <string>
+
+#include "base/exception.h"
+
+namespace {
+
+using Net::Address;
+
+std::string ErrorOf(auto make) {
+  try {
+    make();
+  } catch (Base::Exception const& err) {
+    return err.what();
+  }
+  return "none";
+}
+
+TEST(AddressTest, UnixLengthsAreTheKernels) {
+  EXPECT_EQ(Address().GetLength(), 0U);
+  EXPECT_EQ(Address::FromUnixPath("/a").GetLength(), 110U);
+  EXPECT_EQ(Address::FromUnixPath(std::string(200, 'p')).ToText(),
+            "unix:" + std::string(107, 'p'));
+  EXPECT_EQ(Address::FromUnixAbstract("abc").GetLength(), 6U);
+  EXPECT_EQ(Address::FromUnixAbstract(std::string(200, 'n')).GetLength(), 109U);
+  std::array<unsigned char, 113> const bytes{};
+  EXPECT_EQ(Address(bytes.data(), 112).GetLength(), 112U);
+  EXPECT_EQ(ErrorOf([&] { Address(bytes.data(), 113); }), "Overflow");
+}
+
+TEST(AddressTest, UnixTextIsAPathWhereThereIsASlash) {
+  EXPECT_EQ(Address::FromUnixText("com.x").ToText(), "unix:@com.x");
+  EXPECT_EQ(Address::FromUnixText("@com.x").ToText(), "unix:@com.x");
+  EXPECT_EQ(Address::FromUnixText("./x").ToText(), "unix:./x");
+  EXPECT_EQ(Address::FromUnixText("@/x").ToText(), "unix:@/x") << "a path, not a name";
+  EXPECT_EQ(Address::FromUnixText("@/x").GetLength(), 110U);
+  EXPECT_EQ(Address::FromUnixText("/" + std::string(106, 'x')).GetLength(), 110U);
+  for (std::string const& text : {"/" + std::string(107, 'x'), std::string(107, 'x'),
+                                  std::string(), std::string("@")}) {
+    EXPECT_EQ(ErrorOf([&] { Address::FromUnixText(text); }), "Invalid Address") << text;
+  }
+}
+
+TEST(AddressTest, NamesOfPeersCannotForgeLines) {
+  EXPECT_EQ(Address::FromUnixAbstract("a\n\"b\\").ToText(), "unix:@a\\x0a\"b\\x5c");
+  EXPECT_EQ(Address("\x01\x00", 2).ToText(), "unix:");
+  EXPECT_NE(Address("\x11\x00\x01", 3).ToText(), Address("\x11\x00\x02", 3).ToText());
+}
+
+TEST(AddressTest, InternetAddresses) {
+  EXPECT_EQ(Address::Any(AF_INET, 80).ToText(), "0.0.0.0:80");
+  EXPECT_EQ(Address::Any(AF_INET6, 443).ToText(), "[::]:443");
+  EXPECT_EQ(Address::Any(AF_INET6, 443).GetLength(), sizeof(sockaddr_in6));
+  EXPECT_EQ(Address::FromLiteral(AF_INET, "192.0.2.1", 80).ToText(), "192.0.2.1:80");
+  EXPECT_EQ(Address::FromLiteral(AF_INET6, "2001:db8::1", 443).ToText(), "[2001:db8::1]:443");
+  EXPECT_EQ(ErrorOf([] { Address::FromLiteral(AF_INET, "300.0.0.1", 1); }), "Invalid Address");
+  EXPECT_EQ(ErrorOf([] { Address::FromLiteral(AF_INET6, "x", 1); }), "Invalid Address");
+  EXPECT_EQ(ErrorOf([] { Address::Any(AF_UNIX, 1); }), "Unhandled Address Family");
+}
+
+TEST(AddressTest, NameAndPort) {
+  EXPECT_EQ(Address::FromNameAndPort("127.0.0.1:8080").ToText(), "127.0.0.1:8080");
+  EXPECT_EQ(Address::FromNameAndPort("127.0.0.1:80x", "9").ToText(), "127.0.0.1:80");
+  for (char const* const text : {"127.0.0.1", "127.0.0.1:", "127.0.0.1:x", "h:99999999999", ""}) {
+    EXPECT_EQ(ErrorOf([&] { Address::FromNameAndPort(text, "9"); }), "Invalid Address") << text;
+  }
+  EXPECT_EQ(ErrorOf([] { Address::FromNameAndPort("no such host:9", "9"); }), "Unknown Address");
+}
+
+TEST(AddressTest, NetworksKeepThePrefix) {
+  auto const network = [](int family, char const* text, unsigned bits) {
+    return Address::FromLiteral(family, text, 0).GetNetwork(bits).ToText();
+  };
+  EXPECT_EQ(network(AF_INET, "192.168.1.77", 24), "192.168.1.0:0");
+  EXPECT_EQ(network(AF_INET, "192.168.255.77", 19), "192.168.224.0:0");
+  EXPECT_EQ(network(AF_INET, "192.168.1.77", 32), "192.168.1.77:0");
+  EXPECT_EQ(network(AF_INET, "192.168.1.77", 0), "0.0.0.0:0");
+  EXPECT_EQ(network(AF_INET6, "2001:db8:ffff::1", 33), "[2001:db8:8000::]:0");
+  EXPECT_EQ(ErrorOf([&] { network(AF_INET, "192.168.1.77", 33); }), "Invalid Address");
+  EXPECT_EQ(Address::FromUnixPath("/x").GetNetwork(8).GetLength(), 0U);
+}
+
+TEST(AddressTest, TheLoopbackInterfaceCarriesItsAddress) {
+  EXPECT_EQ(Address::FromLiteral(AF_INET, "127.0.0.1", 0).GetInterfaceName(), "lo");
+  EXPECT_EQ(Address::FromLiteral(AF_INET, "192.0.2.77", 0).GetInterfaceName(), "");
+}
+
+}  // namespace
