@@ -1,0 +1,187 @@
+#!/bin/bash
+# Measures the daemon side by side with the yardstick: latency, throughput and processor time with
+# and without trace lines, system calls per request, and the time from activation to an answer.
+set -euo pipefail
+
+usage="Usage: bench/compare.sh [-b DIRECTORY_OF_PROGRAMS] [-n REQUESTS] [-r ROUNDS]"
+bin=$(dirname "$0")/../build/release/bin
+requests=20000
+rounds=5
+while getopts b:n:r:h option; do
+  case $option in
+    b) bin=$OPTARG ;;
+    n) requests=$OPTARG ;;
+    r) rounds=$OPTARG ;;
+    h) echo "$usage" && exit 0 ;;
+    *) echo "$usage" >&2 && exit 2 ;;
+  esac
+done
+bin=$(realpath -e "$bin")
+for program in load yardstick ktclientd; do
+  [[ -x $bin/$program ]] || { echo "There is no $bin/$program" >&2 && exit 1; }
+done
+
+directory=$(mktemp -d)
+declare -A pids=()
+
+# start NAME COMMAND...: has COMMAND serve the socket $directory/NAME. Its environment is bare: a
+# KESTREL_ variable would override the command line.
+start() {
+  env -i PATH="$PATH" "${@:2}" >"$directory/$1.output" 2>&1 &
+  pids[$1]=$!
+}
+
+stop() {
+  local pid=${pids[$1]}
+  unset "pids[$1]"
+  kill "$pid" 2>/dev/null || true
+  # One that ignores the signal must not hold up the rest.
+  for _ in {1..200}; do
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.05
+  done
+  kill -KILL "$pid" 2>/dev/null || true
+  wait "$pid" 2>/dev/null || true
+}
+
+clean_up() {
+  for name in "${!pids[@]}"; do
+    stop "$name"
+  done
+  rm -rf "$directory"
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+start_daemon() {  # NAME ARGUMENT...
+  mkdir -p "$directory/$1.trace"
+  start "$1" "$bin/ktclientd" --socket="$directory/$1" --trace-folder="$directory/$1.trace" "${@:2}"
+}
+
+load() {  # NAME OPTION...
+  "$bin/load" --wait --socket="$directory/$1" --pid="${pids[$1]}" "${@:2}" || {
+    echo "The load on $1 failed, which wrote:" >&2
+    cat "$directory/$1.output" >&2
+    exit 1
+  }
+}
+
+median() {
+  sort -g | awk '{ v[NR] = $1 } END { print (v[int((NR + 1) / 2)] + v[int(NR / 2) + 1]) / 2 }'
+}
+
+# figure NAME KEY: the median over the rounds of what `load` reports as KEY.
+figure() {
+  awk -v key="$2" '$1 == key { print $2 }' "$directory/$1".round.* | median
+}
+
+# race TITLE YARDSTICK DAEMON: loads the two in turn, so that whatever else the machine does while
+# this runs slows down both.
+race() {
+  local round name key
+  for ((round = 1; round <= rounds; ++round)); do
+    for name in "$2" "$3"; do
+      load "$name" --warmup=1000 --requests="$requests" >"$directory/$name.round.$round"
+    done
+  done
+  printf '\n%s\n%-20s %12s %12s %8s\n' "$1" "" yardstick daemon ratio
+  for key in p50_us p99_us requests_per_s cpu_us_per_request; do
+    echo "$key $(figure "$2" "$key") $(figure "$3" "$key")"
+  done | awk '{ printf "%-20s %12.1f %12.1f %8.2f\n", $1, $2, $3, $3 / $2 }'
+}
+
+# count_calls NAME REQUESTS FILE: what the server calls while it is asked that often. Fails when it
+# cannot be traced.
+count_calls() {
+  local pid=${pids[$1]} tracer
+  strace -qq -c -f -o "$3" -p "$pid" 2>"$directory/strace.output" &
+  tracer=$!
+  pids[strace]=$tracer
+  until awk '$1 == "TracerPid:" && $2 == 0 { free = 1 } END { exit free }' \
+    "/proc/$pid/task/"*/status; do
+    if ! kill -0 "$tracer" 2>/dev/null; then
+      stop strace
+      return 1
+    fi
+    sleep 0.01
+  done
+  load "$1" --requests="$2" >/dev/null
+  stop strace
+}
+
+# The system calls of 2000 requests: those of 2100 less those of 100. What starting, ending and
+# idling take is in both.
+print_calls() {  # NAME
+  if ! count_calls "$1" 100 "$directory/few" || ! count_calls "$1" 2100 "$directory/many"; then
+    echo "$1: strace cannot attach: $(cat "$directory/strace.output")"
+    return
+  fi
+  # Of a table's lines only those of calls have a number in the fourth column; the last one is the
+  # sum.
+  awk -v name="$1" '
+    $4 ~ /^[0-9]+$/ && $NF != "total" {
+      calls[$NF] += (FILENAME ~ /many$/ ? 1 : -1) * $4
+    }
+    END {
+      for (call in calls) {
+        sum += calls[call]
+        if (calls[call] >= 20) {
+          list = list sprintf(" %s %.2f", call, calls[call] / 2000)
+        }
+      }
+      printf "%-10s %.2f:%s\n", name, sum / 2000, list
+    }' "$directory/few" "$directory/many"
+}
+
+# The daemon is executed when the request is already waiting for it.
+print_start_time() {
+  local round
+  for round in {1..10}; do
+    mkdir -p "$directory/activated.trace"
+    start activated systemd-socket-activate --seqpacket -l "$directory/activated" \
+      "$bin/ktclientd" --activated=true --trace-level=1 --trace-folder="$directory/activated.trace"
+    load activated --requests=1 >"$directory/activated.round.$round"
+    stop activated
+    rm -f "$directory/activated"
+  done
+  printf '\nFrom activation to the first answer, median of 10: %.0f us\n' \
+    "$(figure activated max_us)"
+}
+
+count_lines() {
+  cat "$directory/$1.trace/"* | wc -l
+}
+
+echo "Medians of $rounds rounds of $requests requests, one connection, one request at a time"
+
+start quiet_yardstick "$bin/yardstick" "$directory/quiet_yardstick"
+start_daemon quiet_daemon --trace-level=1
+race "Errors are traced only" quiet_yardstick quiet_daemon
+
+printf '\nSystem calls per request\n'
+if command -v strace >/dev/null; then
+  print_calls quiet_yardstick
+  print_calls quiet_daemon
+else
+  echo "not counted: there is no strace"
+fi
+stop quiet_yardstick
+stop quiet_daemon
+
+start_daemon tracing_daemon
+load tracing_daemon --requests=1000 >/dev/null
+before=$(count_lines tracing_daemon)
+load tracing_daemon --requests=1000 >/dev/null
+lines=$((($(count_lines tracing_daemon) - before + 500) / 1000))
+start tracing_yardstick "$bin/yardstick" "$directory/tracing_yardstick" "$lines" \
+  "$directory/tracing_yardstick.lines"
+race "Everything is traced by default: $lines lines a request" tracing_yardstick tracing_daemon
+stop tracing_yardstick
+stop tracing_daemon
+
+if command -v systemd-socket-activate >/dev/null; then
+  print_start_time
+else
+  printf '\nThe start is not timed: there is no systemd-socket-activate\n'
+fi
