@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 #include <span>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -59,5 +60,10 @@ class Buffer {
 };
 
 using ByteBuffer = Buffer<unsigned char>;
+
+inline ByteBuffer CopyOfText(std::string_view text) {
+  return ByteBuffer::CopyOf(
+      std::span(reinterpret_cast<unsigned char const*>(text.data()), text.size()));
+}
 
 }  // namespace Base

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <concepts>
 #include <functional>
-#include <type_traits>
 #include <utility>
 
 #include "base/shared.h"
@@ -74,8 +74,7 @@ class Callback {
  public:
   Callback() = default;
 
-  template <typename Callable>
-    requires std::is_invocable_v<Callable&, Args...>
+  template <std::invocable<Args...> Callable>
   Callback(Callable callable)  // NOLINT(google-explicit-constructor)
       : _callable(std::move(callable)) {}
 

@@ -9,9 +9,10 @@
 
 namespace Base {
 
-// Runs `function` on the thread of a running loop and waits for its end: the way in for a thread
-// that has to touch what belongs to the loop's. What the function throws arrives at the caller.
-// Throws Exception "Thread stopped" when the loop ends without having run it.
+// Runs `function` on the thread of a loop and waits for its end: the way in for a thread that has
+// to touch what belongs to the loop's. What the function throws arrives at the caller. Throws
+// Exception "Thread stopped" when the loop ends without having run it. The loop must be running:
+// one that does not run lets the caller wait until it does.
 template <typename Function>
 void RunAndWait(Thread& thread, Function function) {
   if (thread.IsCurrentThread()) {

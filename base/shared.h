@@ -13,7 +13,8 @@ namespace Base {
 // Threads:  the count is atomic, so handles may be copied and dropped on any thread; what the
 //           object itself allows is its own contract.
 // Lifetime: the release of the last handle deletes the object, on the thread that releases it. A
-//           constructor must not make a handle to its own object: letting go of it would be the last.
+//           constructor must not make a handle to its own object: letting go of it would be the
+//           last.
 class Shareable {
  public:
   Shareable(Shareable const&) = delete;
@@ -48,6 +49,9 @@ class Shareable {
   mutable std::atomic<std::uint32_t> _references{0};
 };
 
+template <typename From, typename To>
+concept PointerConvertibleTo = std::is_convertible_v<From*, To*>;
+
 // A counted handle to a `T`, or to nothing.
 template <typename T>
 class Shared {
@@ -61,13 +65,11 @@ class Shared {
   Shared(Shared const& other) noexcept : Shared(other._object) {}
   Shared(Shared&& other) noexcept : _object(std::exchange(other._object, nullptr)) {}
 
-  template <typename U>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U>
   Shared(Shared<U> const& other) noexcept  // NOLINT(google-explicit-constructor)
       : Shared(other.Get()) {}
 
-  template <typename U>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U>
   Shared(Shared<U>&& other) noexcept  // NOLINT(google-explicit-constructor)
       : _object(other.Detach()) {}
 

@@ -6,8 +6,8 @@ namespace Base {
 
 namespace {
 
-// A plain pointer with a reference of its own: a thread-local handle would be taken down in an order
-// that nobody sees.
+// A plain pointer with a reference of its own: a thread-local handle would be taken down in an
+// order that nobody sees.
 thread_local Thread* current = nullptr;
 
 }  // namespace

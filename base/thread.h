@@ -8,7 +8,8 @@ namespace Base {
 // A task runner that is one thread with a loop: its tasks run one at a time.
 class Thread : public TaskRunner {
  public:
-  // Runs the loop on a new thread, after `Stop`. Not before a loop that stopped itself has left.
+  // Runs the loop on a new thread, after `Stop`. Throws ExceptionPosix. Not before a loop that
+  // stopped itself has left.
   virtual void Start() = 0;
 
   // Ends the loop: it finishes the round that it is in and leaves. Waits for a started thread, but

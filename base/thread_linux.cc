@@ -12,6 +12,7 @@
 #include <chrono>
 #include <exception>
 #include <limits>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -27,7 +28,7 @@ namespace {
 constexpr std::size_t maxEvents = 256;
 constexpr int childPollMs = 1000;
 
-// Runs `task`; says whether it threw, and then calls `onError` with the exception.
+// Runs `task`; hands what it throws to `onError`.
 template <typename OnError>
 void RunCaught(Task const& task, OnError onError) {
   try {
@@ -90,8 +91,15 @@ void ThreadLinux::Wake() {
 void ThreadLinux::Start() {
   Stop();
   _stopping = false;
-  std::lock_guard const lock(_threadMutex);
-  _thread = std::thread([self = Shared(this)] { self->RunLoop(); });
+  try {
+    std::thread thread([self = Shared(this)] { self->RunLoop(); });
+    std::lock_guard const lock(_threadMutex);
+    _thread = std::move(thread);
+  } catch (std::system_error const& err) {
+    int const error = err.code().value();
+    TRACE_ERROR("Failed to start thread", this, error);
+    throw ExceptionPosix(error);
+  }
 }
 
 void ThreadLinux::Stop() {
@@ -169,16 +177,19 @@ void ThreadLinux::MonitorChildProcess(pid_t pid, ChildCallback callback) {
 
 void ThreadLinux::RunLoop() {
   TRACE_VERBOSE("Thread entry point started.", this);
-  CurrentScope const current{Shared<Thread>(this)};
-  _loopThreadId = std::this_thread::get_id();
-  do {
-    ++_round;
-    RunTasks();
-    Wait();
-    if (!_children.empty()) CheckChildren();
-  } while (!_stopping);
-  LetGo();
-  _loopThreadId = std::thread::id();
+  Shared const self(this);
+  {
+    CurrentScope const current{Shared<Thread>(this)};
+    _loopThreadId = std::this_thread::get_id();
+    do {
+      ++_round;
+      RunTasks();
+      Wait();
+      if (!_children.empty()) CheckChildren();
+    } while (!_stopping);
+    LetGo();
+    _loopThreadId = std::thread::id();
+  }
   TRACE_VERBOSE("Thread entry point stopped.", this);
 }
 
@@ -249,8 +260,7 @@ void ThreadLinux::ProcessWatch(epoll_event const& event) {
   TRACE_DEBUG("Watched file ready", this, fd, events);
   // A task, so that no callback changes the watches under the scan. It holds the callback: by the
   // time it runs the watch may be gone, and its descriptor's number another file's.
-  PostTask(MakeCallback(
-      [callback = found->second, fd, events] { callback->Call(fd, events); }));
+  PostTask(MakeCallback([callback = found->second, fd, events] { callback->Call(fd, events); }));
 }
 
 void ThreadLinux::ProcessChildSignal() {
@@ -312,8 +322,7 @@ void ThreadLinux::DispatchChildCallback(pid_t pid, int status) {
     return;
   }
   TRACE_VERBOSE("Dispatching callback for child process", pid, status);
-  PostTask(MakeCallback(
-      [callback = found->second, pid, status] { callback->Call(pid, status); }));
+  PostTask(MakeCallback([callback = found->second, pid, status] { callback->Call(pid, status); }));
   TRACE_VERBOSE("Removing child process", pid);
   _children.erase(found);
 }

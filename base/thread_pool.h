@@ -6,7 +6,8 @@
 
 namespace Base {
 
-// Ends the process-wide threads, once: a second call does nothing. From the thread that runs `main`.
+// Ends the process-wide threads, once: a second call does nothing. From the thread that runs
+// `main`.
 void ShutdownThreadPools();
 
 // Queues a task on `thread` that stops it and then calls `completion`, if there is one.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <iostream>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -22,11 +23,12 @@ constexpr std::size_t maxRequestSize = 131072;  // the daemon ends the connectio
 constexpr auto options = std::to_array<std::string_view>({"socket", "timeout", "compact"});
 
 void CheckOption(Argument const& argument) {
-  bool const isKnown = std::ranges::find(options, argument.name) != options.end() ||
-                       argument.name.starts_with("trace-");
+  std::string const name = NormaliseArgumentName(argument.name);
+  bool const isKnown =
+      std::ranges::find(options, name) != options.end() || name.starts_with("trace_");
   if (!isKnown) throw Base::Exception("Unknown option " + argument.text);
   bool const isFlag = (argument.kind & argumentFlag) != 0;
-  if (isFlag && (argument.name == "socket" || argument.name == "timeout")) {
+  if (isFlag && (name == "socket" || name == "timeout")) {
     throw Base::Exception("Option " + argument.text + " needs a value");
   }
 }
@@ -77,6 +79,15 @@ std::string ReadRequest(std::vector<std::string> const& words) {
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();
 }
 
+Net::Address ReadAddress() {
+  std::string const text = GetArgument("socket", "com.norvel.kestrel");
+  try {
+    return Net::Address::FromUnixText(text);
+  } catch (Base::Exception const&) {
+    throw Base::Exception("The socket's address is empty or too long");
+  }
+}
+
 std::chrono::seconds ReadTimeout() {
   if (!HasArgument("timeout")) return std::chrono::seconds(defaultTimeoutSeconds);
   Base::Maybe<std::int64_t> const timeout = GetInt64Argument("timeout");
@@ -92,7 +103,7 @@ std::chrono::seconds ReadTimeout() {
 CommandLine ReadCommandLine() {
   CommandLine commandLine;
   std::vector<std::string> const words = ReadWords();
-  commandLine.address = GetArgument("socket", "com.norvel.kestrel");
+  commandLine.address = ReadAddress();
   commandLine.timeout = ReadTimeout();
   commandLine.compact = GetBoolArgument("compact", false);
   commandLine.request = ReadRequest(words);
@@ -107,7 +118,8 @@ char const* GetUsage() {
          "  igel         the IGEL management certificates\n"
          "  send JSON    any request; \"-\" reads it from standard input\n"
          "\n"
-         "  --socket=ADDRESS     where the daemon listens: a path if it has a \"/\", else a name in\n"
+         "  --socket=ADDRESS     where the daemon listens: a path if it has a \"/\", else a name "
+         "in\n"
          "                       the abstract namespace (environment: KESTREL_SOCKET, which wins;\n"
          "                       default: com.norvel.kestrel)\n"
          "  --timeout=SECONDS    how long to wait for the answer (default: 30)\n"
@@ -115,6 +127,7 @@ char const* GetUsage() {
          "  --trace-console      trace to standard output, at --trace-level=LEVEL\n"
          "  --help, --version    print this or the version and exit\n"
          "\n"
-         "Exit status: 0 on \"Success\", 1 on any other status, 2 on wrong usage, 3 when there is no\n"
+         "Exit status: 0 on \"Success\", 1 on any other status, 2 on wrong usage, 3 when there is "
+         "no\n"
          "daemon, no answer in time, or a broken one.\n";
 }

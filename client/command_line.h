@@ -3,10 +3,12 @@
 #include <chrono>
 #include <string>
 
+#include "net/address.h"
+
 // What `ktclientctl` was asked to do.
 struct CommandLine {
-  std::string address;   // as the daemon's setting "socket"
-  std::string request;   // JSON
+  Net::Address address;
+  std::string request;  // JSON
   std::chrono::seconds timeout{};
   bool compact = false;  // the answer on one line
 };

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <exception>
-#include <span>
 #include <utility>
 
 #include "base/exception.h"
@@ -49,10 +48,10 @@ void Exchange::Try(Step step) {
 void Exchange::Connect(int type) {
   Try([this, type] {
     _socket = Base::MakeShared<Net::SocketLinux>(AF_UNIX, type, 0, Base::GetIOThread());
-    _socket->Connect(_address, Base::MakeCallback([self = Base::Shared(this),
-                                                   type](Base::Status const& status) {
-                       self->OnConnected(type, status);
-                     }));
+    _socket->Connect(
+        _address, Base::MakeCallback([self = Base::Shared(this), type](Base::Status const& status) {
+          self->OnConnected(type, status);
+        }));
   });
 }
 
@@ -80,12 +79,11 @@ void Exchange::Ask() {
   }
   auto const stream = Base::MakeShared<IO::NativeMessagingHostWriteStream>(
       Base::MakeShared<Net::SocketWriteStream>(_socket));
-  auto const* const bytes = reinterpret_cast<unsigned char const*>(_request.data());
-  stream->Write(Base::ByteBuffer::CopyOf(std::span(bytes, _request.size())),
-                Base::MakeCallback([self = Base::Shared(this)](Base::Status const& status,
-                                                               Base::ByteBuffer) {
-                  self->OnAsked(status);
-                }));
+  stream->Write(
+      Base::CopyOfText(_request),
+      Base::MakeCallback([self = Base::Shared(this)](Base::Status const& status, Base::ByteBuffer) {
+        self->OnAsked(status);
+      }));
 }
 
 void Exchange::OnAsked(Base::Status const& status) {
@@ -96,11 +94,11 @@ void Exchange::OnAsked(Base::Status const& status) {
   Try([this] {
     auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
         Base::MakeShared<Net::SocketReadStream>(_socket, readSize), maxAnswerSize);
-    stream->Read(Base::MakeCallback([self = Base::Shared(this)](Base::Status const& readStatus,
-                                                                Base::ByteBuffer packet,
-                                                                bool complete) {
-      self->OnAnswered(readStatus, packet, complete);
-    }));
+    stream->Read(
+        Base::MakeCallback([self = Base::Shared(this)](Base::Status const& readStatus,
+                                                       Base::ByteBuffer packet, bool complete) {
+          self->OnAnswered(readStatus, packet, complete);
+        }));
   });
 }
 

@@ -20,8 +20,8 @@ class Exchange final : public Base::Shareable {
   // `request` is the payload of the packet to send.
   Exchange(Net::Address address, std::string request);
 
-  // Starts. The future gets the payload of the answer, or a Base::Exception that says in one line why
-  // there is none; nothing for as long as the server keeps silent. Called once.
+  // Starts. The future gets the payload of the answer, or a Base::Exception that says in one line
+  // why there is none; nothing for as long as the server keeps silent. Called once.
   std::future<std::string> Start();
 
  private:

@@ -1,12 +1,10 @@
 #include <signal.h>
 
-#include <algorithm>
-#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <future>
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -15,21 +13,19 @@
 #include "base/thread_pool.h"
 #include "client/command_line.h"
 #include "client/exchange.h"
-#include "net/address.h"
 #include "utilities/arguments.h"
 
 namespace {
 
-enum ExitStatus : int { exitSuccess = 0, exitOtherStatus = 1, exitUsage = 2, exitNoAnswer = 3 };
+enum class ExitStatus : int { Success = 0, OtherStatus = 1, WrongUsage = 2, NoAnswer = 3 };
 
 int Complain(ExitStatus status, std::string const& reason) {
   std::cerr << "ktclientctl: " + reason + "\n";
-  return status;
+  return static_cast<int>(status);
 }
 
 std::string AskDaemon(CommandLine const& commandLine) {
-  auto const exchange = Base::MakeShared<Exchange>(
-      Net::Address::FromUnixText(commandLine.address), commandLine.request);
+  auto const exchange = Base::MakeShared<Exchange>(commandLine.address, commandLine.request);
   std::future<std::string> answer = exchange->Start();
   if (answer.wait_for(commandLine.timeout) != std::future_status::ready) {
     throw Base::Exception("No answer within " + std::to_string(commandLine.timeout.count()) +
@@ -38,16 +34,24 @@ std::string AskDaemon(CommandLine const& commandLine) {
   return answer.get();
 }
 
+// Printing is recursive, and no answer of the daemon's nests deeper than a few levels.
+bool RefuseDeepNesting(int depth, nlohmann::json::parse_event_t /*event*/,
+                       nlohmann::json const& /*parsed*/) {
+  constexpr int maxDepth = 100;
+  if (depth > maxDepth) throw Base::Exception("The daemon's answer is broken");
+  return true;
+}
+
 int PrintAnswer(std::string const& text, bool compact) {
-  auto const answer = nlohmann::json::parse(text, nullptr, false);
+  auto const answer = nlohmann::json::parse(text, &RefuseDeepNesting, false);
   bool const isAnswer = answer.contains("status") && answer["status"].is_string();
-  if (!isAnswer) return Complain(exitNoAnswer, "The daemon's answer is broken");
+  if (!isAnswer) return Complain(ExitStatus::NoAnswer, "The daemon's answer is broken");
   std::cout << answer.dump(compact ? -1 : 2) << "\n" << std::flush;
-  if (!std::cout) return Complain(exitNoAnswer, "Cannot print the answer");
+  if (!std::cout) return Complain(ExitStatus::NoAnswer, "Cannot print the answer");
   auto const status = answer["status"].get<std::string>();
-  if (status == "Success") return exitSuccess;
+  if (status == "Success") return static_cast<int>(ExitStatus::Success);
   bool const hasMessage = answer.contains("error_message") && answer["error_message"].is_string();
-  return Complain(exitOtherStatus,
+  return Complain(ExitStatus::OtherStatus,
                   "The daemon answered " + status +
                       (hasMessage ? ": " + answer["error_message"].get<std::string>() : ""));
 }
@@ -57,34 +61,40 @@ int Run(CommandLine const& commandLine) {
     std::string const text = AskDaemon(commandLine);
     return PrintAnswer(text, commandLine.compact);
   } catch (std::exception const& err) {
-    return Complain(exitNoAnswer, err.what());
+    return Complain(ExitStatus::NoAnswer, err.what());
   }
 }
 
-bool HasOption(std::span<char const* const> arguments, std::string_view option) {
-  return std::ranges::any_of(arguments,
-                             [option](char const* argument) { return argument == option; });
+// The environment's settings are the daemon's: its trace on the console would stand in the middle
+// of the answer. Only the address is for both.
+void ForgetDaemonSettings() {
+  ParseArguments();
+  for (Argument const& argument : GetArguments()) {
+    if (NormaliseArgumentName(argument.name) == "socket") continue;
+    unsetenv(argument.text.substr(0, argument.text.find('=')).c_str());
+  }
 }
 
 int Print(std::string_view text) {
   std::cout << text << std::flush;
-  return std::cout ? exitSuccess : Complain(exitNoAnswer, "Cannot print");
+  return std::cout ? 0 : Complain(ExitStatus::NoAnswer, "Cannot print");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::span<char const* const> const arguments(argv, static_cast<std::size_t>(argc));
-  if (HasOption(arguments, "--help")) return Print(GetUsage());
-  if (HasOption(arguments, "--version")) return Print("ktclientctl " KTCLIENTD_VERSION "\n");
+  if (IsWordOfCommandLine(argc, argv, "--help")) return Print(GetUsage());
+  if (IsWordOfCommandLine(argc, argv, "--version"))
+    return Print("ktclientctl " KTCLIENTD_VERSION "\n");
   // A daemon or a reader of ours that goes away is an error like any other.
   signal(SIGPIPE, SIG_IGN);
+  ForgetDaemonSettings();
   ParseArguments(argc, argv);
   CommandLine commandLine;
   try {
     commandLine = ReadCommandLine();
   } catch (Base::Exception const& err) {
-    return Complain(exitUsage, std::string(err.what()) + " (see ktclientctl --help)");
+    return Complain(ExitStatus::WrongUsage, std::string(err.what()) + " (see ktclientctl --help)");
   }
   int const status = Run(commandLine);
   Base::ShutdownThreadPools();

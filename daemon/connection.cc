@@ -5,10 +5,10 @@
 #include <nlohmann/json.hpp>
 
 #include "base/exception.h"
-#include "base/io_thread.h"
 #include "daemon/activity.h"
 #include "daemon/dispatch.h"
 #include "daemon/response.h"
+#include "daemon/turn_read_stream.h"
 #include "io/native_messaging_host_read_stream.h"
 #include "trace/trace.h"
 
@@ -41,22 +41,12 @@ void OnNewConnection(Base::Status const& err, Net::Address const& address,
 
 void StartReading(Base::Shared<Net::Socket> const& socket) {
   auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-      Base::MakeShared<Net::SocketReadStream>(socket, readSize), maxPacketSize);
-  auto const ioThread = Base::GetIOThread();
-  stream->Read(Base::MakeCallback([socket, ioThread, round = ioThread->GetRound()](
-                                      Base::Status const& err, Base::ByteBuffer buffer,
-                                      bool complete) {
-    if (ioThread->GetRound() != round) {
-      ReadFromSocket(socket, err, buffer, complete);
-      return;
-    }
-    // The packet was there already, and the loop has not polled since this connection had its turn: a
-    // client that never lets its connection run dry would keep the loop from everyone else. A
-    // scheduled task waits for the next round, a posted one would not.
-    ioThread->PostScheduledTask(0, Base::MakeCallback([socket, err, buffer, complete] {
-                                  ReadFromSocket(socket, err, buffer, complete);
-                                }));
-  }));
+      Base::MakeShared<TurnReadStream>(Base::MakeShared<Net::SocketReadStream>(socket, readSize)),
+      maxPacketSize);
+  stream->Read(
+      Base::MakeCallback([socket](Base::Status const& err, Base::ByteBuffer buffer, bool complete) {
+        ReadFromSocket(socket, err, buffer, complete);
+      }));
 }
 
 void ReadFromSocket(Base::Shared<Net::Socket> const& socket, Base::Status const& err,
@@ -69,7 +59,6 @@ void ReadFromSocket(Base::Shared<Net::Socket> const& socket, Base::Status const&
   }
   if (complete) {
     TRACE_VERBOSE("Socket is complete", socket, buffer);
-    // The client may have ended only its own direction, and still be reading.
     DisconnectSocketWhenWritten(socket);
     return;
   }

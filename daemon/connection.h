@@ -7,8 +7,9 @@
 #include "net/socket.h"
 #include "net/socket_linux.h"
 
-// The connections that clients make: each is read packet by packet, a request after the other, until
-// the client ends it or something fails. On the IO thread; whatever is pending holds the connection.
+// The connections that clients make: each is read packet by packet, a request after the other,
+// until the client ends it or something fails. On the IO thread; whatever is pending holds the
+// connection.
 
 // Takes a connection, or the failure to take one.
 void OnNewConnection(Base::Status const& err, Net::Address const& address,
@@ -17,7 +18,8 @@ void OnNewConnection(Base::Status const& err, Net::Address const& address,
 // Reads the next packet of a connection.
 void StartReading(Base::Shared<Net::Socket> const& socket);
 
-// Answers a packet and reads the next one. The end of the stream ends the connection, and so does
-// whatever goes wrong.
+// Answers a packet and reads the next one. Whatever goes wrong ends the connection, and so does the
+// end of the stream, there only after the responses that are still under way: a client that has
+// ended its own direction may still be reading.
 void ReadFromSocket(Base::Shared<Net::Socket> const& socket, Base::Status const& err,
                     Base::ByteBuffer const& buffer, bool complete);

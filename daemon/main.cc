@@ -4,15 +4,11 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "base/exception.h"
@@ -35,8 +31,8 @@
 TRACE_MODULE("main");
 
 // The process's first thread starts everything, then runs the loop of the "main thread", on which
-// nothing happens but signals and the idle check, and shuts everything down. Connections live on the
-// IO thread.
+// nothing happens but signals and the idle check, and shuts everything down. Connections live on
+// the IO thread.
 
 namespace {
 
@@ -50,6 +46,7 @@ struct Daemon {
   Base::Shared<Net::SocketLinux> listenSocket;
   Base::Shared<Base::ThreadLinux> mainThread;
   std::optional<SocketFile> socketFile;  // where this process bound a path
+  Base::UniqueFd folderLock;             // until it listens there
   std::once_flag shutdown;
 };
 
@@ -65,8 +62,8 @@ void OpenMissingStandardStreams() {
   if (fd > STDERR_FILENO) close(fd);
 }
 
-// Packets get pages of their own, which go back when they are done: one of the largest size must not
-// grow the heap, nor its announcement alone take memory that an earlier one has touched.
+// Packets get pages of their own, which go back when they are done: one of the largest size must
+// not grow the heap, nor its announcement alone take memory that an earlier one has touched.
 void LimitHeap() {
   mallopt(M_MMAP_THRESHOLD, 32768);
   mallopt(M_ARENA_MAX, 1);
@@ -84,9 +81,8 @@ void UseActivatedSocket() {
       Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(activatedFd), Base::GetIOThread());
   std::chrono::milliseconds const period = GetActivatedPeriod();
   daemon.mainThread = Base::MakeShared<Base::ThreadLinux>();
-  daemon.mainThread->PostScheduledTask(
-      period.count(),
-      Base::MakeCallback([thread = daemon.mainThread] { CheckIdleShutdown(thread); }));
+  daemon.mainThread->PostScheduledTask(period.count(),
+                                       Base::MakeCallback([] { CheckIdleShutdown(); }));
 }
 
 void BindOwnSocket(std::string const& socketText) {
@@ -96,7 +92,7 @@ void BindOwnSocket(std::string const& socketText) {
       Base::MakeShared<Net::SocketLinux>(AF_UNIX, SOCK_SEQPACKET, 0, Base::GetIOThread());
   Net::Address const address = Net::Address::FromUnixText(socketText);
   bool const isPath = socketText.find('/') != std::string::npos;
-  if (isPath) SocketFile::RemoveStale(socketText);
+  if (isPath) daemon.folderLock = SocketFile::RemoveStale(socketText);
   daemon.listenSocket->Bind(address);
   if (isPath) daemon.socketFile.emplace(socketText);
 }
@@ -147,6 +143,7 @@ void OnSignal(int signalNumber) {
 void AbandonStart() {
   Daemon& daemon = GetDaemon();
   daemon.socketFile.reset();
+  daemon.folderLock.Reset();
   Base::ShutdownThreadPools();
   daemon.listenSocket.Reset();
   daemon.mainThread.Reset();
@@ -166,27 +163,25 @@ void RunDaemon(int argc, char const* const* argv) {
     TRACE_VERBOSE("Shutting down with nothing to do");
     return;
   }
-  Listen();
+  // Before anybody is served: a command that a sensor starts lets signals through to the IO thread
+  // for a moment.
   RelayTermination(*daemon.mainThread, Base::Callback<int>(&OnSignal));
+  Listen();
+  GetDaemon().folderLock.Reset();
+  ReleaseTermination();
   // A handle of its own: the shutdown empties the daemon's while the loop still runs.
   Base::Shared<Base::ThreadLinux> const mainThread = daemon.mainThread;
   mainThread->Run();
   OnSignal(loopEnded);
 }
 
-bool HasOption(std::span<char const* const> arguments, std::string_view option) {
-  return std::ranges::any_of(arguments,
-                             [option](char const* argument) { return argument == option; });
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::span<char const* const> const arguments(argv, static_cast<std::size_t>(argc));
-  if (HasOption(arguments, "--help")) {
+  if (IsWordOfCommandLine(argc, argv, "--help")) {
     return std::fputs(GetUsage().c_str(), stdout) == EOF || std::fflush(stdout) == EOF ? 1 : 0;
   }
-  if (HasOption(arguments, "--version")) {
+  if (IsWordOfCommandLine(argc, argv, "--version")) {
     return std::puts("ktclientd " KTCLIENTD_VERSION) == EOF || std::fflush(stdout) == EOF ? 1 : 0;
   }
   HoldBackTermination();

@@ -1,15 +1,17 @@
 #include "daemon/response.h"
 
 #include <cstddef>
+#include <exception>
 #include <nlohmann/json.hpp>
-#include <span>
 #include <string_view>
 #include <unordered_map>
 
 #include "base/buffer.h"
 #include "base/exception.h"
+#include "base/io_thread.h"
 #include "base/stream.h"
 #include "daemon/packet_backlog.h"
+#include "daemon/turn.h"
 #include "io/native_messaging_host_write_stream.h"
 #include "trace/trace.h"
 
@@ -24,9 +26,13 @@ namespace {
 // What one connection may leave unread on top of what the kernel holds for it.
 constexpr std::size_t maxUnreadLength = std::size_t{1} << 20U;
 
+constexpr unsigned responsesInATurn = 16;
+
 struct Outgoing {
   std::size_t underWay = 0;  // the length of the response that is being written
   PacketBacklog backlog;
+  Turn turn{Base::GetIOThread(), responsesInATurn};
+  bool hasOverflowed = false;
   bool disconnectWhenWritten = false;
 };
 
@@ -43,8 +49,7 @@ void OnResponseWritten(Base::Shared<Net::Socket> const& socket, Base::Status con
 void StartWriting(Base::Shared<Net::Socket> const& socket, std::string_view text) {
   auto const stream = Base::MakeShared<IO::NativeMessagingHostWriteStream>(
       Base::MakeShared<Net::SocketWriteStream>(socket));
-  auto const* const bytes = reinterpret_cast<unsigned char const*>(text.data());
-  stream->Write(Base::ByteBuffer::CopyOf(std::span(bytes, text.size())),
+  stream->Write(Base::CopyOfText(text),
                 Base::MakeCallback([socket](Base::Status const& err, Base::ByteBuffer buffer) {
                   OnResponseWritten(socket, err, buffer);
                 }));
@@ -57,6 +62,17 @@ void OnWriteFailed(Base::Shared<Net::Socket> const& socket, Base::Status const& 
   DisconnectSocket(socket);
 }
 
+void WriteNext(Base::Shared<Net::Socket> const& socket) {
+  Outgoing& outgoing = GetOutgoing().at(socket.Get());
+  std::string const text = outgoing.backlog.Pop();
+  outgoing.underWay = text.size();
+  try {
+    StartWriting(socket, text);
+  } catch (std::exception const& thrown) {
+    OnWriteFailed(socket, Base::Exception(thrown.what()), {});
+  }
+}
+
 void OnResponseWritten(Base::Shared<Net::Socket> const& socket, Base::Status const& err,
                        Base::ByteBuffer const& buffer) {
   if (err) {
@@ -66,13 +82,7 @@ void OnResponseWritten(Base::Shared<Net::Socket> const& socket, Base::Status con
   TRACE_VERBOSE("Successfully wrote packet", buffer);
   Outgoing& outgoing = GetOutgoing().at(socket.Get());
   if (!outgoing.backlog.IsEmpty()) {
-    std::string const text = outgoing.backlog.Pop();
-    outgoing.underWay = text.size();
-    try {
-      StartWriting(socket, text);
-    } catch (Base::Exception const& thrown) {
-      OnWriteFailed(socket, Base::Exception(thrown.what()), {});
-    }
+    outgoing.turn.Take(Base::MakeCallback([socket] { WriteNext(socket); }));
     return;
   }
   bool const disconnect = outgoing.disconnectWhenWritten;
@@ -94,8 +104,10 @@ void Send(Base::Shared<Net::Socket> const& socket, std::string const& text) {
     return;
   }
   std::size_t const unread = outgoing.underWay + outgoing.backlog.GetLength();
-  if (unread + PacketBacklog::GetPacketLength(text) > maxUnreadLength) {
+  if (outgoing.hasOverflowed || unread + PacketBacklog::GetPacketLength(text) > maxUnreadLength) {
     TRACE_WARNING("Client leaves too many responses unread", socket, unread, maxUnreadLength);
+    // A shorter one, of the error for instance, may still fit, but the connection is to end.
+    outgoing.hasOverflowed = true;
     throw Base::Exception("Too Many Unread Responses");
   }
   outgoing.backlog.Push(text);

@@ -71,5 +71,6 @@ void RelayTermination(Base::ThreadLinux& loop, Base::Callback<int> onSignal) {
                   ReadSignals(fd, onSignal);
                 }));
   SetHandler(SIGTERM, &OnTermination);
-  ChangeMask(SIG_UNBLOCK);
 }
+
+void ReleaseTermination() { ChangeMask(SIG_UNBLOCK); }

@@ -5,8 +5,8 @@
 
 // Signals, and how they reach a loop.
 
-// Holds SIGTERM back on the calling thread and on those that it starts later, until
-// `RelayTermination`. First thing in `main`.
+// Holds SIGTERM back on the calling thread and on those that it starts later. First thing in
+// `main`.
 void HoldBackTermination();
 
 // Makes a write to a peer that is gone fail with EPIPE instead of ending the process. A handler and
@@ -14,6 +14,9 @@ void HoldBackTermination();
 void SurviveBrokenPipes();
 
 // Takes SIGTERM: the handler hands the number to `loop`, which calls `onSignal` with it, as a task,
-// once for each signal. Lets a SIGTERM through that was held back. Called once, from the thread that
-// will run the loop, before it does. Throws Base::ExceptionPosix.
+// once for each signal. Called once, from the thread that will run the loop, before it does. Throws
+// Base::ExceptionPosix.
 void RelayTermination(Base::ThreadLinux& loop, Base::Callback<int> onSignal);
+
+// Lets SIGTERM through to the calling thread, also one that was held back.
+void ReleaseTermination();

@@ -1,10 +1,14 @@
 #include "daemon/socket_file.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "base/unique_fd.h"
@@ -15,7 +19,11 @@ TRACE_MODULE("main");
 
 namespace {
 
-// Only a refused connection says so: a listener that is busy, or of another type, answers otherwise.
+constexpr std::chrono::seconds lockPatience(1);
+constexpr std::chrono::milliseconds lockRest(5);
+
+// Only a refused connection says so: a listener that is busy, or of another type, answers
+// otherwise.
 bool IsAbandoned(std::string const& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) == -1 || !S_ISSOCK(status.st_mode)) return false;
@@ -24,6 +32,18 @@ bool IsAbandoned(std::string const& path) {
   Net::Address const address = Net::Address::FromUnixPath(path);
   return connect(probe.Get(), address.GetData(), address.GetLength()) == -1 &&
          errno == ECONNREFUSED;
+}
+
+// Anybody who can read the folder can hold such a lock, so it is not waited for without end.
+Base::UniqueFd LockFolder(std::string const& path) {
+  std::string const folder = path.substr(0, path.rfind('/') + 1);
+  Base::UniqueFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  auto const deadline = std::chrono::steady_clock::now() + lockPatience;
+  while (lock && flock(lock.Get(), LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(lockRest);
+  }
+  return lock;
 }
 
 void RemoveFile(std::string const& path) {
@@ -37,8 +57,10 @@ void RemoveFile(std::string const& path) {
 
 }  // namespace
 
-void SocketFile::RemoveStale(std::string const& path) {
+Base::UniqueFd SocketFile::RemoveStale(std::string const& path) {
+  Base::UniqueFd lock = LockFolder(path);
   if (IsAbandoned(path)) RemoveFile(path);
+  return lock;
 }
 
 SocketFile::SocketFile(std::string path) : _path(std::move(path)) {

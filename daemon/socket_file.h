@@ -4,12 +4,16 @@
 
 #include <string>
 
+#include "base/unique_fd.h"
+
 // The file of a Unix socket that this process binds itself.
 class SocketFile {
  public:
-  // Removes the socket file at `path` when nobody listens on it any more. Anything else there is left
-  // alone, for bind(2) to fail on.
-  static void RemoveStale(std::string const& path);
+  // Removes the socket file at `path` when nobody listens on it any more. Anything else there is
+  // left alone, for bind(2) to fail on. Returns a lock on the folder, to be held until somebody
+  // listens: between the two another daemon that starts would take the new file for an abandoned
+  // one.
+  static Base::UniqueFd RemoveStale(std::string const& path);
 
   // Takes over the file that has just been bound at `path`.
   explicit SocketFile(std::string path);

@@ -43,7 +43,8 @@ std::string GetUsage() {
       "Usage: ktclientd [--NAME=VALUE | --NAME:VALUE | --FLAG]...\n"
       "Answers device-posture questions on a Unix socket.\n"
       "\n"
-      "Each setting is an argument or a variable of the environment, which wins over the argument.\n"
+      "Each setting is an argument or a variable of the environment, which wins over the "
+      "argument.\n"
       "\n";
   for (Setting const& setting : settings) {
     text.append("  ").append(setting.form).append("\n");

@@ -1,6 +1,7 @@
 #include "io/native_messaging_host_read_stream.h"
 
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "base/exception.h"
@@ -17,10 +18,8 @@ using Callback = NativeMessagingHostReadStream::Callback;
 
 // For outcomes that are this stream's own and not the source's: as a task of their own.
 void PostOutcome(Callback const& callback, Base::Status status, bool complete) {
-  Base::GetIOThread()->PostTask(
-      Base::MakeCallback([callback, status = std::move(status), complete] {
-        callback->Call(status, {}, complete);
-      }));
+  Base::GetIOThread()->PostTask(Base::MakeCallback(
+      [callback, status = std::move(status), complete] { callback->Call(status, {}, complete); }));
 }
 
 }  // namespace
@@ -89,21 +88,25 @@ void NativeMessagingHostReadStream::ReadData(Buffer const& allData, std::size_t 
                                              Callback const& callback) {
   if (!_source) throw Base::Exception("Read Stream Closed");  // between two reads
   Buffer const rest = allData.Slice(allData.GetLength() - remaining, remaining);
-  _source->ReadInto(
-      rest, Base::MakeCallback([self = Base::Shared(this), allData, remaining, callback](
-                                   Base::Status const& err, Buffer data, bool complete) {
-        self->OnDataRead(err, data, complete, allData, remaining, callback);
-      }));
+  _source->ReadInto(rest,
+                    Base::MakeCallback([self = Base::Shared(this), allData, remaining, callback](
+                                           Base::Status const& err, Buffer data, bool complete) {
+                      self->OnDataRead(err, data, complete, allData, remaining, callback);
+                    }));
 }
 
 void NativeMessagingHostReadStream::OnDataRead(Base::Status const& err, Buffer const& data,
                                                bool complete, Buffer const& allData,
                                                std::size_t remaining, Callback const& callback) {
-  bool const endedEarly = !err && data.GetLength() == 0 && complete;
-  if (err || endedEarly) {
+  if (!err && data.GetLength() == 0 && complete) {
+    // Asked again, an ended stream would go on to say so.
+    OnDataRead(Base::Exception("Unexpected End Of Stream"), data, complete, allData, remaining,
+               callback);
+    return;
+  }
+  if (err) {
     TRACE_ERROR("Read data failed", this, err, data, complete, allData, remaining);
-    callback->Call(endedEarly ? Base::Status(Base::Exception("Unexpected End Of Stream")) : err,
-                   allData, complete);
+    callback->Call(err, allData, complete);
     return;
   }
   if (data.GetLength() == remaining) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "base/buffer.h"
@@ -24,9 +25,10 @@ class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer
   NativeMessagingHostReadStream(Base::Shared<FileReadStream> source, std::uint32_t maxPacketSize);
 
   // Reads one packet; calls back exactly once, never from inside this call, with
-  // (status, payload, complete). `complete` is the end of the stream: success and no payload.
-  // Failures: the source's own; "Invalid Header Size"; "Unexpected End Of Stream"; "Max Packet
-  // Size Exceeded", which leaves the payload unread. One read at a time, none after `Close`.
+  // (status, payload, complete). `complete` is the end of the stream: success and no payload, or
+  // the last payload where the source reports its end along with the last bytes. Failures: the
+  // source's own; "Invalid Header Size"; "Unexpected End Of Stream"; "Max Packet Size Exceeded",
+  // which leaves the payload unread. One read at a time, none after `Close`.
   void Read(Callback callback) override;
 
   // Closes the source and lets go of it; a second call does nothing.
@@ -38,8 +40,8 @@ class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer
   void OnSizeRead(Base::Status const& err, Buffer const& sizeBuffer, bool complete,
                   Callback const& callback);
   void ReadData(Buffer const& allData, std::size_t remaining, Callback const& callback);
-  void OnDataRead(Base::Status const& err, Buffer const& data, bool complete,
-                  Buffer const& allData, std::size_t remaining, Callback const& callback);
+  void OnDataRead(Base::Status const& err, Buffer const& data, bool complete, Buffer const& allData,
+                  std::size_t remaining, Callback const& callback);
 
   Base::Shared<FileReadStream> _source;  // empty once closed
   std::uint32_t const _maxPacketSize;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "base/exception.h"
@@ -41,8 +42,7 @@ void NativeMessagingHostWriteStream::OnSizeWritten(Base::Status const& err, Buff
     callback->Call(err, data);
     return;
   }
-  TRACE_DEBUG("Writing data", this, data,
-              Trace::As("sizeHex", Trace::ToHex(size.GetSpan())));
+  TRACE_DEBUG("Writing data", this, data, Trace::As("sizeHex", Trace::ToHex(size.GetSpan())));
   if (data.GetLength() == 0) {
     // A write of nothing would be an empty record on a packet socket.
     OnDataWritten(err, data, callback);
@@ -65,8 +65,7 @@ void NativeMessagingHostWriteStream::OnDataWritten(Base::Status const& err, Buff
   if (err) {
     TRACE_ERROR("Failed to write data", this, err);
   } else {
-    TRACE_DEBUG("Write complete", this, data,
-                Trace::As("dataHex", Trace::ToHex(data.GetSpan())));
+    TRACE_DEBUG("Write complete", this, data, Trace::As("dataHex", Trace::ToHex(data.GetSpan())));
   }
   callback->Call(err, data);
 }

@@ -93,10 +93,11 @@ void ClearAfter(std::span<unsigned char> bytes, unsigned prefixBits) {
 void AppendEscaped(std::string& out, std::string_view name) {
   for (char const c : name) {
     auto const byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7F || c == '\\') {
-      out.append("\\x").append(Trace::ToHex(std::span(&byte, 1)));
-    } else {
+    bool const isPlain = byte >= 0x20 && byte < 0x7F && c != '"' && c != '\\';
+    if (isPlain) {
       out.push_back(c);
+    } else {
+      out.append("\\x").append(Trace::ToHex(std::span(&byte, 1)));
     }
   }
 }
@@ -182,7 +183,7 @@ Address Address::FromLiteral(int family, std::string const& text, std::uint16_t 
   }
 }
 
-Address Address::Resolve(std::string const& name, std::uint16_t port, std::string service) {
+Address Address::Resolve(std::string const& name, std::uint32_t port, std::string service) {
   if (service.empty() && port == 80) service = "http";
   if (service.empty() && port == 443) service = "https";
   addrinfo* found = nullptr;
@@ -196,10 +197,10 @@ Address Address::Resolve(std::string const& name, std::uint16_t port, std::strin
   Address const address(list->ai_addr, list->ai_addrlen);
   switch (address.GetFamily()) {
     case AF_INET:
-      return FromIPv4(ReadRecord<sockaddr_in>(address).sin_addr, port);
+      return FromIPv4(ReadRecord<sockaddr_in>(address).sin_addr, static_cast<std::uint16_t>(port));
     case AF_INET6: {
       auto record = ReadRecord<sockaddr_in6>(address);  // as it is: it may have a scope
-      record.sin6_port = htons(port);
+      record.sin6_port = htons(static_cast<std::uint16_t>(port));
       return FromRecord(record);
     }
     default:
@@ -211,13 +212,13 @@ Address Address::FromNameAndPort(std::string_view nameAndPort, std::string const
   auto const colon = nameAndPort.find(':');
   std::string_view const portString =
       colon == std::string_view::npos ? std::string_view() : nameAndPort.substr(colon + 1);
-  std::uint32_t port = 0;
+  std::uint64_t port = 0;
   char const* const end = portString.data() + portString.size();
   if (std::from_chars(portString.data(), end, port).ec != std::errc()) {
     TRACE_ERROR("Failed to parse address", nameAndPort, portString);
     throw Base::Exception("Invalid Address");
   }
-  return Resolve(std::string(nameAndPort.substr(0, colon)), static_cast<std::uint16_t>(port),
+  return Resolve(std::string(nameAndPort.substr(0, colon)), static_cast<std::uint32_t>(port),
                  service);
 }
 
@@ -272,12 +273,13 @@ std::string Address::ToText() const {
     }
     case AF_INET6: {
       auto const record = ReadRecord<sockaddr_in6>(*this);
-      return "[" + LiteralText(AF_INET6, record.sin6_addr) +
+      std::string const scope =
+          record.sin6_scope_id == 0 ? "" : "%" + std::to_string(record.sin6_scope_id);
+      return "[" + LiteralText(AF_INET6, record.sin6_addr) + scope +
              "]:" + std::to_string(ntohs(record.sin6_port));
     }
     default:
-      return std::to_string(GetFamily()) + ":" +
-             Trace::ToHex(std::span(_storage).first(_length));
+      return std::to_string(GetFamily()) + ":" + Trace::ToHex(std::span(_storage).first(_length));
   }
 }
 

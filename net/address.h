@@ -10,8 +10,8 @@
 
 namespace Net {
 
-// A socket address as the bytes that bind(2), connect(2) and accept(2) take and give; a plain value.
-// Layouts are the kernel's: unix(7), ip(7), ipv6(7).
+// A socket address as the bytes that bind(2), connect(2) and accept(2) take and give; a plain
+// value. Layouts are the kernel's: unix(7), ip(7), ipv6(7).
 //
 // Errors: ERROR lines before each throw. Base::Exception "Invalid Address", "Unknown Address",
 //         "Unhandled Address Family"; Base::OverflowException.
@@ -31,8 +31,9 @@ class Address {
   // AF_UNIX: a name in the abstract namespace, cut after 106 characters.
   static Address FromUnixAbstract(std::string_view name);
 
-  // AF_UNIX, as people write it: a path where there is a "/", else a name in the abstract namespace,
-  // a leading "@" dropped. Throws "Invalid Address" for a text that is empty or would be cut.
+  // AF_UNIX, as people write it: a path where there is a "/", else a name in the abstract
+  // namespace, a leading "@" dropped. Throws "Invalid Address" for a text that is empty or would be
+  // cut.
   static Address FromUnixText(std::string_view text);
 
   // The wildcard address of AF_INET or AF_INET6.
@@ -43,9 +44,10 @@ class Address {
 
   // Asks the resolver; takes its first answer. Without a service, port 80 asks for "http" and 443
   // for "https". Throws "Unknown Address".
-  static Address Resolve(std::string const& name, std::uint16_t port, std::string service = {});
+  static Address Resolve(std::string const& name, std::uint32_t port, std::string service = {});
 
-  // "name:port", split at the first ":". Throws "Invalid Address" for a port that is no number.
+  // "name:port", split at the first ":". Of the port the low bits count. Throws "Invalid Address"
+  // for one that is no number.
   static Address FromNameAndPort(std::string_view nameAndPort, std::string const& service = {});
 
   // A copy whose address bits after the first `prefixBits` are zero, port and all else kept; the
@@ -62,9 +64,9 @@ class Address {
   // AF_UNSPEC for an address without one.
   int GetFamily() const;
 
-  // "unix:/run/x", "unix:@name", "unix:" (unnamed), "192.0.2.1:80", "[2001:db8::1]:443"; for other
-  // families their number and bytes. Control characters and backslashes in names appear as \xNN:
-  // peers choose them.
+  // "unix:/run/x", "unix:@name", "unix:" (unnamed), "192.0.2.1:80", "[2001:db8::1]:443", with a
+  // scope "[fe80::1%2]:443"; for other families their number and bytes. What is not printable
+  // ASCII, quotes and backslashes appear as \xNN in names: peers choose them.
   std::string ToText() const;
 
  private:

@@ -1,5 +1,6 @@
 #include "net/socket.h"
 
+#include <exception>
 #include <utility>
 
 #include "base/exception.h"
@@ -15,8 +16,9 @@ SocketReadStream::SocketReadStream(Base::Shared<Socket> socket, std::size_t buff
 }
 
 void SocketReadStream::Read(Callback callback) {
-  GetOpenSocket().Read(_bufferSize == 0 ? Base::ByteBuffer() : Base::ByteBuffer::Zeroed(_bufferSize),
-                       std::move(callback));
+  GetOpenSocket().Read(
+      _bufferSize == 0 ? Base::ByteBuffer() : Base::ByteBuffer::Zeroed(_bufferSize),
+      std::move(callback));
 }
 
 void SocketReadStream::ReadInto(Base::Buffer<unsigned char> buffer, Callback callback) {
@@ -72,7 +74,7 @@ void SocketWriteStream::OnWritten(Base::Status const& status, Buffer const& writ
   TRACE_VERBOSE("Write partially completed", this, written, total, offset, newOffset, remaining);
   try {
     Send(newOffset, total, callback);
-  } catch (Base::Exception const& err) {
+  } catch (std::exception const& err) {
     // No caller is left on the stack to catch it; one still waits for its callback.
     callback->Call(Base::Exception(err.what()), total);
   }

@@ -35,7 +35,9 @@ class Socket : public Base::Shareable {
   // Sends once: the callback gets the part of `data` that was taken.
   virtual void Write(Buffer data, WriteCallback callback) = 0;
 
-  // Receives once into `data`: the callback gets the part that was filled.
+  // Receives once into `data`: the callback gets the part that was filled. The end of the stream
+  // comes with no bytes at all, or along with the last of them. A read that had to wait may report
+  // no bytes without the end; the next one has it.
   virtual void Read(Buffer data, ReadCallback callback) = 0;
 
   // Ends every pending operation and closes the descriptor; a second call does nothing.

@@ -4,11 +4,13 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <limits>
 #include <utility>
 
@@ -23,14 +25,18 @@ namespace {
 
 constexpr std::uint32_t noWatch = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint32_t readEvents = EPOLLIN | EPOLLPRI;
-constexpr std::int64_t acceptRestMs = 100;
+constexpr long resourceRestNs = 100'000'000;  // how often it looks whether there are some again
+constexpr time_t otherRestSeconds = 1;
 
 bool Has(int events, std::uint32_t bit) { return (static_cast<std::uint32_t>(events) & bit) != 0; }
 
-// What time may cure, unlike the fate of one connection.
 bool IsOutOfResources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
+
+// The fate of one connection, which is then out of the backlog; any other failure would be reported
+// again at once, and so on without end.
+bool ConcernsOneConnection(int error) { return error == ECONNABORTED || error == EINTR; }
 
 // Whether this process and the system have a descriptor to spare.
 bool HasFreeDescriptor() { return static_cast<bool>(Base::UniqueFd(eventfd(0, EFD_CLOEXEC))); }
@@ -98,11 +104,9 @@ void SocketLinux::ThrowLatchedError(std::string_view message, Fields const&... f
 
 template <typename Callback, typename... Results>
 void SocketLinux::Post(Callback callback, Results... results) {
-  _ioThread->PostTask(
-      Base::MakeCallback([self = Base::Shared(this), callback = std::move(callback),
-                          ... results = std::move(results)]() mutable {
-        callback->Call(std::move(results)...);
-      }));
+  _ioThread->PostTask(Base::MakeCallback(
+      [self = Base::Shared(this), callback = std::move(callback),
+       ... results = std::move(results)]() mutable { callback->Call(std::move(results)...); }));
 }
 
 void SocketLinux::Bind(Address const& address) {
@@ -140,14 +144,14 @@ PeerCredentials SocketLinux::GetPeerCredentials() {
 
 void SocketLinux::Listen(int maxConnections, AcceptCallback acceptCallback) {
   ThrowLatchedError("Attempt to listen after error", Trace::As("maxConnections", maxConnections));
+  _acceptCallback = std::move(acceptCallback);
   if (listen(_fd.Get(), maxConnections) == -1) {
     int const error = errno;
     TRACE_ERROR("Failed to listen", this, maxConnections);
-    Post(acceptCallback, Base::Status(Base::Exception(Base::ErrnoText(error))), Address(),
-         Base::Shared<SocketLinux>());
+    PostAcceptError(Base::ErrnoText(error));
     // And on as if it had succeeded: kept as it is.
   }
-  _acceptCallback = std::move(acceptCallback);
+  MakeRestTimer();
   Arm(EPOLLIN);
   TRACE_VERBOSE("Socket listening", maxConnections);
 }
@@ -296,13 +300,12 @@ void SocketLinux::OnConnected() {
 void SocketLinux::OnAcceptable() {
   std::array<unsigned char, 16> record{};
   socklen_t length = record.size();
-  Base::UniqueFd fd(accept4(_fd.Get(), reinterpret_cast<sockaddr*>(record.data()), &length,
-                            SOCK_CLOEXEC));
+  Base::UniqueFd fd(
+      accept4(_fd.Get(), reinterpret_cast<sockaddr*>(record.data()), &length, SOCK_CLOEXEC));
   int const error = errno;
   if (fd) {
     // The length is that of the whole address, however much of it the record could take.
-    OnAccepted(std::move(fd),
-               Address(record.data(), std::min<std::size_t>(length, record.size())));
+    OnAccepted(std::move(fd), Address(record.data(), std::min<std::size_t>(length, record.size())));
     return;
   }
   if (error == EAGAIN) {
@@ -310,42 +313,65 @@ void SocketLinux::OnAcceptable() {
     return;
   }
   TRACE_ERROR("Socket accept failed", this, error);
-  Post(_acceptCallback, Base::Status(Base::Exception(Base::ErrnoText(error))), Address(),
+  PostAcceptError(Base::ErrnoText(error));
+  if (!ConcernsOneConnection(error)) RestFromAccepting(error);
+}
+
+void SocketLinux::PostAcceptError(std::string text) {
+  Post(_acceptCallback, Base::Status(Base::Exception(std::move(text))), Address(),
        Base::Shared<SocketLinux>());
-  if (IsOutOfResources(error)) RestFromAccepting();
 }
 
 void SocketLinux::OnAccepted(Base::UniqueFd fd, Address const& address) {
   try {
-    Post(_acceptCallback, _error, address,
-         Base::MakeShared<SocketLinux>(std::move(fd), _ioThread));
-  } catch (Base::Exception const& err) {
-    Post(_acceptCallback, Base::Status(Base::Exception(err.what())), Address(),
-         Base::Shared<SocketLinux>());
+    Post(_acceptCallback, _error, address, Base::MakeShared<SocketLinux>(std::move(fd), _ioThread));
+  } catch (std::exception const& err) {
+    PostAcceptError(err.what());
   }
 }
 
-// The connection that could not be accepted stays in the backlog and would be reported again at
-// once, and so on without end.
-void SocketLinux::RestFromAccepting() {
+// A descriptor, and not a scheduled task: one that becomes due while the loop is busy would not end
+// the loop's next wait.
+void SocketLinux::MakeRestTimer() {
+  _restTimer.Reset(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+  if (!_restTimer) {
+    int const error = errno;
+    TRACE_ERROR("Failed to create rest timer", this, error);
+    throw Base::ExceptionPosix(error);
+  }
+  _ioThread->AddWatch(_restTimer.Get(), EPOLLIN,
+                      Base::MakeCallback([self = Base::Shared(this)](int /*fd*/, int /*events*/) {
+                        self->OnRested();
+                      }));
+}
+
+void SocketLinux::RestFromAccepting(int error) {
+  _isOutOfResources = IsOutOfResources(error);
   Disarm(EPOLLIN);
-  _ioThread->PostScheduledTask(
-      acceptRestMs, Base::MakeCallback([self = Base::Shared(this)] { self->ResumeAccepting(); }));
+  itimerspec rest{};
+  if (_isOutOfResources) {
+    rest.it_value.tv_nsec = resourceRestNs;
+    rest.it_interval = rest.it_value;  // until there are some
+  } else {
+    rest.it_value.tv_sec = otherRestSeconds;
+  }
+  timerfd_settime(_restTimer.Get(), 0, &rest, nullptr);
 }
 
-void SocketLinux::ResumeAccepting() {
-  if (!_fd || _watchEvents == noWatch) return;
-  if (HasFreeDescriptor()) {
-    Arm(EPOLLIN);
-  } else {
-    RestFromAccepting();
-  }
+void SocketLinux::OnRested() {
+  std::uint64_t expirations = 0;
+  if (!_restTimer || read(_restTimer.Get(), &expirations, sizeof expirations) == -1) return;
+  if (_isOutOfResources && !HasFreeDescriptor()) return;
+  itimerspec const off{};
+  timerfd_settime(_restTimer.Get(), 0, &off, nullptr);
+  Arm(EPOLLIN);
 }
 
 void SocketLinux::OnReadable(int events) {
   Disarm(readEvents);
   auto const [bytesRead, error] = Receive(_readBuffer);
   if (bytesRead == -1 && error == EAGAIN) {
+    // Readiness is a hint; the operation still waits.
     Arm(EPOLLIN);
     return;
   }
@@ -365,8 +391,7 @@ void SocketLinux::OnReadable(int events) {
 
 void SocketLinux::OnWritable(int events) {
   Disarm(EPOLLOUT);
-  ssize_t const bytesWritten =
-      send(_fd.Get(), _writeBuffer.GetData(), _writeBuffer.GetLength(), 0);
+  ssize_t const bytesWritten = send(_fd.Get(), _writeBuffer.GetData(), _writeBuffer.GetLength(), 0);
   int const error = errno;
   if (bytesWritten == -1 && error == EAGAIN) {
     Arm(EPOLLOUT);
@@ -396,8 +421,8 @@ void SocketLinux::OnHangUpOrError(int events) {
     EndPendingOperations();
     return;
   }
-  // Asked of the closed descriptor, and with the outcomes the other way round than they read: kept as
-  // it is. What pending operations are told is that there was an error.
+  // Asked of the closed descriptor, and with the outcomes the other way round than they read: kept
+  // as it is. What pending operations are told is that there was an error.
   int value = 0;
   socklen_t length = sizeof value;
   if (getsockopt(_fd.Get(), SOL_SOCKET, SO_ERROR, &value, &length) == 0) {
@@ -414,7 +439,7 @@ void SocketLinux::OnHangUpOrError(int events) {
 void SocketLinux::OnWatchDropped() noexcept {
   if (_watchEvents == noWatch) return;  // by `Close`, which has reported what was pending
   _watchEvents = noWatch;
-  // Out of their fields first: letting go of the last one may destroy this socket.
+  // Out of their fields first: what goes with them may come back to this socket.
   auto const connect = std::exchange(_connectCallback, {});
   auto const accept = std::exchange(_acceptCallback, {});
   auto const write = std::exchange(_writeCallback, {});
@@ -444,6 +469,7 @@ void SocketLinux::CloseDescriptor() {
   TRACE_VERBOSE("Closing socket...", this, Trace::As("fd", _fd.Get()));
   Base::UniqueFd fd = std::move(_fd);  // closed whatever happens
   _error = Base::Exception("Socket closed");
+  if (Base::UniqueFd const timer = std::move(_restTimer)) _ioThread->RemoveWatch(timer.Get());
   if (std::exchange(_watchEvents, noWatch) != noWatch) _ioThread->RemoveWatch(fd.Get());
   if (close(fd.Release()) == -1) {
     int const error = errno;
@@ -454,6 +480,7 @@ void SocketLinux::CloseDescriptor() {
 }
 
 void SocketLinux::EndPendingOperations() {
+  _acceptCallback.Reset();
   if (_connectCallback) Post(std::exchange(_connectCallback, {}), _error);
   if (_writeCallback) {
     Post(std::exchange(_writeCallback, {}), _error, std::exchange(_writeBuffer, {}));

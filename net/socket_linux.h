@@ -3,6 +3,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "base/buffer.h"
 #include "base/callback.h"
@@ -19,8 +21,8 @@ namespace Net {
 class SocketLinux;
 
 // Status, the peer's address, the connection (empty on failure).
-using AcceptCallback = Base::Shared<
-    Base::CallbackNoCopy<Base::Status const&, Address, Base::Shared<SocketLinux>>>;
+using AcceptCallback =
+    Base::Shared<Base::CallbackNoCopy<Base::Status const&, Address, Base::Shared<SocketLinux>>>;
 
 // What SO_PEERCRED tells of the process at the other end, see unix(7).
 struct PeerCredentials {
@@ -32,16 +34,18 @@ struct PeerCredentials {
 // A non-blocking socket, watched on the IO thread's loop.
 //
 // Reads and writes are tried at once; what would block waits for the watch. Either way the callback
-// is posted, never called from inside the operation, and exactly once: also by `Close` and by errors,
-// which end whatever is pending. The first error stays: it is what later operations throw.
+// is posted, never called from inside the operation, and exactly once: also by `Close` and by
+// errors, which end whatever is pending. There is no way back from an error: its text, or that of a
+// later one, is what every later operation throws.
 //
 // Threads:  the constructors and Bind on any thread, all else on the IO thread.
-// Lifetime: a registered watch and every pending operation hold the socket, until they complete, the
+// Lifetime: a registered watch and every pending operation hold the socket, until they complete,
+// the
 //           socket closes, or the loop ends and lets go of them.
 // Errors:   "Socket already connecting", "Socket already writing", "Socket already reading",
-//           "Invalid Callback", "Invalid socket"; after an error that error's text: "Socket closed",
-//           "Socket hung up", "Socket unknown error", or an errno's. Base::ExceptionPosix for failed
-//           system calls. Each after an ERROR line.
+//           "Invalid Callback", "Invalid socket"; after an error that error's text: "Socket
+//           closed", "Socket hung up", "Socket unknown error", or an errno's. Base::ExceptionPosix
+//           for failed system calls. Each after an ERROR line.
 // Signals:  a send to a peer that is gone raises SIGPIPE, which the process has to survive.
 class SocketLinux final : public Socket {
  public:
@@ -55,8 +59,9 @@ class SocketLinux final : public Socket {
   void SetOption(int level, int option, void const* value, socklen_t valueLength) override;
 
   // Calls back for every connection and for every failed attempt to take one, for as long as the
-  // socket is open. Out of descriptors or memory, it rests from accepting until there are some. A
-  // failed listen(2) is reported through the callback, too.
+  // socket is open. After a failure that would only repeat itself it rests from accepting: out of
+  // descriptors or memory until there are some, else for a second. A failed listen(2) is reported
+  // through the callback, too.
   void Listen(int maxConnections, AcceptCallback acceptCallback);
 
   PeerCredentials GetPeerCredentials();
@@ -92,8 +97,10 @@ class SocketLinux final : public Socket {
   void OnWritable(int events);
   void OnHangUpOrError(int events);
   void OnWatchDropped() noexcept;
-  void RestFromAccepting();
-  void ResumeAccepting();
+  void PostAcceptError(std::string text);
+  void MakeRestTimer();
+  void RestFromAccepting(int error);
+  void OnRested();
   Received Receive(Buffer const& data);
   void CloseDescriptor();
   void CloseQuietly();
@@ -108,6 +115,8 @@ class SocketLinux final : public Socket {
   Base::Status _error;         // once set it stays set
   Base::StatusCallback _connectCallback;
   AcceptCallback _acceptCallback;
+  Base::UniqueFd _restTimer;  // of a listening socket; made with it, for there may be no more later
+  bool _isOutOfResources = false;
   WriteCallback _writeCallback;
   Buffer _writeBuffer;
   ReadCallback _readCallback;

@@ -7,8 +7,8 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <string>
+#include <system_error>
 
 #include "base/text.h"
 #include "trace/trace.h"
@@ -26,7 +26,7 @@ FILE* OpenWithoutBlockedSignals(std::string const& commandLine) {
   sigset_t blocked;
   sigemptyset(&none);
   pthread_sigmask(SIG_SETMASK, &none, &blocked);
-  FILE* const pipe = popen(commandLine.c_str(), "re");
+  FILE* const pipe = popen(commandLine.c_str(), "re");  // NOLINT(cert-env33-c): its purpose
   int const error = errno;
   pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
   errno = error;
@@ -40,7 +40,7 @@ int ExecuteSyncCommand(std::string const& commandLine, std::string& output) {
   FILE* const pipe = OpenWithoutBlockedSignals(commandLine);
   if (pipe == nullptr) {
     int const errorCode = errno;
-    std::string const errorMessage = std::strerror(errorCode);
+    std::string const errorMessage = std::generic_category().message(errorCode);
     TRACE_VERBOSE("Sync command failed", commandLine, errorCode, errorMessage);
     return 1;
   }

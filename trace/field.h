@@ -70,7 +70,9 @@ inline void RenderTraceValue(std::string& out, std::string const& text) {
 }
 
 template <typename T>
-  requires(!std::same_as<std::remove_cv_t<T>, char>)
+concept NotCharacter = !std::same_as<std::remove_cv_t<T>, char>;
+
+template <NotCharacter T>
 void RenderTraceValue(std::string& out, T* object) {
   RenderTraceValue(out, static_cast<void const*>(object));
 }

@@ -7,17 +7,17 @@
 
 #include "base/unique_fd.h"
 
-// Where trace lines go. Nothing here takes a lock or throws, and each line is one system call, save
-// where a reader is slow.
+// Where trace lines go. Nothing here takes a lock or throws, and a line is one system call; only to
+// a console whose reader is slow is it sent in as many as it takes.
 
 namespace Trace {
 
 // Standard output and standard error.
 //
 // A reader that has stopped reading must not stop the process: pipes and terminals are opened anew,
-// non-blocking, because the flag belongs to the open file, which other processes share. A line waits
-// a second for such a reader, those after it not at all, until it reads again; what does not fit is
-// dropped.
+// non-blocking, because the flag belongs to the open file, which other processes share. A line
+// waits a second for such a reader, those after it not at all, until it reads again; what does not
+// fit is dropped.
 class Console {
  public:
   Console();

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -22,10 +23,6 @@
 #include "trace/time_text.h"
 #include "trace/trace_arguments.h"
 #include "utilities/arguments.h"
-
-extern char const* __progname;  // the program's short name, kept by the C library
-
-TRACE_MODULE("trace");
 
 namespace Trace {
 
@@ -119,13 +116,13 @@ void ConfigureOnce(bool skipCrashHandler) {
 void WriteBanner() {
   std::string const file = GetTraceModuleFile();
   std::unique_ptr<char, decltype(&std::free)> const path(realpath(file.c_str(), nullptr),
-                                                        &std::free);
+                                                         &std::free);
   if (path != nullptr) {
     FormatInfo("trace", "Process [%s] module [%s] resolved to path [%s] built on [%s] at [%s]",
-               __progname, file.c_str(), path.get(), __DATE__, __TIME__);
+               program_invocation_short_name, file.c_str(), path.get(), __DATE__, __TIME__);
   } else {
-    FormatInfo("trace", "Process [%s] module [%s] built on [%s] at [%s]", __progname, file.c_str(),
-               __DATE__, __TIME__);
+    FormatInfo("trace", "Process [%s] module [%s] built on [%s] at [%s]",
+               program_invocation_short_name, file.c_str(), __DATE__, __TIME__);
   }
 }
 

@@ -121,16 +121,16 @@ void FormatDebug(char const* module, char const* format, ...) __attribute__((for
 }  // namespace Trace
 
 // Names the trace module of a source file; once, at its top, at namespace level.
-#define TRACE_MODULE(name)                                                              \
-  namespace {                                                                           \
-  [[maybe_unused]] Base::Shared<Trace::Log> const& traceModule =                        \
-      Trace::Internal::MakeModule(name);                                                \
-  }                                                                                     \
+#define TRACE_MODULE(name)                                       \
+  namespace {                                                    \
+  [[maybe_unused]] Base::Shared<Trace::Log> const& traceModule = \
+      Trace::Internal::MakeModule(name);                         \
+  }                                                              \
   static_assert(true)
 
 // TRACE_ERROR("Failed to add watch", this, fd, Trace::As("events", mask)): a message and up to
-// twelve fields. A field's key is the argument as written, or what `Trace::As` names. When the level
-// is off that is one comparison, and no argument is evaluated.
+// twelve fields. A field's key is the argument as written, or what `Trace::As` names. When the
+// level is off that is one comparison, and no argument is evaluated.
 #define TRACE_FATAL(...) TRACE_AT(Trace::levelFatal, __VA_ARGS__)
 #define TRACE_ERROR(...) TRACE_AT(Trace::levelError, __VA_ARGS__)
 #define TRACE_WARNING(...) TRACE_AT(Trace::levelWarning, __VA_ARGS__)
@@ -138,19 +138,18 @@ void FormatDebug(char const* module, char const* format, ...) __attribute__((for
 #define TRACE_VERBOSE(...) TRACE_AT(Trace::levelVerbose, __VA_ARGS__)
 #define TRACE_DEBUG(...) TRACE_AT(Trace::levelDebug, __VA_ARGS__)
 
-#define TRACE_AT(level, message, ...)                                                   \
-  do {                                                                                  \
-    if (Trace::IsTraceEnabled(level)) [[unlikely]] {                                    \
-      Trace::WriteLine(*traceModule, level,                                             \
-                       message __VA_OPT__(, TRACE_FIELDS(__VA_ARGS__)));                \
-    }                                                                                   \
+#define TRACE_AT(level, message, ...)                                                         \
+  do {                                                                                        \
+    if (Trace::IsTraceEnabled(level)) [[unlikely]] {                                          \
+      Trace::WriteLine(*traceModule, level, message __VA_OPT__(, TRACE_FIELDS(__VA_ARGS__))); \
+    }                                                                                         \
   } while (false)
 
 #define TRACE_FIELD(argument) Trace::MakeField(#argument, argument)
-#define TRACE_FIELDS(...)                                                               \
-  TRACE_PICK(__VA_ARGS__, TRACE_EACH_12, TRACE_EACH_11, TRACE_EACH_10, TRACE_EACH_9,    \
-             TRACE_EACH_8, TRACE_EACH_7, TRACE_EACH_6, TRACE_EACH_5, TRACE_EACH_4,      \
-             TRACE_EACH_3, TRACE_EACH_2, TRACE_EACH_1, )                                \
+#define TRACE_FIELDS(...)                                                                          \
+  TRACE_PICK(__VA_ARGS__, TRACE_EACH_12, TRACE_EACH_11, TRACE_EACH_10, TRACE_EACH_9, TRACE_EACH_8, \
+             TRACE_EACH_7, TRACE_EACH_6, TRACE_EACH_5, TRACE_EACH_4, TRACE_EACH_3, TRACE_EACH_2,   \
+             TRACE_EACH_1, )                                                                       \
   (__VA_ARGS__)
 #define TRACE_PICK(a, b, c, d, e, f, g, h, i, j, k, l, picked, ...) picked
 #define TRACE_EACH_1(a) TRACE_FIELD(a)

@@ -36,8 +36,7 @@ void TraceArgument(Argument const& argument) {
     WriteArgumentLine("Found flag", As("argument", argument.text), As("name", argument.name),
                       As("commandLine", commandLine));
   } else if ((argument.kind & argumentField) != 0) {
-    WriteArgumentLine("Found field", As("argument", argument.text),
-                      As("commandLine", commandLine));
+    WriteArgumentLine("Found field", As("argument", argument.text), As("commandLine", commandLine));
   } else {
     WriteArgumentLine("Found argument", As("flags", argument.kind));
   }

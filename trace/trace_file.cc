@@ -47,8 +47,7 @@ Base::UniqueFd OpenTraceFile(std::string const& path) {
 }
 
 void ReportOpenFailure(std::string const& path, std::exception const& err) {
-  std::string const text =
-      "Failed to open trace file [" + path + "] error [" + err.what() + "]\n";
+  std::string const text = "Failed to open trace file [" + path + "] error [" + err.what() + "]\n";
   if (write(STDERR_FILENO, text.data(), text.size()) == -1) {
     // There is no further place to say it.
   }
@@ -65,9 +64,8 @@ std::string GetExecutableBaseName() {
 
 std::string GetTraceModuleFile() {
   Dl_info info{};
-  bool const found =
-      dladdr(reinterpret_cast<void const*>(&GetTraceModuleFile), &info) != 0 &&
-      info.dli_fname != nullptr;
+  bool const found = dladdr(reinterpret_cast<void const*>(&GetTraceModuleFile), &info) != 0 &&
+                     info.dli_fname != nullptr;
   return found ? info.dli_fname : "unknown";
 }
 
@@ -108,7 +106,8 @@ void TraceFile::EnsureOpen() noexcept {
     _opening.store(false);
     return;
   }
-  // Another thread opens it. The wait has an end, because in a forked child there is no such thread.
+  // Another thread opens it. The wait has an end, because in a forked child there is no such
+  // thread.
   for (int i = 0; i < yieldsForOpening && _opening.load(); ++i) sched_yield();
 }
 

@@ -27,12 +27,6 @@ std::string LowerCased(std::string_view text) {
   return lower;
 }
 
-std::string NormaliseName(std::string_view name) {
-  std::string normalised = LowerCased(name);
-  std::ranges::replace(normalised, '-', '_');
-  return normalised;
-}
-
 class ArgumentStore {
  public:
   void Clear() {
@@ -54,7 +48,7 @@ class ArgumentStore {
   }
 
   Argument const* Find(std::string_view name) const {
-    auto const found = _indexes.find(NormaliseName(name));
+    auto const found = _indexes.find(NormaliseArgumentName(name));
     return found == _indexes.end() ? nullptr : &_arguments[found->second];
   }
 
@@ -77,7 +71,9 @@ class ArgumentStore {
     }
     auto const separator = text.find_first_of(":=");
     if (separator == std::string_view::npos) {
-      Add({argumentFromCommandLine | argumentFlag, std::string(text), std::string(text.substr(2)),
+      Add({argumentFromCommandLine | argumentFlag,
+           std::string(text),
+           std::string(text.substr(2)),
            {}});
       return;
     }
@@ -99,7 +95,7 @@ class ArgumentStore {
   }
 
   void Add(Argument argument) {
-    std::string name = NormaliseName(argument.name);
+    std::string name = NormaliseArgumentName(argument.name);
     bool const canBeLookedUp =
         !name.empty() && name.find_first_not_of(nameCharacters) == std::string::npos;
     if (canBeLookedUp) _indexes.insert_or_assign(std::move(name), _arguments.size());
@@ -152,6 +148,16 @@ void ParseArguments(int argc, char const* const* argv) {
   GetStore().Clear();
   GetStore().AddCommandLine(argc, argv);
   GetStore().AddEnvironment();
+}
+
+bool IsWordOfCommandLine(int argc, char const* const* argv, std::string_view word) {
+  return std::any_of(argv, argv + argc, [word](char const* text) { return text == word; });
+}
+
+std::string NormaliseArgumentName(std::string_view name) {
+  std::string normalised = LowerCased(name);
+  std::ranges::replace(normalised, '-', '_');
+  return normalised;
 }
 
 std::vector<Argument> const& GetArguments() { return GetStore().GetArguments(); }

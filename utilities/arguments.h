@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -39,6 +40,13 @@ struct Argument {
 
 // Fills the store anew from `argv` and the environment; without arguments from the latter alone.
 void ParseArguments(int argc = 0, char const* const* argv = nullptr);
+
+// Whether `word` is one of the command line's, as it is: for what a program does instead of
+// starting.
+bool IsWordOfCommandLine(int argc, char const* const* argv, std::string_view word);
+
+// `name` as names are compared.
+std::string NormaliseArgumentName(std::string_view name);
 
 // Every entry, in the order of insertion.
 std::vector<Argument> const& GetArguments();

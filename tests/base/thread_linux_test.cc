@@ -149,7 +149,7 @@ TEST_F(ThreadLinuxTest, AnEndedLoopLetsGoOfWhatItHolds) {
   }
 }
 
-TEST(IOThreadTest, IsOneAndDoesNotComeBack) {
+TEST(ProcessThreadsTest, TheIOThreadIsOneAndDoesNotComeBack) {
   int const status = RunInChild([] {
     auto const ioThread = Base::GetIOThread();
     EXPECT_TRUE(ioThread == Base::GetIOThread());

@@ -31,7 +31,7 @@ TEST(PacketBacklogTest, FirstInFirstOutAndCountedToTheByte) {
   EXPECT_TRUE(backlog.IsEmpty());
 }
 
-class DispatchTest : public LoopTest {
+class DispatchTest : public IOThreadTest {
  protected:
   // What `text` is answered, parsed and dispatched on a thread with a stack of `stackSize` bytes.
   std::string Answer(std::string const& text, std::size_t stackSize) {

@@ -3,7 +3,6 @@
 #include <memory>
 
 #include "base/exception.h"
-#include "base/io_thread.h"
 #include "io/native_messaging_host_read_stream.h"
 #include "io/native_messaging_host_write_stream.h"
 #include "net/socket.h"
@@ -12,6 +11,7 @@
 namespace {
 
 constexpr std::uint32_t maxPacketSize = 131072;
+constexpr std::size_t readSize = 2048;
 
 std::string Header(std::uint32_t size) {
   std::string bytes(sizeof size, '\0');
@@ -20,19 +20,17 @@ std::string Header(std::uint32_t size) {
 }
 
 // Packets over a real socket on the process-wide IO thread, to which outcomes are posted.
-class NativeMessagingTest : public LoopTest {
+class NativeMessagingTest : public IOThreadTest {
  protected:
   void SetUp() override {
-    LoopTest::SetUp();
-    loop->Stop();
-    loop = Base::GetIOThread();
+    IOThreadTest::SetUp();
     Open(SOCK_SEQPACKET);
   }
 
   void TearDown() override {
     OnLoop([this] { socket->Close(); });
     socket.Reset();
-    // The IO thread goes on; what it holds is not this test's.
+    IOThreadTest::TearDown();
   }
 
   void Open(int type) {
@@ -49,7 +47,7 @@ class NativeMessagingTest : public LoopTest {
   void StartReading() {
     OnLoop([this] {
       auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-          Base::MakeShared<Net::SocketReadStream>(socket, 2048), maxPacketSize);
+          Base::MakeShared<Net::SocketReadStream>(socket, readSize), maxPacketSize);
       stream->Read(Base::MakeCallback(
           [this](Base::Status const& status, Base::ByteBuffer packet, bool complete) {
             events.Add(StatusText(status) + (complete ? " end " : " ") + Text(packet));
@@ -61,10 +59,10 @@ class NativeMessagingTest : public LoopTest {
     OnLoop([&] {
       auto const stream = Base::MakeShared<IO::NativeMessagingHostWriteStream>(
           Base::MakeShared<Net::SocketWriteStream>(socket));
-      stream->Write(data, Base::MakeCallback([this](Base::Status const& status,
-                                                    Base::ByteBuffer written) {
-                      events.Add(StatusText(status) + " " + std::to_string(written.GetLength()));
-                    }));
+      stream->Write(
+          data, Base::MakeCallback([this](Base::Status const& status, Base::ByteBuffer written) {
+            events.Add(StatusText(status) + " " + std::to_string(written.GetLength()));
+          }));
     });
   }
 
@@ -121,11 +119,11 @@ TEST_F(NativeMessagingTest, TheEndOfTheStreamInsideAPacketIsOne) {
 }
 
 TEST_F(NativeMessagingTest, HeaderAndPayloadAreTwoRecords) {
-  WritePacket(Bytes("hello"));
+  WritePacket(Base::CopyOfText("hello"));
   EXPECT_EQ(Receive(peer), Header(5));
   EXPECT_EQ(Receive(peer), "hello");
   WritePacket({});
-  WritePacket(Bytes("x"));
+  WritePacket(Base::CopyOfText("x"));
   EXPECT_EQ(events.Take(3), "ok 5;ok 0;ok 1;");
   EXPECT_EQ(Receive(peer), Header(0));
   EXPECT_EQ(Receive(peer), Header(1)) << "no empty record follows an empty packet";
@@ -136,20 +134,20 @@ TEST_F(NativeMessagingTest, AWriteIsContinuedUntilAllIsSent) {
   int const small = 4096;
   OnLoop([&] { socket->SetOption(SOL_SOCKET, SO_SNDBUF, &small, sizeof small); });
   std::string const payload(1'000'000, 'x');
-  WritePacket(Bytes(payload));
+  WritePacket(Base::CopyOfText(payload));
   std::string received;
   while (received.size() < payload.size() + 4) received += Receive(peer);
   EXPECT_EQ(received, Header(1'000'000) + payload);
   EXPECT_EQ(events.Take(), "ok 1000000;");
   Open(SOCK_STREAM);
   peer.Reset();
-  WritePacket(Bytes("x"));
+  WritePacket(Base::CopyOfText("x"));
   EXPECT_EQ(events.Take(), "Broken pipe (Err 32) 1;");
 }
 
 TEST_F(NativeMessagingTest, ClosedStreamsRefuse) {
   OnLoop([this] {
-    auto const stream = Base::MakeShared<Net::SocketReadStream>(socket, 0);
+    auto const stream = Base::MakeShared<Net::SocketReadStream>(socket, readSize);
     stream->Close();
     stream->Close();
     EXPECT_THROW(stream->Read({}), Base::Exception);

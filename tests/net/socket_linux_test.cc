@@ -70,7 +70,7 @@ TEST_F(SocketLinuxTest, ReadsAreReportedOnceAndOneAtATime) {
   Read(socket);
   EXPECT_EQ(ErrorOf([&] { socket->Read(Base::ByteBuffer::Zeroed(1), NoteRead()); }),
             "Socket already reading");
-  EXPECT_EQ(ErrorOf([&] { socket->Write(Bytes("x"), {}); }), "Invalid Callback");
+  EXPECT_EQ(ErrorOf([&] { socket->Write(Base::CopyOfText("x"), {}); }), "Invalid Callback");
   Send(peer, "later");
   EXPECT_EQ(events.Take(), "read ok later;");
   Read(socket);
@@ -109,10 +109,10 @@ TEST_F(SocketLinuxTest, CloseReportsWhatIsPendingOnce) {
   FillUp(socket);
   Close(socket);
   Close(socket);
-  EXPECT_EQ(events.Take(2), "written Socket closed 65536;read Socket closed " +
-                                std::string(16, '\0') + " end;");
+  EXPECT_EQ(events.Take(2),
+            "written Socket closed 65536;read Socket closed " + std::string(16, '\0') + " end;");
   EXPECT_EQ(ErrorOf([&] { socket->Bind({}); }), "Socket closed");
-  EXPECT_EQ(ErrorOf([&] { socket->Write(Bytes("x"), NoteWrite()); }), "Socket closed");
+  EXPECT_EQ(ErrorOf([&] { socket->Write(Base::CopyOfText("x"), NoteWrite()); }), "Socket closed");
   OnLoop([&] {
     socket->Disconnect(Base::MakeCallback(
         [this](Base::Status const& status) { events.Add("closed " + StatusText(status)); }));
@@ -154,12 +154,11 @@ class ListenTest : public SocketLinuxTest {
     address = Net::Address::FromUnixPath((directory.path / "socket").string());
     listener->Bind(address);
     OnLoop([this] {
-      listener->Listen(
-          64, Base::MakeCallback([this](Base::Status const& status, Net::Address from,
-                                        Base::Shared<Net::SocketLinux> socket) {
-            events.Add(StatusText(status) + " " + (socket ? from.ToText() : "none"));
-            accepted.push_back(std::move(socket));
-          }));
+      listener->Listen(64, Base::MakeCallback([this](Base::Status const& status, Net::Address from,
+                                                     Base::Shared<Net::SocketLinux> socket) {
+                         events.Add(StatusText(status) + " " + (socket ? from.ToText() : "none"));
+                         accepted.push_back(std::move(socket));
+                       }));
     });
   }
 

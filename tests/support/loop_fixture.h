@@ -15,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/io_thread.h"
 #include "base/run_and_wait.h"
 #include "base/shared.h"
 #include "base/thread_linux.h"
@@ -33,9 +34,8 @@ class EventLog {
   // Waits until there are `count` events more than the ones taken before, and takes all: "a;b;".
   std::string Take(int count = 1) {
     std::unique_lock lock(_mutex);
-    _changed.wait_for(lock, std::chrono::seconds(60), [&] {
-      return std::count(_events.begin(), _events.end(), ';') >= count;
-    });
+    _changed.wait_for(lock, std::chrono::seconds(60),
+                      [&] { return std::count(_events.begin(), _events.end(), ';') >= count; });
     return std::exchange(_events, {});
   }
 
@@ -51,7 +51,7 @@ class LoopTest : public testing::Test {
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
     _liveObjects = Base::Shareable::GetLiveObjectCount();
-    loop = Base::MakeShared<Base::ThreadLinux>();
+    loop = MakeLoop();
     loop->Start();
   }
 
@@ -64,7 +64,12 @@ class LoopTest : public testing::Test {
            std::chrono::steady_clock::now() < deadline) {
       std::this_thread::yield();
     }
-    EXPECT_EQ(Base::Shareable::GetLiveObjectCount(), _liveObjects) << "something keeps itself alive";
+    EXPECT_EQ(Base::Shareable::GetLiveObjectCount(), _liveObjects)
+        << "something keeps itself alive";
+  }
+
+  virtual Base::Shared<Base::ThreadLinux> MakeLoop() {
+    return Base::MakeShared<Base::ThreadLinux>();
   }
 
   // Runs `function` on the loop's thread and waits for it.
@@ -83,11 +88,6 @@ class LoopTest : public testing::Test {
 
   static std::string Text(Base::ByteBuffer const& buffer) {
     return {buffer.GetSpan().begin(), buffer.GetSpan().end()};
-  }
-
-  static Base::ByteBuffer Bytes(std::string_view text) {
-    return Base::ByteBuffer::CopyOf(
-        std::span(reinterpret_cast<unsigned char const*>(text.data()), text.size()));
   }
 
   static void Send(Base::UniqueFd const& peer, std::string_view text) {
@@ -112,4 +112,15 @@ class LoopTest : public testing::Test {
 
  private:
   std::size_t _liveObjects = 0;
+};
+
+// The same on the process-wide IO thread, for what posts to it.
+class IOThreadTest : public LoopTest {
+ protected:
+  void SetUp() override {
+    Base::GetIOThread();  // stays, and is not the test's
+    LoopTest::SetUp();
+  }
+
+  Base::Shared<Base::ThreadLinux> MakeLoop() override { return Base::GetIOThread(); }
 };

@@ -82,7 +82,8 @@ TEST_F(TraceTest, ValuesAreRenderedByKind) {
     char const* const noText = nullptr;
     std::string const longText(100, 'x');
     std::string const quoted = "a\"b";
-    auto const time = std::chrono::system_clock::time_point(std::chrono::milliseconds(1777829441042));
+    auto const time =
+        std::chrono::system_clock::time_point(std::chrono::milliseconds(1777829441042));
     TRACE_INFO("plain");
     TRACE_INFO("v", none, noText, quoted, Trace::As("c", 'c'), Trace::As("b", true),
                Trace::As("n", -5), Trace::As("d", 0.5), Trace::As("m", std::chrono::minutes(3)));
@@ -96,10 +97,11 @@ TEST_F(TraceTest, ValuesAreRenderedByKind) {
   EXPECT_EQ(AfterHeader(lines[0]), "plain");
   EXPECT_EQ(AfterHeader(lines[1]),
             R"(v { none:0 noText:null quoted:"a"b" c:c b:true n:-5 d:0.5 m:"3m" })");
-  EXPECT_EQ(AfterHeader(lines[2]), "v { time:\"2026-05-03T17:30:41.042Z\" p:0xabc buffer:9 "
-                                   "err:\"why\" ok:null }");
-  EXPECT_EQ(AfterHeader(lines[3]), "v { cut:\"" + std::string(64, 'x') + "\" whole:\"" +
-                                       std::string(100, 'x') + "\" }");
+  EXPECT_EQ(AfterHeader(lines[2]),
+            "v { time:\"2026-05-03T17:30:41.042Z\" p:0xabc buffer:9 "
+            "err:\"why\" ok:null }");
+  EXPECT_EQ(AfterHeader(lines[3]),
+            "v { cut:\"" + std::string(64, 'x') + "\" whole:\"" + std::string(100, 'x') + "\" }");
 }
 
 TEST_F(TraceTest, TheLevelChoosesLinesAndStreams) {

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+
+#include "base/callback.h"
+#include "base/shared.h"
+#include "base/thread_linux.h"
+
+// How much one connection may do before the loop polls again.
+//
+// A drain of the loop runs what is posted during it, so work that always finds its next piece ready
+// would keep the loop from everyone else, and from its end. Such work asks for each step whether
+// its turn goes on, and else comes back in the next round. On the loop's thread.
+class Turn {
+ public:
+  // A turn has `steps` steps. In the round in which it is made there is none left.
+  Turn(Base::Shared<Base::ThreadLinux> loop, unsigned steps);
+
+  // Takes a step: runs `step` now, inside this call, where the turn has one left, else in the
+  // loop's next round.
+  void Take(Base::Task const& step);
+
+ private:
+  Base::Shared<Base::ThreadLinux> _loop;
+  unsigned const _steps;
+  std::uint64_t _round;
+  unsigned _left = 0;
+};

@@ -1,0 +1,149 @@
+#!/bin/bash
+# Builds the release preset and shows the daemon at work: on this machine as it is, on a machine
+# with prepared firmware tables, and activated by its socket. Fails when any step ends otherwise
+# than it should. Sockets and trace files are in a temporary folder, which goes at the end.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+for name in "${!KESTREL_@}"; do
+  unset "$name"
+done
+export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin  # dmidecode is in an sbin
+
+bin=build/release/bin
+patience=30  # seconds
+serial=KT-0001-DEMO
+unknownSensor='{"sensor":{"toaster":null}}'
+folder=$(mktemp --directory)
+daemon=
+failed=0
+
+cleanUp() {
+  if [[ -n $daemon ]]; then
+    kill -KILL "$daemon" 2>/dev/null || true
+    wait "$daemon" 2>/dev/null || true
+  fi
+  rm -rf "$folder"
+}
+trap cleanUp EXIT
+trap 'exit 130' INT TERM
+
+heading() {
+  printf '\n== %s\n' "$1"
+}
+
+# expect WHAT WANTED GOT
+expect() {
+  if [[ $3 == "$2" ]]; then
+    echo "$1: $3"
+  else
+    echo "$1: $3, should be $2"
+    failed=1
+  fi
+}
+
+# start SOCKET COMMAND...: runs the command until something can be connected to at the socket.
+start() {
+  local socket=$1
+  shift
+  echo "\$ $*"
+  "$@" &
+  daemon=$!
+  local deadline=$((SECONDS + patience))
+  until [[ -S $socket ]]; do
+    if ((SECONDS > deadline)) || ! kill -0 "$daemon" 2>/dev/null; then
+      echo "demo: there is no $socket" >&2
+      exit 1
+    fi
+    sleep 0.05
+  done
+}
+
+# ask SOCKET ARGUMENT...: asks the daemon and leaves the exit status in `status`.
+ask() {
+  local socket=$1
+  shift
+  echo "\$ ktclientctl --socket=$socket $*"
+  local deadline=$((SECONDS + patience))
+  # The socket is there a moment before it listens.
+  until
+    status=0
+    "$bin/ktclientctl" --socket="$socket" "$@" >"$folder/answer" 2>&1 || status=$?
+    [[ $status -ne 3 ]] || ((SECONDS > deadline)) || ! kill -0 "$daemon" 2>/dev/null
+  do
+    sleep 0.05
+  done
+  cat "$folder/answer"
+}
+
+# Waits for the daemon to end; leaves its exit status in `status`.
+waitForEnd() {
+  status=0
+  if timeout "$patience" tail --pid="$daemon" --follow /dev/null; then
+    wait "$daemon" || status=$?
+    daemon=
+  else
+    status="none, still running after $patience seconds"
+    kill -KILL "$daemon"
+    wait "$daemon" 2>/dev/null || true
+    daemon=
+  fi
+}
+
+stop() {
+  echo "\$ kill -TERM $daemon"
+  kill -TERM "$daemon" || true
+  waitForEnd
+  expect "exit status of ktclientd" 0 "$status"
+}
+
+heading "Build"
+scripts/setup.sh
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
+cmake --preset release >/dev/null
+cmake --build --preset release
+
+socket=$folder/ktclientd.sock
+mkdir "$folder/real" "$folder/prepared" "$folder/activated" "$folder/path"
+
+heading "This machine as it is"
+start "$socket" "$bin/ktclientd" --socket="$socket" --trace-folder="$folder/real" --trace-level=4
+ask "$socket" hardware
+expect "ktclientctl has an answer" yes "$( ((status <= 1)) && echo yes || echo no)"
+echo "exit status of ktclientctl: $status (0 or 1: depends on the machine)"
+stop
+
+heading "A machine with prepared firmware tables"
+tests/data/make_dmi_table.py --serial "$serial" --output "$folder/path/table"
+ln -s "$(command -v dmidecode)" "$folder/path/real-dmidecode"
+cp tests/data/dmidecode-shim "$folder/path/dmidecode"
+PATH=$folder/path:$PATH
+echo "PATH=$PATH"
+start "$socket" "$bin/ktclientd" --socket="$socket" --trace-folder="$folder/prepared" \
+  --trace-level=4
+ask "$socket" hardware
+expect "exit status of ktclientctl" 0 "$status"
+expect "serial numbers in the answer" "$serial" "$(grep -o "$serial" "$folder/answer" || true)"
+ask "$socket" send "$unknownSensor"
+expect "exit status of ktclientctl" 1 "$status"
+stop
+
+heading "Its trace file"
+cat "$folder/prepared/ktclientd.log"
+
+heading "Activated by its socket; leaves by itself when idle"
+activated=$folder/activated.sock
+start "$activated" systemd-socket-activate --seqpacket --listen="$activated" -- \
+  "$PWD/$bin/ktclientd" --activated --activated-period=1 --trace-folder="$folder/activated" \
+  --trace-level=4
+ask "$activated" hardware
+expect "exit status of ktclientctl" 0 "$status"
+waitForEnd
+expect "exit status of ktclientd" 0 "$status"
+
+heading "Result"
+if [[ $failed -ne 0 ]]; then
+  echo "A step ended otherwise than it should: see above."
+  exit 1
+fi
+echo "Every step ended as it should."

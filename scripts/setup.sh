@@ -1,0 +1,35 @@
+#!/bin/bash
+# Installs the Debian packages that building, testing and checking the tree takes; does and prints
+# nothing when they are all there.
+set -euo pipefail
+
+packages=(
+  g++ clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
+  cmake ninja-build pkg-config
+  nlohmann-json3-dev libsystemd-dev libglib2.0-dev uuid-dev
+  libgtest-dev libbenchmark-dev
+  systemd dmidecode openssl python3 strace procps git
+)
+
+# A package that dpkg has never heard of makes the query fail, and is missing like the others.
+installed=$(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "${packages[@]}" \
+  2>/dev/null | sed -n 's/^installed //p' || true)
+missing=()
+for package in "${packages[@]}"; do
+  grep --quiet --line-regexp --fixed-strings -e "$package" <<<"$installed" || missing+=("$package")
+done
+[[ ${#missing[@]} -gt 0 ]] || exit 0
+
+asRoot=()
+if [[ $EUID -ne 0 ]]; then
+  if ! command -v sudo >/dev/null; then
+    echo "setup: as root, install ${missing[*]}" >&2
+    exit 1
+  fi
+  asRoot=(sudo)
+fi
+asRoot+=(env DEBIAN_FRONTEND=noninteractive)
+
+echo "setup: installing ${missing[*]}"
+"${asRoot[@]}" apt-get --quiet update </dev/null
+"${asRoot[@]}" apt-get --quiet --yes --no-install-recommends install "${missing[@]}" </dev/null

@@ -1,0 +1,28 @@
+#!/bin/bash
+# Builds a preset, "release" unless it is named, and runs its tests: scripts/test.sh asan -R address
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+preset=release
+if [[ $# -gt 0 && $1 != -* ]]; then
+  preset=$1
+  shift
+fi
+
+# They would override the settings that the tests give on command lines.
+for name in "${!KESTREL_@}"; do
+  unset "$name"
+done
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
+export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$(nproc)}
+
+scripts/setup.sh
+cmake --preset "$preset"
+cmake --build --preset "$preset"
+
+# ThreadSanitizer cannot place its shadow memory under every degree of address randomisation.
+run=()
+if [[ $preset == tsan ]] && setarch --addr-no-randomize true 2>/dev/null; then
+  run=(setarch --addr-no-randomize)
+fi
+exec "${run[@]}" ctest --preset "$preset" "$@"
