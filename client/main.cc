@@ -71,6 +71,7 @@ void ForgetDaemonSettings() {
   ParseArguments();
   for (Argument const& argument : GetArguments()) {
     if (NormaliseArgumentName(argument.name) == "socket") continue;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
     unsetenv(argument.text.substr(0, argument.text.find('=')).c_str());
   }
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/buffer.h"
 #include "base/callback.h"
@@ -73,8 +74,8 @@ TEST(CallbackTest, MovesItsArgumentsAndItsCallable) {
   callback->Call(std::make_unique<int>(2));
   EXPECT_EQ(sum, 42);
   Base::Callback<int> const first = [&sum](int value) { sum = value; };
-  Base::Callback<int> const copy = first;
-  copy.Call(7);
+  std::vector<Base::Callback<int>> const copies(2, first);
+  copies[1].Call(7);
   EXPECT_EQ(sum, 7);
   EXPECT_FALSE(Base::Callback<>());
 }

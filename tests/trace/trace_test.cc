@@ -52,7 +52,7 @@ class TraceTest : public testing::Test {
     return lines;
   }
 
-  void Redirect(char const* name, int fd) {
+  void Redirect(char const* name, int fd) const {
     int const file = open((directory.path / name).c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     dup2(file, fd);
     close(file);
