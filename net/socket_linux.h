@@ -39,8 +39,7 @@ struct PeerCredentials {
 // later one, is what every later operation throws.
 //
 // Threads:  the constructors and Bind on any thread, all else on the IO thread.
-// Lifetime: a registered watch and every pending operation hold the socket, until they complete,
-// the
+// Lifetime: a registered watch and every pending operation hold the socket, until they complete, the
 //           socket closes, or the loop ends and lets go of them.
 // Errors:   "Socket already connecting", "Socket already writing", "Socket already reading",
 //           "Invalid Callback", "Invalid socket"; after an error that error's text: "Socket
