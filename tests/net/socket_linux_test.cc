@@ -93,16 +93,6 @@ TEST_F(SocketLinuxTest, BytesBeforeAHangUpAreRead) {
   }
 }
 
-TEST_F(SocketLinuxTest, ARecordThatIsTooLongLosesItsRest) {
-  auto const socket = MakePair(SOCK_SEQPACKET, peer);
-  Send(peer, "0123456789");
-  Send(peer, "next");
-  Read(socket, 4);
-  Read(socket, 4);
-  EXPECT_EQ(events.Take(2), "read ok 0123;read ok next;");
-  Close(socket);
-}
-
 TEST_F(SocketLinuxTest, CloseReportsWhatIsPendingOnce) {
   auto const socket = MakePair(SOCK_STREAM, peer);
   Read(socket);
@@ -209,6 +199,8 @@ TEST_F(ListenTest, OutOfDescriptorsItRestsAndServesOnceThereAreSome) {
     loop->PostScheduledTask(100 * i, Base::MakeCallback([this] { events.Add("free"); }));
   }
   EXPECT_EQ(events.Take(3), "free;free;free;");
+  // Busy past the end of a rest: the loop's next wait has to end all the same.
+  OnLoop([] { std::this_thread::sleep_for(std::chrono::milliseconds(250)); });
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
   EXPECT_EQ(events.Take(), "ok unix:;");
 }
