@@ -39,8 +39,8 @@ struct PeerCredentials {
 // later one, is what every later operation throws.
 //
 // Threads:  the constructors and Bind on any thread, all else on the IO thread.
-// Lifetime: a registered watch and every pending operation hold the socket, until they complete, the
-//           socket closes, or the loop ends and lets go of them.
+// Lifetime: a registered watch and every pending operation hold the socket: until they complete, it
+//           closes, or the loop ends and lets go of them.
 // Errors:   "Socket already connecting", "Socket already writing", "Socket already reading",
 //           "Invalid Callback", "Invalid socket"; after an error that error's text: "Socket
 //           closed", "Socket hung up", "Socket unknown error", or an errno's. Base::ExceptionPosix
