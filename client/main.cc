@@ -1,5 +1,6 @@
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <future>
@@ -19,7 +20,10 @@ namespace {
 
 enum class ExitStatus : int { Success = 0, OtherStatus = 1, WrongUsage = 2, NoAnswer = 3 };
 
-int Complain(ExitStatus status, std::string const& reason) {
+// One line, whatever the text that came from elsewhere holds.
+int Complain(ExitStatus status, std::string reason) {
+  std::ranges::replace_if(
+      reason, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }, ' ');
   std::cerr << "ktclientctl: " + reason + "\n";
   return static_cast<int>(status);
 }
