@@ -1,0 +1,263 @@
+"""Runs the real programs, each daemon with a folder, socket and PATH of its own.
+
+KTCLIENTD_BIN names the folder of the programs. KTCLIENTD_SANITIZED=1 says that they are built with
+sanitizers: slow, large, and ending with a status of their own when they have something to report.
+"""
+
+import collections
+import contextlib
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+BIN = pathlib.Path(os.environ["KTCLIENTD_BIN"]).resolve()
+SANITIZED = os.environ.get("KTCLIENTD_SANITIZED") == "1"
+DEADLINE = 60  # seconds, for what takes none unless it is broken
+MAX_PAYLOAD = 131072
+SEQPACKET, STREAM = socket.SOCK_SEQPACKET, socket.SOCK_STREAM
+HARDWARE = {"sensor": {"hardware": None}}
+NOT_IMPLEMENTED, GENERIC = {"status": "ErrorNotImplemented"}, {"status": "ErrorGeneric"}
+
+HEADER = re.compile(r"\d\d:\d\d:\d\d\.\d{3}Z (FATAL|ERROR|WARNING|INFO|VERBOSE|DEBUG) {1,4} "
+                    r"[a-z_]+\((\d+):\d+\) - ")
+TraceLine = collections.namedtuple("TraceLine", "level pid message fields")
+
+
+def serial(text):
+    return {"status": "Success", "sensor": {"hardware": {"bios_serial_number": text}}}
+
+
+def packet(request):
+    """The header and the payload; bytes are sent as they are."""
+    payload = request if isinstance(request, bytes) else json.dumps(request).encode()
+    return struct.pack("=I", len(payload)), payload
+
+
+def wait_until(condition, what):
+    deadline = time.monotonic() + DEADLINE
+    while not (result := condition()):
+        if time.monotonic() > deadline:
+            raise AssertionError(f"waited in vain until {what}")
+        time.sleep(0.005)
+    return result
+
+
+def in_thread(target):
+    thread = threading.Thread(target=target, daemon=True)
+    thread.start()
+    return thread
+
+
+def parse_trace(text):
+    """The lines of a trace; each must be whole, and one line only."""
+    lines = []
+    for line in text.splitlines(keepends=True):
+        header = HEADER.match(line)
+        if not header or HEADER.search(line, header.end()) or line[-1] != "\n":
+            raise AssertionError(f"not a line of a trace: {line!r}")
+        message, brace, fields = line[header.end():-1].partition(" { ")
+        if brace and not fields.endswith(" }"):
+            raise AssertionError(f"torn line: {line!r}")
+        lines.append(TraceLine(*header.groups(), message, fields.removesuffix(" }")))
+    return lines
+
+
+def clean_environment(changes):
+    return {name: value for name, value in os.environ.items()
+            if not name.startswith(("KESTREL_", "LISTEN_"))} | changes
+
+
+def ctl(*arguments, environment={}, **options):
+    return subprocess.run([BIN / "ktclientctl", *arguments], capture_output=True, timeout=DEADLINE,
+                          text=True, env=clean_environment(environment), **options)
+
+
+class Client(socket.socket):
+    """A connection. Header and payload are two records on SEQPACKET, bytes on STREAM."""
+
+    def __init__(self, name, kind=SEQPACKET):
+        super().__init__(socket.AF_UNIX, kind)
+        # A timeout of Python's own would refuse to wait for room in the backlog.
+        for option in (socket.SO_RCVTIMEO, socket.SO_SNDTIMEO):
+            self.setsockopt(socket.SOL_SOCKET, option, struct.pack("ll", DEADLINE, 0))
+        try:
+            self.connect(name if "/" in name else "\0" + name.removeprefix("@"))
+        except OSError:
+            self.close()
+            raise
+
+    def request(self, *requests):
+        for request in requests:
+            self.send_all(*packet(request))
+
+    def send_all(self, *records):
+        for record in records:
+            self.sendall(record)
+
+    def answer(self):
+        """The next answer; None at the end of the connection."""
+        try:
+            header = self.recv(4, socket.MSG_WAITALL)
+        except ConnectionResetError:  # closed while it had something of ours to read
+            return None
+        return json.loads(self.recv(*struct.unpack("=I", header), socket.MSG_WAITALL)) \
+            if header else None
+
+    def ask(self, request):
+        self.request(request)
+        return self.answer()
+
+
+class Daemon:
+    """A running ktclientd.
+
+    With `activated` systemd-socket-activate hands it a listening socket of that kind at its first
+    client; `activator` are arguments of its own. `launcher` is a command that ends in running the
+    daemon in its own place. `dmidecode` is a script; None is no such command.
+    """
+
+    def __init__(self, folder, *arguments, name=None, activated=None, activator=(), launcher=(),
+                 dmidecode="exit 1", environment={}, **streams):
+        self.folder = pathlib.Path(tempfile.mkdtemp(dir=folder))
+        self.commands = self.folder / "commands"
+        self.commands.mkdir()
+        if dmidecode:
+            self.install_dmidecode(dmidecode)
+        self.name = name or str(self.folder / "socket")
+        self.kind = activated or SEQPACKET
+        self.log = self.folder / "ktclientd.log"
+        environment = {"PATH": f"{self.commands}:/usr/bin:/bin", **environment}
+        command = [BIN / "ktclientd", f"--socket={self.name}"]
+        if activated:
+            passed = {*environment, "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}
+            command = ["systemd-socket-activate", *activator, "--listen", self.name,
+                       *(["--seqpacket"] if activated == SEQPACKET else []),
+                       *(f"--setenv={variable}" for variable in passed), *command, "--activated"]
+        self._stderr = open(self.folder / "stderr", "w+")
+        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL,
+                   "stderr": self._stderr, **streams}
+        self.process = subprocess.Popen(
+            [*launcher, *command, f"--trace-folder={self.folder}", *arguments], **streams,
+            start_new_session=True,
+            env=clean_environment({"SYSTEMD_LOG_LEVEL": "warning", **environment}))
+        self.pid = self.process.pid
+
+    def install_dmidecode(self, script):
+        (self.commands / "dmidecode").write_text("#!/bin/sh\n" + script + "\n")
+        (self.commands / "dmidecode").chmod(0o755)
+
+    def connect(self):
+        return Client(self.name, self.kind)
+
+    def connect_when_up(self):
+        def try_to_connect():
+            if self.process.poll() is not None:
+                self.wait_for_end(status=None)  # which it was not to do
+            with contextlib.suppress(FileNotFoundError, ConnectionRefusedError):
+                return self.connect()
+        return wait_until(try_to_connect, f"{self.name} is listened on")
+
+    def ask(self, request):
+        """Asks on a connection of its own."""
+        with self.connect() as client:
+            return client.ask(request)
+
+    def stop(self):
+        if self.process.returncode is None:
+            self.process.terminate()
+            self.wait_for_end()
+
+    def wait_for_end(self, seconds=DEADLINE, status=0):
+        """Waits until it ends; checks its status, and that nothing of it is left."""
+        try:
+            ended = self.process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            os.killpg(self.pid, signal.SIGKILL)
+            ended = f"{self.process.wait()}, only when it was killed"
+        self._stderr.seek(0)
+        complaints = self._stderr.read()
+        self._stderr.close()
+        if ended != status or complaints:
+            raise AssertionError(f"ended with {ended}: {complaints}\n{self._trace_text()[-3000:]}")
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(self.pid, 0)
+            raise AssertionError("left a process behind")
+
+    def _trace_text(self):
+        return self.log.read_text(errors="replace") if self.log.exists() else ""
+
+    def trace(self):
+        return parse_trace(self._trace_text())
+
+    def messages(self, level=None):
+        return [line.message for line in self.trace() if level in (None, line.level)]
+
+    def wait_for_trace(self, message, count=1):
+        wait_until(lambda: self._trace_text().count(f" - {message}") >= count,
+                   f"{count} times {message!r} in the trace")
+
+    def descriptors(self):
+        """What its open descriptors refer to, by number."""
+        found = {}
+        for number in os.listdir(f"/proc/{self.pid}/fd"):
+            with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+                found[int(number)] = os.readlink(f"/proc/{self.pid}/fd/{number}")
+        return found
+
+    def count_when_idle(self):
+        """The number of its descriptors once no client is left: the one socket listens."""
+        def count():
+            targets = self.descriptors().values()
+            return sum(target.startswith("socket:") for target in targets) == 1 and len(targets)
+        return wait_until(count, "only the listening socket is open")
+
+    def status(self, field, base):
+        """A number from /proc/PID/status; sizes are in KiB."""
+        text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
+        return int(re.search(rf"^{field}:\s*(\w+)", text, re.MULTILINE)[1], base)
+
+    def is_up(self):
+        signals = self.status("SigCgt", 16) & ~self.status("SigBlk", 16)
+        return signals >> signal.SIGTERM - 1 & 1
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="ktclientd-"))
+        self.addCleanup(shutil.rmtree, self.folder)
+
+    def launch(self, *arguments, **options):
+        daemon = Daemon(self.folder, *arguments, **options)
+        self.addCleanup(daemon.stop)
+        return daemon
+
+    def start(self, *arguments, **options):
+        """Launches a daemon and waits until its start is complete."""
+        daemon = self.launch(*arguments, **options)
+        with daemon.connect_when_up() as client:
+            self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
+        wait_until(daemon.is_up, "the start is complete")
+        return daemon
+
+    def connect(self, daemon):
+        return self.enterContext(daemon.connect())
+
+    def listen(self, name, kind=SEQPACKET, backlog=8):
+        listener = self.enterContext(socket.socket(socket.AF_UNIX, kind))
+        listener.bind(name)
+        listener.listen(backlog)
+        listener.settimeout(DEADLINE)
+        return listener
+
+    def assert_ended(self, client):
+        self.assertIsNone(client.answer(), "an answer in place of the end of the connection")

@@ -1,0 +1,132 @@
+import contextlib
+import json
+import os
+import random
+import socket
+import struct
+import subprocess
+import unittest
+
+from harness import (DEADLINE, GENERIC, HARDWARE, MAX_PAYLOAD, SEQPACKET, STREAM, Case, ctl,
+                     in_thread, packet, serial)
+
+SQUATTER = """
+import socket, sys
+listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+listener.bind("\\0" + sys.argv[1])
+listener.listen()
+print("listening", flush=True)
+print(listener.accept()[0].recv(4096))
+"""
+
+
+class ClientProgramTest(Case):
+    def assert_complaint(self, result, status):
+        """That it said in one line why it ended with `status`."""
+        self.assertEqual(result.returncode, status, result)
+        self.assertRegex(result.stderr, r"\Aktclientctl: [^\n]+\n\Z")
+        self.assertEqual(bool(result.stdout), status == 1)
+
+    def ask_server(self, *records, kind=SEQPACKET, silent=False):
+        """Asks a server that reads the request, sends these records, and closes unless `silent`."""
+        name = f"{self.folder}/{random.getrandbits(64)}"
+        listener = self.listen(name, kind)
+        requests = []
+
+        def serve():
+            with listener.accept()[0] as client:
+                client.settimeout(DEADLINE)
+                requests.append(client.recv(*struct.unpack("=I", client.recv(4))))
+                with contextlib.suppress(BrokenPipeError):
+                    for record in records:
+                        client.sendall(record)
+                if silent:
+                    client.recv(1)
+        thread = in_thread(serve)
+        result = ctl(f"--socket={name}", "--timeout=1" if silent else "--timeout=60", "hardware")
+        thread.join()
+        self.assertEqual(json.loads(*requests), HARDWARE)
+        return result
+
+    def test_success(self):
+        for kind in (SEQPACKET, STREAM):
+            daemon = self.start(activated=kind, dmidecode="echo S1")
+            result = ctl(f"--socket={daemon.name}", "hardware")
+            self.assertEqual((result.returncode, result.stderr), (0, ""))
+            indented = json.dumps(serial("S1"), indent=2, sort_keys=True) + "\n"
+            self.assertEqual(result.stdout, indented)
+            # The variable wins over the argument.
+            where = {"KESTREL_SOCKET": daemon.name}
+            text = json.dumps(HARDWARE) + "\n"
+            self.assertEqual(ctl("send", text, environment=where).stdout, indented)
+            compact = ctl("--socket=/none", "--compact", "send", "-", input=text, environment=where)
+            self.assertEqual(compact.stdout.count("\n"), 1)
+            self.assertEqual(json.loads(compact.stdout), serial("S1"))
+
+    def test_other_status(self):
+        where = f"--socket={self.start().name}"
+        result = ctl(where, "hardware")
+        self.assert_complaint(result, 1)
+        self.assertEqual(json.loads(result.stdout), GENERIC)
+        self.assert_complaint(ctl(where, "igel"), 1)
+        deep = '{"sensor":' + "[" * 65530 + "]" * 65530 + "}"
+        self.assert_complaint(ctl(where, "send", "-", input=deep), 1)
+
+        answer = {"status": "ErrorGeneric", "error_message": "first\nsecond"}
+        result = self.ask_server(*packet(answer))
+        self.assert_complaint(result, 1)
+        self.assertIn("first", result.stderr)
+        self.assertEqual(json.loads(result.stdout), answer)
+
+    def test_wrong_usage(self):
+        for arguments in ([], ["hardware", "more"], ["igel", "more"], ["send"], ["send", "{"],
+                          ["send", "[]", "[]"], ["send", ""], ["tell"], ["--loud", "hardware"],
+                          ["--socket", "hardware"], ["--timeout", "hardware"],
+                          ["--timeout=0", "hardware"], ["--timeout=1s", "hardware"],
+                          ["--timeout=-1", "hardware"], ["--socket=/" + "x" * 107, "hardware"]):
+            with self.subTest(arguments=arguments):
+                self.assert_complaint(ctl(*arguments), 2)
+        for text in ("", "[1,]", "[]".ljust(MAX_PAYLOAD + 1)):
+            self.assert_complaint(ctl("send", "-", input=text), 2)
+
+    def test_no_daemon_or_no_answer(self):
+        stale = f"{self.folder}/stale"
+        self.listen(stale).close()
+        for name in (f"{self.folder}/none", stale, f"ktclientd-{os.getpid()}-none"):
+            with self.subTest(name=name):
+                self.assert_complaint(ctl(f"--socket={name}", "hardware"), 3)
+        self.assert_complaint(self.ask_server(silent=True), 3)
+        self.listen(f"{self.folder}/full", backlog=0)
+        with socket.socket(socket.AF_UNIX, SEQPACKET) as first:
+            first.connect(f"{self.folder}/full")
+            result = ctl(f"--socket={self.folder}/full", "--timeout=1", "hardware")
+            self.assert_complaint(result, 3)
+
+    def test_broken_answer(self):
+        for records in ((), (b"\2\0",), (b"\2\0\0\0",), (b"\x10\0\0\0", b'{"stat'), (b"\0\0\0\0",),
+                        (b"\xff\xff\xff\xff", b"{}")):
+            for kind in (SEQPACKET, STREAM):
+                with self.subTest(records=records, kind=kind):
+                    self.assert_complaint(self.ask_server(*records, kind=kind), 3)
+        for answer in (b"{", b"[]", b"7", b"{}", b'{"status":7}', b'{"status":"Success\xff"}',
+                       b'{"status":"Success"} x'):
+            with self.subTest(answer=answer):
+                self.assert_complaint(self.ask_server(*packet(answer)), 3)
+
+    def test_help_and_version(self):
+        usage, version = ctl("--help"), ctl("--version")
+        for result in (usage, version):
+            self.assertEqual((result.returncode, result.stderr), (0, ""))
+        for word in ("hardware", "igel", "send", "--timeout", "--compact", "KESTREL_SOCKET"):
+            self.assertIn(word, usage.stdout)
+        self.assertRegex(version.stdout, r"\Aktclientctl \d+\.\d+\.\d+\n\Z")
+
+    @unittest.skipIf(os.geteuid() != 0, "takes a second user")
+    def test_server_of_another_user_is_told_nothing(self):
+        name = f"ktclientd-squatted-{os.getpid()}-{random.getrandbits(32)}"
+        with subprocess.Popen(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                               "/usr/bin/python3", "-I", "-c", SQUATTER, name],
+                              stdout=subprocess.PIPE, text=True) as squatter:
+            self.assertEqual(squatter.stdout.readline(), "listening\n")
+            self.assert_complaint(ctl(f"--socket={name}", "--timeout=5", "hardware"), 3)
+            self.assertEqual(squatter.stdout.readline(), "b''\n")

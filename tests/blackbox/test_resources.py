@@ -1,0 +1,67 @@
+import os
+import pathlib
+import resource
+import subprocess
+import time
+import unittest
+
+from harness import GENERIC, HARDWARE, MAX_PAYLOAD, NOT_IMPLEMENTED, SANITIZED, Case, serial
+
+
+def processor_time(daemon):
+    """In seconds."""
+    fields = pathlib.Path(f"/proc/{daemon.pid}/stat").read_text().rpartition(") ")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+class ResourceTest(Case):
+    def test_connections_leave_nothing_behind(self):
+        daemon = self.start("--trace-level=1", dmidecode="echo S1")
+        descriptors = daemon.count_when_idle()
+        for _ in range(40):
+            self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
+            for _ in range(49):
+                self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
+        self.assertEqual(daemon.count_when_idle(), descriptors)
+
+    @unittest.skipIf(SANITIZED, "sanitizers take memory of their own")
+    def test_announced_packets_take_no_memory(self):
+        _, limit = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
+        daemon = self.start()
+        other = self.connect(daemon)
+        self.assertEqual(other.ask(b"[]".ljust(MAX_PAYLOAD)), NOT_IMPLEMENTED)
+        before = daemon.status("VmRSS", 10)
+        for _ in range(500):
+            self.connect(daemon).send_all(MAX_PAYLOAD.to_bytes(4, "little"))
+        daemon.wait_for_trace("Reading data { packetSize:131072 }", 500)
+        self.assertLess(daemon.status("VmRSS", 10) - before, 4 * 1024)
+        self.assertEqual(other.ask([]), NOT_IMPLEMENTED)
+
+    def test_running_out_of_descriptors(self):
+        daemon = self.start(launcher=["prlimit", "--nofile=24"])
+        descriptors = daemon.count_when_idle()
+        clients = [self.connect(daemon) for _ in range(40)]
+        daemon.wait_for_trace("Socket accept failed")
+        begin, used = time.monotonic(), processor_time(daemon)
+        time.sleep(1)
+        passed, used = time.monotonic() - begin, processor_time(daemon) - used
+        self.assertLess(used, 0.25 * passed)
+        self.assertLess(daemon.messages("ERROR").count("Socket accept failed"), 20 * passed)
+        self.assertEqual(clients[0].ask(HARDWARE), GENERIC)  # there is none for a pipe either
+        for client in clients:  # each leaves its descriptor to one that waits
+            self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
+            client.close()
+        self.assertEqual(daemon.count_when_idle(), descriptors)
+
+    @unittest.skipIf(SANITIZED, "sanitizers do not work under strace")
+    def test_a_request_takes_few_system_calls(self):
+        client = self.connect(daemon := self.start("--trace-level=1"))
+        calls = self.folder / "calls"
+        with subprocess.Popen(["strace", "--follow-forks", f"--attach={daemon.pid}",
+                               f"--output={calls}"], stderr=subprocess.PIPE, text=True) as strace:
+            self.assertIn("attached", strace.stderr.readline())
+            for _ in range(500):
+                self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
+            strace.terminate()
+        self.assertLessEqual(calls.read_text().count("\n"), 500 * 10 + 20)

@@ -1,0 +1,172 @@
+import os
+import random
+import subprocess
+import time
+
+from harness import (BIN, GENERIC, HARDWARE, SANITIZED, SEQPACKET, STREAM, Case, Client, ctl,
+                     serial, wait_until)
+
+PATIENCE = 60 if SANITIZED else 10  # seconds from a SIGTERM to the end
+SHUTDOWN = ["Shutting down daemon...", "Shutting down listen socket", "Shutting down main thread",
+            "Daemon shutdown complete."]
+
+
+class StopTest(Case):
+    def assert_orderly_end(self, daemon):
+        daemon.wait_for_end(PATIENCE)
+        self.assertFalse(os.path.lexists(daemon.name), "left its socket file")
+        events = [f"{line.message} {line.fields}".strip() for line in daemon.trace()
+                  if line.message in [*SHUTDOWN, "Received signal"]]
+        self.assertEqual(events[:5], ["Received signal signal:15", *SHUTDOWN])
+        self.assertEqual(events[-1], "Received signal signal:3")
+        self.assertLessEqual(set(events[5:-1]), {"Received signal signal:15"})
+
+    def test_sigterm_at_any_moment_once_the_socket_is_there(self):
+        for _ in range(40 if SANITIZED else 200):
+            delay = random.choice([0, random.uniform(0, 0.005)])
+            with self.subTest(delay=delay):
+                daemon = self.launch()
+                wait_until(lambda: os.path.exists(daemon.name), "the socket file is there")
+                time.sleep(delay)
+                daemon.process.terminate()
+                self.assert_orderly_end(daemon)
+
+    def test_several_sigterms_are_one_shutdown_that_ends_the_connections(self):
+        daemon = self.start()
+        idle, announcing, sending, asking = (self.connect(daemon) for _ in range(4))
+        announcing.send_all(b"\x10\0\0\0")
+        sending.send_all(b"\x10\0\0\0", b'{"sens')
+        asking.request(*[[]] * 2000)
+        for _ in range(500):
+            daemon.process.terminate()
+        self.assert_orderly_end(daemon)
+        for client in (idle, announcing, sending):
+            self.assert_ended(client)
+
+    def test_sigterm_while_a_command_runs(self):
+        daemon = self.start(dmidecode='echo >"$0.started"; read -r line <"$0.fifo"; echo S1')
+        os.mkfifo(daemon.commands / "dmidecode.fifo")
+        client = self.connect(daemon)
+        client.request(HARDWARE)
+        wait_until((daemon.commands / "dmidecode.started").exists, "the command runs")
+        daemon.process.terminate()
+        daemon.wait_for_trace("Shutting down listen socket")
+        (daemon.commands / "dmidecode.fifo").write_text("go on\n")
+        self.assert_orderly_end(daemon)
+        self.assertIn(client.answer(), (None, serial("S1")))
+
+
+class FailedStartTest(Case):
+    def fail_to_start(self, name, error, repeat=1):
+        for _ in range(repeat):
+            daemon = self.launch(name=name)
+            daemon.wait_for_end(status=1)
+            last = [line for line in daemon.trace() if line.level == "ERROR"][-1]
+            self.assertEqual(last.message, "Failed running client daemon")
+            self.assertRegex(last.fields, f'^err:"{error}')
+
+    def test_addresses_that_cannot_be_bound(self):
+        longest = f"{self.folder}/".ljust(107, "x")
+        self.start(name=longest)
+        self.fail_to_start(longest + "x", "Invalid Address", repeat=20)
+        self.assertFalse(os.path.lexists(longest + "x"))
+        self.fail_to_start(f"{self.folder}/none/socket", "No such file or directory", repeat=20)
+        self.fail_to_start("/proc/ktclientd-socket", "")
+
+    def test_live_listener_is_left_alone(self):
+        for kind, backlog, waiting in ((SEQPACKET, 8, 0), (SEQPACKET, 0, 1), (STREAM, 0, 1)):
+            with self.subTest(kind=kind, backlog=backlog):
+                name = f"{self.folder}/{kind}-{backlog}"
+                listener = self.listen(name, kind, backlog)
+                for _ in range(waiting):  # which is all that it has room for
+                    self.enterContext(Client(name, kind))
+                self.fail_to_start(name, "Address already in use")
+                for _ in range(waiting):
+                    listener.accept()[0].close()
+                client = self.enterContext(Client(name, kind))
+                client.send_all(b"still there?")
+                received = b""
+                while received != b"still there?":  # the failed start may have connected, too
+                    with listener.accept()[0] as connection:
+                        received = connection.recv(100)
+
+    def test_file_that_is_no_socket_is_left_alone(self):
+        (self.folder / "file").write_text("kept")
+        self.fail_to_start(f"{self.folder}/file", "Address already in use")
+        self.assertEqual((self.folder / "file").read_text(), "kept")
+        (self.folder / "link").symlink_to(self.folder / "nothing")
+        self.fail_to_start(f"{self.folder}/link", "Address already in use")
+        self.assertTrue((self.folder / "link").is_symlink())
+
+    def test_stale_socket_file_is_replaced(self):
+        for kind in (SEQPACKET, STREAM):
+            name = f"{self.folder}/{kind}"
+            self.listen(name, kind).close()
+            self.start(name=name).stop()
+            self.assertFalse(os.path.lexists(name))
+
+    def test_more_than_one_descriptor_or_none(self):
+        daemon = self.launch(activated=STREAM, activator=["--listen", f"{self.folder}/other"])
+        daemon.connect_when_up().close()
+        daemon.wait_for_end(status=1)
+        errors = [line for line in daemon.trace() if line.level == "ERROR"]
+        self.assertEqual([error.message for error in errors],
+                         ["Unexpected socket listen count", "Failed running client daemon"])
+        self.assertEqual(errors[0].fields, "listenSocketCount:2")
+
+        daemon = self.launch("--activated")
+        daemon.wait_for_end()
+        self.assertEqual(daemon.messages()[-1], "Shutting down with nothing to do")
+
+
+class ActivationTest(Case):
+    def test_leaves_when_idle_and_not_before(self):
+        period = 2
+        daemons = [self.start(f"--activated-period={period}", activated=kind)
+                   for kind in (SEQPACKET, STREAM)]
+        clients = [self.connect(daemon) for daemon in daemons]
+        begin = time.monotonic()
+        while time.monotonic() < begin + 1.5 * period:
+            last = time.monotonic()
+            for client in clients:
+                self.assertEqual(client.ask(HARDWARE), GENERIC)
+            time.sleep(0.1)
+        for daemon, client in zip(daemons, clients):
+            daemon.wait_for_end()
+            self.assertGreaterEqual(time.monotonic() - last, period)
+            self.assert_ended(client)
+            self.assertTrue(os.path.lexists(daemon.name), "removed another's socket file")
+            messages = daemon.messages()
+            self.assertIn("Shutdown not required due to recent read", messages)
+            self.assertEqual(messages.count("Shutting down due to lack of activity"), 1)
+            self.assertEqual([text for text in messages if text in SHUTDOWN], SHUTDOWN)
+
+    def test_environment_overrides_the_period(self):
+        daemon = self.start("--activated-period=300", activated=SEQPACKET,
+                            environment={"KESTREL_ACTIVATED_PERIOD": "1"})
+        daemon.wait_for_end()
+
+
+class CommandLineTest(Case):
+    def test_abstract_names_with_and_without_at(self):
+        for at in ("", "@"):
+            name = f"ktclientd-test-{os.getpid()}-{random.getrandbits(32)}"
+            self.start(name=at + name)
+            for asked in (name, "@" + name):
+                self.assertEqual(ctl(f"--socket={asked}", "send", "[]").returncode, 1)
+
+    def test_help_and_version_start_nothing(self):
+        usage, version = (subprocess.run(
+            [BIN / "ktclientd", option, f"--socket={self.folder}/socket",
+             f"--trace-folder={self.folder}"], capture_output=True, text=True, timeout=60)
+            for option in ("--help", "--version"))
+        for result in (usage, version):
+            self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(os.listdir(self.folder), [])
+        self.assertRegex(version.stdout, r"\Aktclientd \d+\.\d+\.\d+\n\Z")
+        for setting in ("socket", "activated", "activated-period", "trace-level", "trace-console",
+                        "trace-syslog", "trace-folder", "trace-file", "logging-file",
+                        "trace-file-prefix", "trace-stringptr-maxlen"):
+            variable = "KESTREL_" + setting.upper().replace("-", "_")
+            self.assertRegex(usage.stdout, rf"--{setting}\b(?!-)")
+            self.assertRegex(usage.stdout, rf"{variable}\b.*default: \S")
