@@ -9,6 +9,8 @@
 
 #include "daemon/dispatch.h"
 #include "daemon/packet_backlog.h"
+#include "daemon/turn_read_stream.h"
+#include "io/native_messaging_host_read_stream.h"
 #include "tests/support/loop_fixture.h"
 
 namespace {
@@ -71,6 +73,32 @@ TEST_F(DispatchTest, TheDeepestRequestsAreAnsweredOnASmallStack) {
        {nested, R"({"sensor":)" + nested + "}", R"({"sensor":{"x":)" + nested + "}}"}) {
     EXPECT_EQ(Answer(text, stackSize), R"({"status":"ErrorNotImplemented"})");
   }
+}
+
+class TurnReadStreamTest : public IOThreadTest {};
+
+// All of it is there before the first read, and would fit into one drain of the loop.
+TEST_F(TurnReadStreamTest, APacketInManyPiecesLetsTheLoopPollInBetween) {
+  constexpr std::uint32_t pieces = 64;
+  Base::UniqueFd peer;
+  auto const socket = MakePair(SOCK_SEQPACKET, peer);
+  Send(peer, std::string("\x40\0\0\0", 4));
+  for (std::uint32_t i = 0; i < pieces; ++i) Send(peer, "x");
+  std::uint64_t rounds = 0;
+  OnLoop([&] {
+    auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
+        Base::MakeShared<TurnReadStream>(
+            Base::MakeShared<Net::SocketReadStream>(socket, std::size_t{2048})),
+        pieces);
+    stream->Read(Base::MakeCallback(
+        [&, first = loop->GetRound()](Base::Status const& status, Base::ByteBuffer data, bool) {
+          rounds = loop->GetRound() - first;
+          events.Add(StatusText(status) + " " + Text(data));
+        }));
+  });
+  EXPECT_EQ(events.Take(), "ok " + std::string(pieces, 'x') + ";");
+  EXPECT_GE(rounds, pieces / 8);
+  OnLoop([&] { socket->Close(); });
 }
 
 }  // namespace
