@@ -43,12 +43,12 @@ def packet(request):
     return struct.pack("=I", len(payload)), payload
 
 
-def wait_until(condition, what):
+def wait_until(condition, what, pause=0.005):
     deadline = time.monotonic() + DEADLINE
     while not (result := condition()):
         if time.monotonic() > deadline:
             raise AssertionError(f"waited in vain until {what}")
-        time.sleep(0.005)
+        time.sleep(pause)
     return result
 
 

@@ -26,7 +26,7 @@ class StopTest(Case):
             delay = random.choice([0, random.uniform(0, 0.005)])
             with self.subTest(delay=delay):
                 daemon = self.launch()
-                wait_until(lambda: os.path.exists(daemon.name), "the socket file is there")
+                wait_until(lambda: os.path.exists(daemon.name), "the socket file is there", pause=0)
                 time.sleep(delay)
                 daemon.process.terminate()
                 self.assert_orderly_end(daemon)
