@@ -60,7 +60,7 @@ class SocketLinux final : public Socket {
   // Calls back for every connection and for every failed attempt to take one, for as long as the
   // socket is open. After a failure that would only repeat itself it rests from accepting: out of
   // descriptors or memory until there are some, else for a second. A failed listen(2) is reported
-  // through the callback, too.
+  // through the callback, too. Throws Base::ExceptionPosix when it cannot watch the socket.
   void Listen(int maxConnections, AcceptCallback acceptCallback);
 
   PeerCredentials GetPeerCredentials();
