@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 
 #include "base/exception.h"
 #include "base/shared.h"
+#include "base/standard_streams.h"
 #include "base/thread_pool.h"
 #include "client/command_line.h"
 #include "client/exchange.h"
@@ -91,6 +94,9 @@ int main(int argc, char** argv) {
   if (IsWordOfCommandLine(argc, argv, "--help")) return Print(GetUsage());
   if (IsWordOfCommandLine(argc, argv, "--version"))
     return Print("ktclientctl " KTCLIENTD_VERSION "\n");
+  bool const canPrint = fcntl(STDOUT_FILENO, F_GETFD) != -1;
+  Base::OpenMissingStandardStreams();
+  if (!canPrint) return Complain(ExitStatus::NoAnswer, "Standard output is closed");
   // A daemon or a reader of ours that goes away is an error like any other.
   signal(SIGPIPE, SIG_IGN);
   ForgetDaemonSettings();

@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <malloc.h>
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -15,6 +13,7 @@
 #include "base/io_thread.h"
 #include "base/run_and_wait.h"
 #include "base/shared.h"
+#include "base/standard_streams.h"
 #include "base/thread_linux.h"
 #include "base/thread_pool.h"
 #include "base/unique_fd.h"
@@ -53,13 +52,6 @@ struct Daemon {
 Daemon& GetDaemon() {
   static Daemon& daemon = *new Daemon;
   return daemon;
-}
-
-// A descriptor of ours that took one of these numbers would get what is printed there.
-void OpenMissingStandardStreams() {
-  int fd = open("/dev/null", O_RDWR);
-  while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
-  if (fd > STDERR_FILENO) close(fd);
 }
 
 // Packets get pages of their own, which go back when they are done: one of the largest size must
@@ -185,7 +177,7 @@ int main(int argc, char** argv) {
     return std::puts("ktclientd " KTCLIENTD_VERSION) == EOF || std::fflush(stdout) == EOF ? 1 : 0;
   }
   HoldBackTermination();
-  OpenMissingStandardStreams();
+  Base::OpenMissingStandardStreams();
   LimitHeap();
   try {
     SurviveBrokenPipes();

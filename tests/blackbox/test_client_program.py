@@ -7,8 +7,8 @@ import struct
 import subprocess
 import unittest
 
-from harness import (DEADLINE, GENERIC, HARDWARE, MAX_PAYLOAD, SEQPACKET, STREAM, Case, ctl,
-                     in_thread, packet, serial)
+from harness import (BIN, DEADLINE, GENERIC, HARDWARE, MAX_PAYLOAD, SEQPACKET, STREAM, Case,
+                     clean_environment, ctl, in_thread, packet, serial)
 
 SQUATTER = """
 import socket, sys
@@ -100,6 +100,15 @@ class ClientProgramTest(Case):
         with socket.socket(socket.AF_UNIX, SEQPACKET) as first:
             first.connect(f"{self.folder}/full")
             result = ctl(f"--socket={self.folder}/full", "--timeout=1", "hardware")
+            self.assert_complaint(result, 3)
+
+    def test_answer_that_cannot_be_printed(self):
+        where = f"--socket={self.start(dmidecode='echo S1').name}"
+        for output in ("/dev/full", "&-"):
+            shell = ["sh", "-c", f'exec "$@" >{output}', "sh", BIN / "ktclientctl", where]
+            result = subprocess.run([*shell, "hardware"], stderr=subprocess.PIPE, text=True,
+                                    env=clean_environment({}), stdout=subprocess.DEVNULL)
+            result.stdout = ""
             self.assert_complaint(result, 3)
 
     def test_broken_answer(self):
