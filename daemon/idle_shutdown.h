@@ -1,10 +1,13 @@
 #pragma once
 
-#include <chrono>
+#include "base/thread_linux.h"
 
-// How long a socket-activated daemon stays without a client: the setting "activated-period".
-std::chrono::seconds GetActivatedPeriod();
+// A socket-activated daemon leaves when no client has been heard of for "activated-period" seconds.
 
-// Stops the loop that it runs on when no client has been heard of for the activated period; else
-// posts itself there for when that may be so.
+// Posts the first check to `mainThread`, for after one period. Called once, before the loop runs.
+// Throws Base::ExceptionPosix.
+void StartIdleShutdown(Base::ThreadLinux& mainThread);
+
+// Stops the loop that it runs on when no client has been heard of for the period; else posts itself
+// there for when that may be so.
 void CheckIdleShutdown();

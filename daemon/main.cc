@@ -2,7 +2,6 @@
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
 
-#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <optional>
@@ -71,10 +70,8 @@ void UseActivatedSocket() {
   Daemon& daemon = GetDaemon();
   daemon.listenSocket =
       Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(activatedFd), Base::GetIOThread());
-  std::chrono::milliseconds const period = GetActivatedPeriod();
   daemon.mainThread = Base::MakeShared<Base::ThreadLinux>();
-  daemon.mainThread->PostScheduledTask(period.count(),
-                                       Base::MakeCallback([] { CheckIdleShutdown(); }));
+  StartIdleShutdown(*daemon.mainThread);
 }
 
 void BindOwnSocket(std::string const& socketText) {
