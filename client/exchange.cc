@@ -30,10 +30,10 @@ bool IsError(Base::Status const& status, int errorCode) {
 Exchange::Exchange(Net::Address address, std::string request)
     : _address(std::move(address)), _request(std::move(request)) {}
 
-std::future<std::string> Exchange::Start() {
+std::future<Exchange::Outcome> Exchange::Start() {
   Base::GetIOThread()->PostTask(
       Base::MakeCallback([self = Base::Shared(this)] { self->Connect(SOCK_SEQPACKET); }));
-  return _answer.get_future();
+  return _outcome.get_future();
 }
 
 template <typename Step>
@@ -110,13 +110,13 @@ void Exchange::OnAnswered(Base::Status const& status, Base::ByteBuffer const& pa
     Fail("The daemon closed the connection without an answer");
   } else if (!std::exchange(_ended, true)) {
     auto const bytes = packet.GetSpan();
-    _answer.set_value(std::string(bytes.begin(), bytes.end()));
+    _outcome.set_value({.isAnswer = true, .text = std::string(bytes.begin(), bytes.end())});
     _socket->Close();
   }
 }
 
 void Exchange::Fail(std::string const& reason) {
   if (std::exchange(_ended, true)) return;
-  _answer.set_exception(std::make_exception_ptr(Base::Exception(reason)));
+  _outcome.set_value({.isAnswer = false, .text = reason});
   if (_socket) _socket->Close();
 }

@@ -20,9 +20,16 @@ class Exchange final : public Base::Shareable {
   // `request` is the payload of the packet to send.
   Exchange(Net::Address address, std::string request);
 
-  // Starts. The future gets the payload of the answer, or a Base::Exception that says in one line
-  // why there is none; nothing for as long as the server keeps silent. Called once.
-  std::future<std::string> Start();
+  struct Outcome {
+    bool isAnswer = false;
+    std::string text;  // the payload of the answer, or why there is none, in one line
+  };
+
+  // Starts. The future gets nothing for as long as the server keeps silent. Called once.
+  //
+  // A failure arrives as a value: an exception in a future is shared between two threads, and which
+  // of them destroys it is not decided before both are done with it.
+  std::future<Outcome> Start();
 
  private:
   void Connect(int type);
@@ -39,6 +46,6 @@ class Exchange final : public Base::Shareable {
   Net::Address const _address;
   std::string const _request;
   Base::Shared<Net::SocketLinux> _socket;
-  std::promise<std::string> _answer;
+  std::promise<Outcome> _outcome;
   bool _ended = false;
 };

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/exception.h"
 #include "base/shared.h"
@@ -33,12 +34,14 @@ int Complain(ExitStatus status, std::string reason) {
 
 std::string AskDaemon(CommandLine const& commandLine) {
   auto const exchange = Base::MakeShared<Exchange>(commandLine.address, commandLine.request);
-  std::future<std::string> answer = exchange->Start();
-  if (answer.wait_for(commandLine.timeout) != std::future_status::ready) {
+  std::future<Exchange::Outcome> future = exchange->Start();
+  if (future.wait_for(commandLine.timeout) != std::future_status::ready) {
     throw Base::Exception("No answer within " + std::to_string(commandLine.timeout.count()) +
                           " seconds");
   }
-  return answer.get();
+  Exchange::Outcome outcome = future.get();
+  if (!outcome.isAnswer) throw Base::Exception(outcome.text);
+  return std::move(outcome.text);
 }
 
 // Printing is recursive, and no answer of the daemon's nests deeper than a few levels.
