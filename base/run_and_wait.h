@@ -1,6 +1,8 @@
 #pragma once
 
+#include <exception>
 #include <future>
+#include <memory>
 #include <utility>
 
 #include "base/callback.h"
@@ -19,14 +21,23 @@ void RunAndWait(Thread& thread, Function function) {
     function();
     return;
   }
-  std::packaged_task<void()> task(std::move(function));
-  std::future<void> done = task.get_future();
-  thread.PostTask(MakeCallback([task = std::move(task)]() mutable { task(); }));
-  try {
-    done.get();
-  } catch (std::future_error const&) {
-    throw Exception("Thread stopped");
-  }
+  bool ran = false;
+  std::exception_ptr error;  // destroyed by this thread alone: nothing else refers to it by then
+  std::promise<void> promise;
+  std::future<void> const end = promise.get_future();
+  std::shared_ptr<void> onEnd(
+      nullptr, [promise = std::move(promise)](void*) mutable { promise.set_value(); });
+  thread.PostTask(MakeCallback([&function, &ran, &error, onEnd = std::move(onEnd)] {
+    ran = true;
+    try {
+      function();
+    } catch (...) {
+      error = std::current_exception();
+    }
+  }));
+  end.wait();  // the task has been run, or dropped
+  if (!ran) throw Exception("Thread stopped");
+  if (error) std::rethrow_exception(error);
 }
 
 }  // namespace Base
