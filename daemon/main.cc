@@ -105,9 +105,17 @@ void CloseListenSocket(Base::Shared<Net::SocketLinux> const& listenSocket) {
   }
 }
 
+// Where one asked to be told (sd_notify(3)).
+void TellServiceManager(char const* state) {
+  int const result = sd_notify(0, state);
+  if (result < 0)
+    TRACE_WARNING("Failed to notify service manager", state, Trace::As("error", -result));
+}
+
 void Shutdown() {
   Daemon& daemon = GetDaemon();
   TRACE_VERBOSE("Shutting down daemon...");
+  TellServiceManager("STOPPING=1");
   if (daemon.listenSocket) {
     TRACE_VERBOSE("Shutting down listen socket");
     // The file first: once nobody listens any more, the next daemon may put its own there.
@@ -152,12 +160,11 @@ void RunDaemon(int argc, char const* const* argv) {
     TRACE_VERBOSE("Shutting down with nothing to do");
     return;
   }
-  // Before anybody is served: a command that a sensor starts lets signals through to the IO thread
-  // for a moment.
   RelayTermination(*daemon.mainThread, Base::Callback<int>(&OnSignal));
   Listen();
   GetDaemon().folderLock.Reset();
   ReleaseTermination();
+  TellServiceManager("READY=1");
   // A handle of its own: the shutdown empties the daemon's while the loop still runs.
   Base::Shared<Base::ThreadLinux> const mainThread = daemon.mainThread;
   mainThread->Run();

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/shell_command.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("main");
@@ -24,6 +25,8 @@ static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler")
 
 void OnTermination(int signalNumber) {
   int const error = errno;
+  // Here and not on the loop: it may already be waiting for the thread that runs a command.
+  Base::CancelShellCommands();
   auto const byte = static_cast<unsigned char>(signalNumber);
   // A full pipe already holds more signals than anybody waits for.
   static_cast<void>(!write(relayFd.load(std::memory_order_relaxed), &byte, sizeof byte));
@@ -70,6 +73,7 @@ void RelayTermination(Base::ThreadLinux& loop, Base::Callback<int> onSignal) {
                 Base::MakeCallback([onSignal = std::move(onSignal)](int fd, int /*events*/) {
                   ReadSignals(fd, onSignal);
                 }));
+  Base::AllowCancelOfShellCommands();
   SetHandler(SIGTERM, &OnTermination);
 }
 

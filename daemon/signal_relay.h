@@ -13,9 +13,9 @@ void HoldBackTermination();
 // not SIG_IGN, which the programs that this process runs would inherit.
 void SurviveBrokenPipes();
 
-// Takes SIGTERM: the handler hands the number to `loop`, which calls `onSignal` with it, as a task,
-// once for each signal. Called once, from the thread that will run the loop, before it does. Throws
-// Base::ExceptionPosix.
+// Takes SIGTERM: the handler cancels the shell commands (base/shell_command.h) and hands the number
+// to `loop`, which calls `onSignal` with it, as a task, once for each signal. Called once, from the
+// thread that will run the loop, before it does. Throws Base::ExceptionPosix.
 void RelayTermination(Base::ThreadLinux& loop, Base::Callback<int> onSignal);
 
 // Lets SIGTERM through to the calling thread, also one that was held back.

@@ -11,21 +11,13 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/text.h"
 
 namespace {
 
 constexpr std::string_view environmentPrefix = "KESTREL_";
 constexpr std::string_view nameCharacters =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
-
-// std::tolower asks the locale, which has no say in the names of settings.
-char ToLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-std::string LowerCased(std::string_view text) {
-  std::string lower(text);
-  std::ranges::transform(lower, lower.begin(), ToLower);
-  return lower;
-}
 
 class ArgumentStore {
  public:
@@ -155,7 +147,7 @@ bool IsWordOfCommandLine(int argc, char const* const* argv, std::string_view wor
 }
 
 std::string NormaliseArgumentName(std::string_view name) {
-  std::string normalised = LowerCased(name);
+  std::string normalised = Base::LowerCased(name);
   std::ranges::replace(normalised, '-', '_');
   return normalised;
 }
@@ -177,7 +169,7 @@ bool GetBoolArgument(std::string_view name, bool defaultValue) {
   Argument const* const argument = GetStore().Find(name);
   if (argument == nullptr) return defaultValue;
   if ((argument->kind & argumentFlag) != 0) return true;
-  std::string const value = LowerCased(argument->value);
+  std::string const value = Base::LowerCased(argument->value);
   if (value == "0" || value == "false") return false;
   if (value == "1" || value == "true") return true;
   return defaultValue;

@@ -27,6 +27,13 @@ MAX_PAYLOAD = 131072
 SEQPACKET, STREAM = socket.SOCK_SEQPACKET, socket.SOCK_STREAM
 HARDWARE = {"sensor": {"hardware": None}}
 NOT_IMPLEMENTED, GENERIC = {"status": "ErrorNotImplemented"}, {"status": "ErrorGeneric"}
+NOT_IGEL = GENERIC | {"error_message": "Not an IGEL device"}
+
+# Runs a command where a file or folder, the first argument, stands in the place of the second.
+NAMESPACE = ["unshare", "--mount", *(["--map-root-user"] if os.geteuid() != 0 else []), "sh", "-c",
+             'mount --bind "$1" "$2" && shift 2 && exec "$@"', "sh"]
+CAN_MOUNT = not subprocess.run([*NAMESPACE, "/dev/null", "/etc/os-release", "true"],
+                               stderr=subprocess.DEVNULL).returncode
 
 HEADER = re.compile(r"\d\d:\d\d:\d\d\.\d{3}Z (FATAL|ERROR|WARNING|INFO|VERBOSE|DEBUG) {1,4} "
                     r"[a-z_]+\((\d+):\d+\) - ")
@@ -59,14 +66,14 @@ def in_thread(target):
 
 
 def parse_trace(text):
-    """The lines of a trace; each must be whole, and one line only."""
+    """The lines of a trace, each whole; the output of a command may have line ends of its own."""
     lines = []
-    for line in text.splitlines(keepends=True):
+    for line in text and re.split(r"(?m)(?<=\n)(?=\d\d:\d\d:\d\d\.\d{3}Z )", text):
         header = HEADER.match(line)
         if not header or HEADER.search(line, header.end()) or line[-1] != "\n":
             raise AssertionError(f"not a line of a trace: {line!r}")
         message, brace, fields = line[header.end():-1].partition(" { ")
-        if brace and not fields.endswith(" }"):
+        if "\n" in message or (brace and not fields.endswith(" }")):
             raise AssertionError(f"torn line: {line!r}")
         lines.append(TraceLine(*header.groups(), message, fields.removesuffix(" }")))
     return lines
@@ -132,7 +139,7 @@ class Daemon:
         self.commands = self.folder / "commands"
         self.commands.mkdir()
         if dmidecode:
-            self.install_dmidecode(dmidecode)
+            self.install("dmidecode", dmidecode)
         self.name = name or str(self.folder / "socket")
         self.kind = activated or SEQPACKET
         self.log = self.folder / "ktclientd.log"
@@ -152,9 +159,9 @@ class Daemon:
             env=clean_environment({"SYSTEMD_LOG_LEVEL": "warning", **environment}))
         self.pid = self.process.pid
 
-    def install_dmidecode(self, script):
-        (self.commands / "dmidecode").write_text("#!/bin/sh\n" + script + "\n")
-        (self.commands / "dmidecode").chmod(0o755)
+    def install(self, command, script):
+        (self.commands / command).write_text("#!/bin/sh\n" + script + "\n")
+        (self.commands / command).chmod(0o755)
 
     def connect(self):
         return Client(self.name, self.kind)
@@ -189,9 +196,18 @@ class Daemon:
         self._stderr.close()
         if ended != status or complaints:
             raise AssertionError(f"ended with {ended}: {complaints}\n{self._trace_text()[-3000:]}")
-        with contextlib.suppress(ProcessLookupError):
-            os.killpg(self.pid, 0)
-            raise AssertionError("left a process behind")
+        wait_until(lambda: not self.session(), "no process of its session is left")
+
+    def session(self):
+        """The command lines of the processes of its session; commands have groups of their own."""
+        found = []
+        for folder in pathlib.Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                state, _, _, session = \
+                    (folder / "stat").read_text().rpartition(") ")[2].split()[:4]
+                if int(session) == self.pid and state != "Z":
+                    found.append((folder / "cmdline").read_bytes())
+        return found
 
     def _trace_text(self):
         return self.log.read_text(errors="replace") if self.log.exists() else ""

@@ -1,10 +1,11 @@
 import os
 import random
+import socket
 import subprocess
 import time
 
-from harness import (BIN, GENERIC, HARDWARE, SANITIZED, SEQPACKET, STREAM, Case, Client, ctl,
-                     serial, wait_until)
+from harness import (BIN, DEADLINE, GENERIC, HARDWARE, NOT_IMPLEMENTED, SANITIZED, SEQPACKET, STREAM,
+                     Case, Client, ctl, wait_until)
 
 PATIENCE = 60 if SANITIZED else 10  # seconds from a SIGTERM to the end
 SHUTDOWN = ["Shutting down daemon...", "Shutting down listen socket", "Shutting down main thread",
@@ -43,17 +44,17 @@ class StopTest(Case):
         for client in (idle, announcing, sending):
             self.assert_ended(client)
 
-    def test_sigterm_while_a_command_runs(self):
-        daemon = self.start(dmidecode='echo >"$0.started"; read -r line <"$0.fifo"; echo S1')
-        os.mkfifo(daemon.commands / "dmidecode.fifo")
-        client = self.connect(daemon)
-        client.request(HARDWARE)
-        wait_until((daemon.commands / "dmidecode.started").exists, "the command runs")
-        daemon.process.terminate()
-        daemon.wait_for_trace("Shutting down listen socket")
-        (daemon.commands / "dmidecode.fifo").write_text("go on\n")
-        self.assert_orderly_end(daemon)
-        self.assertIn(client.answer(), (None, serial("S1")))
+
+    def test_service_manager_is_told_of_readiness_and_of_the_end(self):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(f"{self.folder}/notify")
+            manager.settimeout(DEADLINE)
+            daemon = self.launch(environment={"NOTIFY_SOCKET": f"{self.folder}/notify"})
+            self.assertEqual(manager.recv(100), b"READY=1")
+            self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)  # it listens
+            daemon.process.terminate()
+            self.assertEqual(manager.recv(100), b"STOPPING=1")
+            self.assert_orderly_end(daemon)
 
 
 class FailedStartTest(Case):

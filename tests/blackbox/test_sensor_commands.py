@@ -1,0 +1,65 @@
+import os
+
+from harness import DEADLINE, GENERIC, HARDWARE, SANITIZED, STREAM, Case, serial, wait_until
+
+PATIENCE = DEADLINE if SANITIZED else 10  # seconds from a SIGTERM to the end
+
+
+def complaints_of_commands(daemon):
+    return [message for message in daemon.messages("WARNING") if message.startswith("Command")]
+
+
+class SensorCommandTest(Case):
+    def test_command_that_does_not_end_by_itself_is_killed_with_all_that_it_started(self):
+        cases = {
+            "Command took too long": ("exec sleep 1000", "trap '' TERM HUP INT; sleep 1000; true",
+                                      "echo S1; exec >&-; sleep 1000", "echo S1; sleep 1000 &",
+                                      "(sleep 1000 & sleep 1000 &) & while :; do sleep 1; done"),
+            "Command printed too much": ("exec yes", "yes & yes", "exec head -c 1048577 /dev/zero"),
+        }
+        daemon = self.start("--command-timeout=1")
+        expected = []
+        for message, scripts in cases.items():
+            for script in scripts:
+                with self.subTest(script=script):
+                    daemon.install("dmidecode", script)
+                    self.assertEqual(daemon.ask(HARDWARE), GENERIC)
+                    expected.append(message)
+                    self.assertEqual(complaints_of_commands(daemon), expected)
+                    wait_until(lambda: len(daemon.session()) == 1, "only the daemon is left")
+        daemon.install("dmidecode", "echo S1")
+        self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
+        self.assertEqual(daemon.status("Threads", 10), 2)
+
+    def test_command_within_its_limits_is_left_alone(self):
+        daemon = self.start("--command-timeout=0", activated=STREAM,
+                            dmidecode="head -c 1048576 /dev/zero | tr '\\0' 7")
+        self.assertEqual(daemon.ask(HARDWARE), serial("7" * 1048576))
+        self.assertEqual(complaints_of_commands(daemon), [])
+        # Neither is what it leaves behind killed, when that has let go of its output.
+        daemon.install("dmidecode", 'sleep 1000 >/dev/null & echo $! >"$0.left"; echo S1')
+        self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
+        os.kill(int((daemon.commands / "dmidecode.left").read_text()), 9)
+
+    def test_complaints_of_a_command_go_to_standard_error(self):
+        with open(self.folder / "complaints", "w+") as complaints:
+            daemon = self.start(dmidecode="echo no tables >&2; echo S1", stderr=complaints)
+            self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
+            daemon.stop()
+            complaints.seek(0)
+            self.assertEqual(complaints.read(), "no tables\n")
+        self.assertNotIn("no tables", daemon.log.read_text())
+
+    def test_sigterm_does_not_wait_for_a_command(self):
+        script = """echo started >>"$0.started"; trap '' TERM; sleep 1000; echo S1"""
+        daemon = self.start("--command-timeout=0", dmidecode=script)
+        clients = [self.connect(daemon) for _ in range(5)]
+        for client in clients:
+            client.request(HARDWARE, HARDWARE)
+        wait_until((daemon.commands / "dmidecode.started").exists, "the command runs")
+        daemon.process.terminate()
+        daemon.wait_for_end(PATIENCE)
+        self.assertEqual((daemon.commands / "dmidecode.started").read_text(), "started\n")
+        self.assertIn("Command was cancelled", complaints_of_commands(daemon))
+        for client in clients:
+            self.assertIn(client.answer(), (None, GENERIC))
