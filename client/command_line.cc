@@ -1,7 +1,10 @@
 #include "client/command_line.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
@@ -19,6 +22,8 @@ namespace {
 constexpr std::int64_t defaultTimeoutSeconds = 30;
 constexpr std::int64_t maxTimeoutSeconds = 86400;
 constexpr std::size_t maxRequestSize = 131072;  // the daemon ends the connection above it
+
+constexpr char const* packagedSocket = "/run/ktclientd/ktclientd.sock";
 
 constexpr auto options = std::to_array<std::string_view>({"socket", "timeout", "compact"});
 
@@ -79,8 +84,15 @@ std::string ReadRequest(std::vector<std::string> const& words) {
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();
 }
 
+// The packaged service's socket where there is one, also where this user may not look at it.
+std::string GetDefaultAddress() {
+  struct stat file {};
+  bool const isAbsent = stat(packagedSocket, &file) == -1 && (errno == ENOENT || errno == ENOTDIR);
+  return isAbsent ? "com.norvel.kestrel" : packagedSocket;
+}
+
 Net::Address ReadAddress() {
-  std::string const text = GetArgument("socket", "com.norvel.kestrel");
+  std::string const text = GetArgument("socket", GetDefaultAddress());
   try {
     return Net::Address::FromUnixText(text);
   } catch (Base::Exception const&) {
@@ -121,7 +133,8 @@ char const* GetUsage() {
          "  --socket=ADDRESS     where the daemon listens: a path if it has a \"/\", else a name "
          "in\n"
          "                       the abstract namespace (environment: KESTREL_SOCKET, which wins;\n"
-         "                       default: com.norvel.kestrel)\n"
+         "                       default: /run/ktclientd/ktclientd.sock where that is, else\n"
+         "                       com.norvel.kestrel)\n"
          "  --timeout=SECONDS    how long to wait for the answer (default: 30)\n"
          "  --compact            print the answer on one line\n"
          "  --trace-console      trace to standard output, at --trace-level=LEVEL\n"

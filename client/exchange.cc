@@ -1,8 +1,12 @@
 #include "client/exchange.h"
 
+#include <grp.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <exception>
@@ -19,6 +23,19 @@ namespace {
 constexpr std::size_t readSize = 2048;
 constexpr std::uint32_t maxAnswerSize = std::uint32_t{16} << 20U;
 constexpr std::int64_t backlogRestMs = 10;
+
+// To connect to a socket file takes the permission to write to it. Empty where no group has that.
+std::string DescribeWhoMayConnect(Net::Address const& address) {
+  auto const* const path = reinterpret_cast<sockaddr_un const*>(address.GetData())->sun_path;
+  struct stat file {};
+  if (stat(path, &file) == -1 || (file.st_mode & S_IWGRP) == 0) return {};
+  group entry{};
+  group* found = nullptr;
+  std::array<char, 4096> texts;
+  getgrgid_r(file.st_gid, &entry, texts.data(), texts.size(), &found);
+  std::string const name = found != nullptr ? found->gr_name : std::to_string(file.st_gid);
+  return "; it is for root and the members of the group " + name;
+}
 
 // A status carries its errno as text only.
 bool IsError(Base::Status const& status, int errorCode) {
@@ -66,7 +83,8 @@ void Exchange::OnConnected(int type, Base::Status const& status) {
         backlogRestMs,
         Base::MakeCallback([self = Base::Shared(this), type] { self->Connect(type); }));
   } else {
-    Fail("Cannot connect to " + _address.ToText() + ": " + status.Get().what());
+    Fail("Cannot connect to " + _address.ToText() + ": " + status.Get().what() +
+         (IsError(status, EACCES) ? DescribeWhoMayConnect(_address) : ""));
   }
 }
 

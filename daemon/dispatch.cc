@@ -4,6 +4,7 @@
 
 #include "daemon/response.h"
 #include "sensors/hardware.h"
+#include "sensors/igel.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("main");
@@ -21,8 +22,7 @@ void DispatchRequest(Base::Shared<Net::Socket> const& socket, nlohmann::json con
     RunHardwareSensor(socket);
   } else if (sensor.contains("igel")) {
     TRACE_VERBOSE("Received IGEL sensor request", socket);
-    // This build has no IGEL sensor.
-    WriteErrorResponse(socket, "ErrorNotImplemented", "");
+    RunIgelSensor(socket);
   } else {
     TRACE_WARNING("Received unknown sensor request", socket);
     WriteErrorResponse(socket, "ErrorNotImplemented", "");

@@ -7,8 +7,8 @@ import struct
 import subprocess
 import unittest
 
-from harness import (BIN, DEADLINE, GENERIC, HARDWARE, MAX_PAYLOAD, SEQPACKET, STREAM, Case,
-                     clean_environment, ctl, in_thread, packet, serial)
+from harness import (BIN, CAN_MOUNT, DEADLINE, GENERIC, HARDWARE, MAX_PAYLOAD, NAMESPACE,
+                     SEQPACKET, STREAM, Case, clean_environment, ctl, in_thread, packet, serial)
 
 SQUATTER = """
 import socket, sys
@@ -101,6 +101,36 @@ class ClientProgramTest(Case):
             first.connect(f"{self.folder}/full")
             result = ctl(f"--socket={self.folder}/full", "--timeout=1", "hardware")
             self.assert_complaint(result, 3)
+
+    @unittest.skipUnless(CAN_MOUNT, "takes a mount namespace")
+    def test_socket_of_the_installed_service_is_the_default(self):
+        (self.folder / "run/ktclientd").mkdir(parents=True)
+        ask = [*NAMESPACE, self.folder / "run", "/run", BIN / "ktclientctl", "hardware"]
+
+        def complaint():
+            result = subprocess.run(ask, capture_output=True, text=True, env=clean_environment({}))
+            self.assert_complaint(result, 3)
+            return result.stderr
+        self.assertIn("unix:@com.norvel.kestrel:", complaint())
+        self.listen(str(self.folder / "run/ktclientd/ktclientd.sock")).close()
+        self.assertIn("unix:/run/ktclientd/ktclientd.sock: Connection refused", complaint())
+
+    @unittest.skipIf(os.geteuid() != 0, "takes a second user")
+    def test_refused_permission_names_the_group_that_has_it(self):
+        self.folder.chmod(0o755)
+        name = f"{self.folder}/socket"
+        self.listen(name)
+        for mode, gid, hint in ((0o660, 0, "the group root"), (0o660, 54321, "the group 54321"),
+                                (0o600, 0, "")):
+            os.chown(name, 0, gid)
+            os.chmod(name, mode)
+            shell = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+            result = subprocess.run([*shell, BIN / "ktclientctl", f"--socket={name}", "hardware"],
+                                    capture_output=True, text=True, env=clean_environment({}))
+            self.assert_complaint(result, 3)
+            self.assertIn("Permission denied", result.stderr)
+            self.assertIn(hint, result.stderr)
+            self.assertEqual("group" in result.stderr, bool(hint))
 
     def test_answer_that_cannot_be_printed(self):
         where = f"--socket={self.start(dmidecode='echo S1').name}"

@@ -1,0 +1,72 @@
+#include "sensors/igel.h"
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <system_error>
+
+#include "base/exception.h"
+#include "base/shell_command.h"
+#include "daemon/response.h"
+#include "sensors/certificate.h"
+#include "trace/trace.h"
+#include "utilities/arguments.h"
+#include "utilities/os.h"
+
+TRACE_MODULE("main");
+
+namespace {
+
+bool IsIgelDevice() {
+  Platform const platform = GetPlatform();
+  return platform == Platform::Igel11 || platform == Platform::Igel12;
+}
+
+// The bundle of authorities is none of the management certificates.
+bool IsManagementCertificate(std::filesystem::path const& path) {
+  return path.extension() == ".pem" && path.filename() != "cacerts.pem";
+}
+
+void AppendCertificate(std::string const& path, nlohmann::json& response) {
+  Certificate certificate;
+  if (!GetCertificateInfo(path, certificate)) {
+    TRACE_WARNING("Failed to analyse igel management certificate", path);
+    return;
+  }
+  response["sensor"]["igel"]["management_certificates"].push_back({
+      {"serial_number", certificate.serial},
+      {"thumbprint_sha256", certificate.thumbprintSha256},
+      {"subject", certificate.subject},
+  });
+}
+
+void AppendCertificates(std::string const& folder, nlohmann::json& response) {
+  std::error_code error;
+  std::filesystem::directory_iterator entry(folder, error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    if (Base::AreShellCommandsCancelled()) throw Base::Exception("Shutting down");
+    if (IsManagementCertificate(entry->path())) AppendCertificate(entry->path(), response);
+  }
+  if (error) {
+    throw Base::Exception("Cannot read " + folder + ": " + Base::ErrnoText(error.value()));
+  }
+}
+
+}  // namespace
+
+void RunIgelSensor(Base::Shared<Net::Socket> const& socket) {
+  if (!IsIgelDevice()) {
+    TRACE_ERROR("Cannot handle IGEL request from non-IGEL device");
+    WriteErrorResponse(socket, "ErrorGeneric", "Not an IGEL device");
+    return;
+  }
+  try {
+    nlohmann::json response{{"status", "Success"}};
+    AppendCertificates(GetArgument("igel-management-cert-path", "/wfs/igel-rmagent/trust-store"),
+                       response);
+    WriteResponse(socket, response);
+  } catch (Base::Exception const& err) {
+    TRACE_ERROR("Error detecting igel management certificates", err);
+    WriteErrorResponse(socket, "ErrorGeneric", err.what());
+  }
+}

@@ -1,0 +1,178 @@
+import hashlib
+import os
+import shutil
+import ssl
+import subprocess
+import unittest
+
+from harness import (CAN_MOUNT, DEADLINE, NAMESPACE, NOT_IGEL, SANITIZED, STREAM, Case, ctl,
+                     wait_until)
+
+IGEL = {"sensor": {"igel": None}}
+PATIENCE = DEADLINE if SANITIZED else 10  # seconds from a SIGTERM to the end
+
+# Prints as many letters as its certificate's first line says.
+OPENSSL_OF_LENGTH = """read -r length <"$3"; printf 'subject=%0*d\\n' "$length" 7"""
+
+
+def serial_number(der):
+    """By the layout of RFC 5280: the INTEGER after the version of the outer two SEQUENCEs."""
+    def value(start):
+        length = der[start + 1]
+        size = length & 0x7f if length & 0x80 else 0
+        begin = start + 2 + size
+        return begin, begin + (int.from_bytes(der[start + 2:begin]) if size else length)
+    version = value(value(0)[0])[0]
+    begin, end = value(value(version)[1])
+    return der[begin:end]
+
+
+@unittest.skipUnless(CAN_MOUNT, "takes a mount namespace")
+class IgelTest(Case):
+    def setUp(self):
+        super().setUp()
+        self.store = self.folder / "trust-store"
+        self.store.mkdir()
+
+    def start_igel(self, *arguments, name="IGEL OS 12", openssl=None, **options):
+        (self.folder / "os-release").write_text(f'NAME="{name}"\nVERSION="12.4"\n')
+        daemon = self.start(f"--igel-management-cert-path={self.store}", *arguments,
+                            launcher=[*NAMESPACE, self.folder / "os-release", "/etc/os-release"],
+                            **options)
+        if openssl:
+            daemon.install("openssl", openssl)
+        return daemon
+
+    def make_certificate(self, name, *arguments, key="ec -pkeyopt ec_paramgen_curve:P-256",
+                         subject="/CN=x"):
+        subprocess.run(["openssl", "req", "-x509", "-nodes", "-keyout", "/dev/null", "-days", "9",
+                        "-newkey", *key.split(), "-utf8", "-subj", subject, *arguments,
+                        "-out", self.store / name], check=True, stderr=subprocess.DEVNULL)
+
+    def certificates(self, daemon):
+        answer = daemon.ask(IGEL)
+        self.assertEqual(answer.pop("status"), "Success")
+        return answer["sensor"]["igel"]["management_certificates"] if answer else None
+
+    def names_in_order(self):
+        return [entry.name for entry in os.scandir(self.store)]
+
+    def test_certificates_are_what_another_reader_finds(self):
+        long = "/O=" + "/O=".join("x" * 60 for _ in range(9))
+        for name, arguments in {
+                "rsa.pem": dict(key="rsa:2048", subject="/O=Example, Inc.\\/x/CN=\u00e4\u20ac"),
+                "ec.pem": dict(subject=long),
+                "ed25519.pem": dict(key="ed25519")}.items():
+            self.make_certificate(name, "-set_serial", "0x7f" + os.urandom(19).hex(), **arguments)
+        self.make_certificate("-zero serial.pem", "-set_serial", "0")
+        for name in ("cacerts.pem", "upper.PEM", "none.crt", ".pem", "x.pem.bak"):
+            self.make_certificate(name)
+        for setting in (True, False):
+            daemon = self.start_igel(f"--openssl-fingerprint-any-case={setting}")
+            found = self.certificates(daemon)
+            used = [name for name in self.names_in_order()
+                    if name.endswith(".pem") and name not in ("cacerts.pem", ".pem")]
+            self.assertEqual(len(used), 4)
+            for certificate, name in zip(found, used, strict=True):
+                der = ssl.PEM_cert_to_DER_cert((self.store / name).read_text())
+                digest = hashlib.sha256(der).hexdigest().upper() if setting else ""
+                self.assertEqual(certificate["thumbprint_sha256"], digest)
+                self.assertEqual(int(certificate["serial_number"], 16),
+                                 int.from_bytes(serial_number(der)))
+                subject = subprocess.run(["openssl", "x509", "-in", self.store / name, "-noout",
+                                          "-subject"], capture_output=True, text=True).stdout
+                self.assertEqual("subject=" + certificate["subject"] + "\n", subject)
+
+    def test_platforms(self):
+        for name, supported in (("IGEL OS 12", True), ("igel os 11", True), ("IGEL OS", False)):
+            daemon = self.start_igel(name=name)
+            with self.subTest(name=name):
+                self.assertEqual(daemon.ask(IGEL), {"status": "Success"} if supported else NOT_IGEL)
+        self.assertEqual(daemon.messages("ERROR"),
+                         ["Cannot handle IGEL request from non-IGEL device"])
+        shown = ctl(f"--socket={daemon.name}", "igel")
+        self.assertEqual(shown.returncode, 1)
+        self.assertIn("Not an IGEL device", shown.stderr)
+
+    def test_trust_store_that_cannot_be_read(self):
+        daemon = self.start_igel()
+        for reason in ("No such file or directory", "Not a directory"):
+            shutil.rmtree(self.store, ignore_errors=True)
+            if reason == "Not a directory":
+                self.store.write_text("")
+            answer = daemon.ask(IGEL)
+            self.assertEqual(answer["status"], "ErrorGeneric")
+            self.assertIn(f"{self.store}: {reason}", answer["error_message"])
+
+    def test_file_that_is_no_certificate_is_no_more_than_one_entry(self):
+        self.make_certificate("good.pem", subject="/CN=good")
+        (self.store / "dangling.pem").symlink_to("/nonexistent")
+        (self.store / "folder.pem").mkdir()
+        (self.store / "device.pem").symlink_to("/dev/zero")
+        os.mkfifo(self.store / "fifo.pem")
+        self.listen(str(self.store / "socket.pem"))
+        (self.store / "large.pem").write_bytes(bytes(1048577))
+        for character in '"$`\\\n':
+            (self.store / f"a{character}(touch {self.folder.name}){character}.pem").write_text("")
+        (self.store / "link.pem").symlink_to(self.store / "good.pem")
+        for name in ("empty", "a'b;c&d|e *?~!#%", "\u00e4 "):
+            (self.store / f"{name}.pem").write_text("")
+        (self.store / os.fsdecode(b"\xff.pem")).write_bytes(bytes(1048576))
+        with open(os.devnull, "w") as complaints:
+            daemon = self.start_igel(stderr=complaints)
+            found = self.certificates(daemon)
+        self.assertEqual(sorted(certificate["subject"] for certificate in found),
+                         ["", "", "", "", "CN = good", "CN = good"])
+        warning = "Failed to analyse igel management certificate"
+        self.assertEqual(daemon.messages("WARNING").count(warning), 11)
+        self.assertEqual(sorted(daemon.messages("ERROR")), sorted([
+            "Certificate could not be found", "Certificate file is too large",
+            *["Certificate is no regular file"] * 4,
+            *["Certificate has a name that a shell would not take as it is"] * 5]))
+        self.assertFalse(os.path.exists(self.folder.name))
+
+    def test_many_certificates_and_an_answer_too_large_for_a_record(self):
+        for number in range(200):
+            (self.store / f"{number}.pem").write_text(f"{number + 1}\n")
+        daemon = self.start_igel(openssl=OPENSSL_OF_LENGTH)
+        lengths = [len(certificate["subject"]) for certificate in self.certificates(daemon)]
+        self.assertEqual(lengths, [int(name.removesuffix(".pem")) + 1
+                                   for name in self.names_in_order()])
+        (self.store / "0.pem").write_text("1000000\n")
+        with daemon.connect() as client:
+            client.request(IGEL)
+            client.recv(4)
+            self.assert_ended(client)
+        daemon.wait_for_trace("Failed to write packet")
+        (self.store / "0.pem").write_text("7\n")
+        self.assertEqual(len(self.certificates(daemon)), 200)
+
+        (self.store / "0.pem").write_text("1000000\n")
+        daemon = self.start_igel(openssl=OPENSSL_OF_LENGTH, activated=STREAM)
+        self.assertEqual(max(len(certificate["subject"])
+                             for certificate in self.certificates(daemon)), 1000000)
+
+    def test_tool_that_hangs_is_one_entrys_matter(self):
+        for number in range(3):
+            (self.store / f"{number}.pem").write_text("1\n")
+        daemon = self.start_igel("--command-timeout=1", openssl=f"""case $3 in
+            */1.pem) sleep 1000;;
+            esac
+            {OPENSSL_OF_LENGTH}""")
+        self.assertEqual([certificate["subject"] for certificate in self.certificates(daemon)],
+                         ["7", "7"])
+        self.assertEqual([message for message in daemon.messages("ERROR")],
+                         ["Failed to determine certificate information from command"])
+
+    def test_sigterm_while_many_certificates_are_still_to_come(self):
+        for number in range(1000):
+            (self.store / f"{number}.pem").write_text("")
+        daemon = self.start_igel("--command-timeout=0",
+                                 openssl='echo started >>"$0.started"; sleep 1000')
+        with self.connect(daemon) as client:
+            client.request(IGEL, IGEL)
+            wait_until((daemon.commands / "openssl.started").exists, "the command runs")
+            daemon.process.terminate()
+            daemon.wait_for_end(PATIENCE)
+        self.assertEqual((daemon.commands / "openssl.started").read_text(), "started\n")
+        self.assertLessEqual(daemon.messages("WARNING").count("Command was cancelled"), 3)

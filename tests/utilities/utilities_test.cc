@@ -1,0 +1,86 @@
+#include "utilities/utilities.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "utilities/arguments.h"
+
+namespace {
+
+void Configure(char const* argument) {
+  std::array<char const*, 2> const argv{"test", argument};
+  ParseArguments(static_cast<int>(argv.size()), argv.data());
+}
+
+TEST(ExecuteCommandTest, AppendsWhatWasPrintedAsItIs) {
+  std::string output = "before";
+  EXPECT_TRUE(ExecuteCommand("printf ' \\n%0300d\\000 \\n' 7; echo unseen >/dev/null", output));
+  EXPECT_EQ(output, "before \n" + std::string(299, '0') + "7" + std::string(1, '\0') + " \n");
+  EXPECT_TRUE(ExecuteCommand("true", output));
+}
+
+TEST(ExecuteCommandTest, CommandThatRunsAndFailsIsNoFailure) {
+  std::string output;
+  EXPECT_TRUE(ExecuteCommand("echo one; exit 3", output));
+  EXPECT_TRUE(ExecuteCommand("echo two; kill -KILL $$", output));
+  EXPECT_TRUE(ExecuteCommand("/nonexistent 2>/dev/null", output));
+  EXPECT_EQ(output, "one\ntwo\n");
+  EXPECT_EQ(ExecuteCommandOrDefault("false", "default"), "");
+}
+
+TEST(ExecuteCommandTest, CommandThatPassesALimitIsAFailureAndPrintsNothing) {
+  Configure("--command-timeout=1");
+  std::string output = "before";
+  EXPECT_FALSE(ExecuteCommand("echo after; exec sleep 1000", output));
+  EXPECT_FALSE(ExecuteCommand("exec yes", output));
+  EXPECT_EQ(output, "before");
+  EXPECT_EQ(ExecuteCommandOrDefault("exec yes", "default"), "default");
+}
+
+TEST(ReadFileTest, BytesOfAFileOrNothing) {
+  std::string const name = testing::TempDir() + "utilities_test." + std::to_string(getpid());
+  std::string const bytes("\0\r\n\xFF", 4);
+  std::string output;
+  ASSERT_TRUE(ExecuteCommand("printf '\\000\\r\\n\\377' >\"" + name + "\"", output));
+  EXPECT_EQ(ReadFile(name).Get(), bytes);
+  unlink(name.c_str());
+  EXPECT_FALSE(ReadFile(name));
+  EXPECT_FALSE(ReadFile("/proc/self"));
+}
+
+class TimeTextTest : public testing::Test {
+ protected:
+  static TimePoint At(std::int64_t seconds) { return TimePoint(std::chrono::seconds(seconds)); }
+
+  std::string const format = "%Y-%m-%dT%H:%M:%SZ";
+};
+
+TEST_F(TimeTextTest, ReadsWhatItWrites) {
+  for (std::int64_t const seconds :
+       {std::int64_t{0}, std::int64_t{-1}, std::int64_t{951782400}, std::int64_t{4102444800}}) {
+    std::string const text = FormatTime(At(seconds), format).Get();
+    EXPECT_EQ(ParseTime(text, format).Get(), At(seconds)) << text;
+  }
+  EXPECT_EQ(FormatTime(At(951782400), format).Get(), "2000-02-29T00:00:00Z");
+  EXPECT_EQ(FormatTime(At(0) - std::chrono::nanoseconds(1), format).Get(), "1969-12-31T23:59:59Z");
+  EXPECT_EQ(FormatTime(TimePoint::min(), "%Y").Get(), "1677");
+  EXPECT_EQ(ParseTime("07:30", "%H:%M").Get(), At(27000));
+}
+
+TEST_F(TimeTextTest, RefusesWhatIsNotWholeOrOutOfRange) {
+  for (char const* const text :
+       {"", "2000-02-29T00:00:00", "2000-02-29T00:00:00Zx", "1677-01-01T00:00:00Z",
+        "2262-12-31T00:00:00Z", "9999-12-31T23:59:59Z", "yesterday"}) {
+    EXPECT_FALSE(ParseTime(text, format)) << text;
+  }
+  EXPECT_FALSE(FormatTime(At(0), ""));
+  EXPECT_FALSE(FormatTime(At(0), std::string(257, 'x')));
+  EXPECT_TRUE(FormatTime(At(0), std::string(256, 'x')));
+}
+
+}  // namespace
