@@ -1,6 +1,7 @@
 #!/bin/bash
 # Builds the release preset and shows the daemon at work: on this machine as it is, on a machine
-# with prepared firmware tables, and activated by its socket. Fails when any step ends otherwise
+# with prepared firmware tables, on an IGEL device with certificates made on the spot, and activated
+# by its socket. Fails when any step ends otherwise
 # than it should. Sockets and trace files are in a temporary folder, which goes at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -104,13 +105,17 @@ cmake --preset release >/dev/null
 cmake --build --preset release
 
 socket=$folder/ktclientd.sock
-mkdir "$folder/real" "$folder/prepared" "$folder/activated" "$folder/path"
+mkdir "$folder/real" "$folder/prepared" "$folder/igel" "$folder/activated" "$folder/path"
 
 heading "This machine as it is"
 start "$socket" "$bin/ktclientd" --socket="$socket" --trace-folder="$folder/real" --trace-level=4
 ask "$socket" hardware
 expect "ktclientctl has an answer" yes "$( ((status <= 1)) && echo yes || echo no)"
 echo "exit status of ktclientctl: $status (0 or 1: depends on the machine)"
+ask "$socket" igel
+if ! grep --quiet 'IGEL OS 1[12]' /etc/os-release 2>/dev/null; then
+  expect "exit status of ktclientctl" 1 "$status"
+fi
 stop
 
 heading "A machine with prepared firmware tables"
@@ -130,6 +135,29 @@ stop
 
 heading "Its trace file"
 cat "$folder/prepared/ktclientd.log"
+
+heading "An IGEL device, with certificates made on the spot"
+store=$folder/trust-store
+mkdir "$store"
+for subject in "/C=DE/O=Example, Inc./CN=Management server" "/CN=Second"; do
+  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout /dev/null -days 30 \
+    -subj "$subject" -out "$store/${subject##*=}.pem" 2>/dev/null
+done
+printf 'NAME="IGEL OS 12"\nVERSION="12.4"\n' >"$folder/os-release"
+# In a mount namespace of its own another file stands in the place of /etc/os-release.
+namespace=(unshare --mount)
+[[ $EUID -eq 0 ]] || namespace+=(--map-root-user)
+# shellcheck disable=SC2016 # expanded by the inner shell
+start "$socket" "${namespace[@]}" sh -c 'mount --bind "$0" /etc/os-release && exec "$@"' \
+  "$folder/os-release" "$bin/ktclientd" --socket="$socket" --trace-folder="$folder/igel" \
+  --trace-level=4 --igel-management-cert-path="$store" --openssl-fingerprint-any-case
+ask "$socket" igel
+expect "exit status of ktclientctl" 0 "$status"
+thumbprint=$(openssl x509 -in "$store/Second.pem" -outform DER | sha256sum | cut -d ' ' -f 1)
+expect "thumbprint of the second, by sha256sum" "${thumbprint^^}" \
+  "$(grep -o "${thumbprint^^}" "$folder/answer" || true)"
+expect "certificates in the answer" 2 "$(grep -c '"subject"' "$folder/answer")"
+stop
 
 heading "Activated by its socket; leaves by itself when idle"
 activated=$folder/activated.sock

@@ -6,7 +6,8 @@ import struct
 import subprocess
 import sys
 
-from harness import (GENERIC, HARDWARE, MAX_PAYLOAD, NOT_IGEL, NOT_IMPLEMENTED, STREAM, Case, packet, serial)
+from harness import (GENERIC, HARDWARE, MAX_PAYLOAD, NOT_IGEL, NOT_IMPLEMENTED, STREAM, Case,
+                     packet, serial)
 
 DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
 
