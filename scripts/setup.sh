@@ -8,7 +8,8 @@ packages=(
   cmake ninja-build pkg-config
   nlohmann-json3-dev libsystemd-dev libglib2.0-dev uuid-dev
   libgtest-dev libbenchmark-dev
-  systemd dmidecode openssl python3 strace procps netbase git
+  systemd dmidecode openssl python3 python3-jsonschema strace procps netbase git
+  man-db mandoc
 )
 
 # A package that dpkg has never heard of makes the query fail, and is missing like the others.

@@ -20,7 +20,10 @@ import threading
 import time
 import unittest
 
+import jsonschema
+
 BIN = pathlib.Path(os.environ["KTCLIENTD_BIN"]).resolve()
+DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 SANITIZED = os.environ.get("KTCLIENTD_SANITIZED") == "1"
 DEADLINE = 60  # seconds, for what takes none unless it is broken
 MAX_PAYLOAD = 131072
@@ -38,6 +41,14 @@ CAN_MOUNT = not subprocess.run([*NAMESPACE, "/dev/null", "/etc/os-release", "tru
 HEADER = re.compile(r"\d\d:\d\d:\d\d\.\d{3}Z (FATAL|ERROR|WARNING|INFO|VERBOSE|DEBUG) {1,4} "
                     r"[a-z_]+\((\d+):\d+\) - ")
 TraceLine = collections.namedtuple("TraceLine", "level pid message fields")
+
+
+def read_schema(what):
+    return jsonschema.Draft202012Validator(
+        json.loads((DOCS / f"{what}.schema.json").read_text()))
+
+
+RESPONSE = read_schema("response")
 
 
 def serial(text):
@@ -112,13 +123,16 @@ class Client(socket.socket):
             self.sendall(record)
 
     def answer(self):
-        """The next answer; None at the end of the connection."""
+        """The next answer, which must be as documented; None at the end of the connection."""
         try:
             header = self.recv(4, socket.MSG_WAITALL)
         except ConnectionResetError:  # closed while it had something of ours to read
             return None
-        return json.loads(self.recv(*struct.unpack("=I", header), socket.MSG_WAITALL)) \
-            if header else None
+        if not header:
+            return None
+        answer = json.loads(self.recv(*struct.unpack("=I", header), socket.MSG_WAITALL))
+        RESPONSE.validate(answer)
+        return answer
 
     def ask(self, request):
         self.request(request)

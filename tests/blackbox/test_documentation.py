@@ -1,0 +1,124 @@
+import json
+import re
+import subprocess
+import sys
+
+import jsonschema
+from harness import BIN, DEADLINE, DOCS, RESPONSE, Case, clean_environment, in_thread, read_schema
+
+ROOT = DOCS.parent
+PROTOCOL = (DOCS / "protocol.md").read_text()
+MANUALS = sorted((ROOT / "packaging/man").iterdir())
+REQUEST = read_schema("request")
+
+
+def help_of(program):
+    return subprocess.run([BIN / program, "--help"], capture_output=True, text=True, check=True,
+                          timeout=DEADLINE).stdout
+
+
+def manual(name):
+    return (ROOT / "packaging/man" / name).read_text()
+
+
+class ProtocolDocumentTest(Case):
+    def test_schemas_accept_what_is_shown_and_nothing_else(self):
+        for schema in (REQUEST, RESPONSE):
+            schema.check_schema(schema.schema)
+        shown = [json.loads(text) for text in re.findall(r"```json\n(.*?)```", PROTOCOL, re.DOTALL)]
+        answers = [value for value in shown if "status" in value]
+        requests = [value for value in shown if "status" not in value]
+        self.assertEqual((len(requests), len(answers)), (2, 6))
+        for schema, good, bad in (
+                (REQUEST, requests, [*answers, 7, {}, {"sensor": {}}, {"sensor": {"toaster": None}},
+                                     {"sensor": {"hardware": None, "igel": None}}]),
+                (RESPONSE, answers, requests)):
+            for value in good:
+                schema.validate(value)
+            for value in bad:
+                self.assertFalse(schema.is_valid(value), value)
+
+    def test_schema_of_answers_is_strict(self):
+        def success(sensor):
+            return {"status": "Success", "sensor": sensor}
+
+        def igel(*certificates):
+            return success({"igel": {"management_certificates": list(certificates)}})
+        hardware = {"hardware": {"bios_serial_number": "S1"}}
+        empty = {"serial_number": "", "subject": "", "thumbprint_sha256": ""}
+        for good in (success(hardware), igel(empty), igel(empty, empty)):
+            RESPONSE.validate(good)
+        for bad in ([], {}, {"status": "success"}, {"status": "Success", "error_message": "x"},
+                    {"status": "ErrorGeneric", "error_message": ""},
+                    {"status": "ErrorGeneric", "sensor": hardware}, success(None), success({}),
+                    success({"hardware": {}}), success({"hardware": {"bios_serial_number": ""}}),
+                    success(hardware | {"more": 1}), success(hardware) | {"more": 1},
+                    success(hardware | igel(empty)["sensor"]), igel(), igel({}),
+                    igel(empty | {"more": ""}), igel(empty | {"subject": None}),
+                    igel(empty | {"thumbprint_sha256": "9B:0E"}),
+                    igel({"serial_number": "", "subject": ""})):
+            self.assertFalse(RESPONSE.is_valid(bad), bad)
+
+    def test_example_packets_are_what_is_sent(self):
+        dumps = re.findall(r"```\n(([0-9a-f]{2} ).*?)```", PROTOCOL, re.DOTALL)
+        sent, answered = (
+            [bytes.fromhex("".join(re.findall(r"(?m)^(?:[0-9a-f]{2}(?: |$))+", record)))
+             for record in dump.split("\n\n")] for dump, _ in dumps)
+        with self.start(dmidecode="echo KT-0001-DEMO").connect() as client:
+            client.send_all(*sent)
+            self.assertEqual([client.recv(1000), client.recv(1000)], answered)
+
+    def test_example_clients(self):
+        daemon = self.start(dmidecode="echo KT-0001-DEMO")
+        silent = self.listen(f"{self.folder}/silent")
+        for command in ([BIN / "example"], [sys.executable, DOCS / "example.py"]):
+            with self.subTest(command=command):
+                def run(*arguments):
+                    return subprocess.run([*command, *arguments], capture_output=True, text=True,
+                                          timeout=DEADLINE, env=clean_environment({}))
+                result = run(daemon.name)
+                self.assertIn("KT-0001-DEMO", result.stdout)
+                self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+                def hang_up():
+                    with silent.accept()[0] as connection:
+                        connection.recv(4), connection.recv(1000)
+                server = in_thread(hang_up)
+                result = run(f"{self.folder}/silent")
+                server.join()
+                self.assertEqual((result.returncode, result.stdout), (1, ""))
+                self.assertIn("no answer", result.stderr)
+
+
+class ManualTest(Case):
+    def test_pages_are_clean(self):
+        self.assertEqual([page.name for page in MANUALS],
+                         ["ktclientctl.1", "ktclientd.7", "ktclientd.8"])
+        checks = {"stdout": ["mandoc", "-T", "lint", "-W", "warning"],
+                  "stderr": ["man", "--warnings", "--encoding=UTF-8", "-Tutf8", "-Z", "-l"]}
+        for page in MANUALS:
+            for complaints, command in checks.items():
+                with self.subTest(page=page.name, command=command[0]):
+                    result = subprocess.run([*command, page], capture_output=True, text=True,
+                                            timeout=DEADLINE,
+                                            env=clean_environment({"LC_ALL": "C.UTF-8"}))
+                    self.assertEqual((result.returncode, getattr(result, complaints)), (0, ""))
+
+    def test_settings_are_those_that_the_daemon_lists(self):
+        listed = re.findall(r"  --([\w-]+)(=?).*\n.*\n +environment: (\w+), default: (.+)\n",
+                            help_of("ktclientd"))
+        self.assertGreater(len(listed), 10)
+        in_manual = re.findall(r"\.It Fl -([\w-]+)(?: Ns (=))?.*\n(?:(?!\.It).*\n)*?"
+                               r"\.Ev (\w+) ;\ndefault:\n\.Ql (.+)\n", manual("ktclientd.8"))
+        self.assertEqual(in_manual, listed)
+        in_readme = re.findall(r"(?m)^\| `([\w-]+)` \| `(KESTREL_\w+)` \| `?(.+?)`? \|",
+                               (ROOT / "README.md").read_text())
+        self.assertEqual(in_readme, [(name, environment, default)
+                                     for name, _, environment, default in listed])
+
+    def test_options_and_commands_are_those_that_the_client_lists(self):
+        usage, page = help_of("ktclientctl"), manual("ktclientctl.1")
+        self.assertEqual(set(re.findall(r"Fl -([a-z-]+)", page)),
+                         set(re.findall(r"--([a-z-]+)", usage)))
+        self.assertEqual(re.findall(r"\.It Cm (\w+)", page),
+                         re.findall(r"(?m)^  (\w+) ", usage))
