@@ -9,7 +9,7 @@ packages=(
   nlohmann-json3-dev libsystemd-dev libglib2.0-dev uuid-dev
   libgtest-dev libbenchmark-dev
   systemd dmidecode openssl python3 python3-jsonschema strace procps netbase git
-  man-db mandoc
+  man-db mandoc bash-completion
 )
 
 # A package that dpkg has never heard of makes the query fail, and is missing like the others.
