@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libbenchmark-dev
   systemd dmidecode openssl python3 python3-jsonschema strace procps netbase git
   man-db mandoc bash-completion
+  debhelper dpkg-dev fakeroot lintian mmdebstrap systemd-container
 )
 
 # A package that dpkg has never heard of makes the query fail, and is missing like the others.

@@ -1,0 +1,39 @@
+#!/bin/bash
+# Builds the Debian package, and the archive for systems that have no package manager, from what is
+# committed; checks both, and leaves them in build/package/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
+umask 022  # the archive holds folders with the modes that they are made with
+
+results=$PWD/build/package
+source=$results/source/ktclientd
+
+scripts/setup.sh
+rm -rf "$results"
+mkdir -p "$source"
+git archive HEAD | tar --extract --directory="$source"
+if [[ -n $(git status --porcelain) ]]; then
+  echo "package: what is not committed is left out"
+fi
+
+build() {
+  cd "$source"
+  dpkg-buildpackage --unsigned-source --unsigned-changes --build=binary \
+    --jobs="$CMAKE_BUILD_PARALLEL_LEVEL"
+  asRoot=()
+  [[ $EUID -eq 0 ]] || asRoot=(fakeroot)
+  "${asRoot[@]}" cpack --config obj-*/CPackConfig.cmake -B "$results/source/archive"
+}
+(build) >"$results/build.log" 2>&1 || {
+  tail --lines=50 "$results/build.log" >&2
+  exit 1
+}
+mv "$results"/source/ktclientd*.* "$results"/source/archive/*.tar.gz "$results"
+rm -rf "$results/source"
+
+# Warnings are failures; what is below them is shown.
+lintian --allow-root --info --pedantic --display-info --fail-on=error,warning \
+  "$results"/*.changes
+KTCLIENTD_PACKAGES=$results python3 -B -m unittest discover --start-directory tests/packaging
+ls -l "$results"
