@@ -1,0 +1,113 @@
+#!/bin/bash
+# Installs the package that scripts/package.sh has left in build/package/ in a minimal Debian that
+# is booted in a container, and runs debian/tests/ there. The tree of that Debian stays in build/;
+# the container works on a copy in memory. Needs root.
+set -euo pipefail
+cd "$(dirname "$(realpath "$0")")/.."
+if [[ $EUID -ne 0 ]]; then
+  exec sudo "$0" "$@"
+fi
+# What is mounted here ends with the script.
+if [[ ${1-} != --in-namespace ]]; then
+  exec unshare --mount --propagation=private "$0" --in-namespace </dev/null
+fi
+
+patience=600  # seconds
+folder=$PWD/build/package-test
+serial=KT-0042-TEST
+
+scripts/setup.sh
+packages=(build/package/ktclientd_*.deb)
+if [[ ! -e ${packages[0]} ]]; then
+  echo "test-package: there is no package, see scripts/package.sh" >&2
+  exit 1
+fi
+
+# What the package and its tests depend on, in the Debian that this one is.
+suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
+wanted=$({
+  echo systemd-sysv,dbus,procps,dmidecode
+  sed -n 's/^Depends: @, //p' debian/tests/control | tr --delete ' '
+} | paste --serial --delimiters=,)
+tree=$folder/$suite-$(sha256sum <<<"$wanted" | cut --characters=1-12)
+if [[ ! -d $tree ]]; then
+  rm -rf "$folder"
+  mkdir -p "$folder"
+  mmdebstrap --variant=minbase --include="$wanted" "$suite" "$tree.part"
+  mv "$tree.part" "$tree"
+fi
+
+container=
+controlGroup=
+data=$(mktemp --directory)
+
+cleanUp() {
+  if [[ -n $container ]]; then
+    kill -TERM "$container" 2>/dev/null || true
+    wait "$container" || true
+  fi
+  if [[ -n $controlGroup ]]; then
+    find "$controlGroup" -depth -type d -exec rmdir {} +
+  fi
+  rm -rf "$data"
+}
+trap cleanUp EXIT
+trap 'exit 130' INT TERM
+
+cp "${packages[0]}" "$data/package.deb"
+echo "$serial" >"$data/serial"
+# A dump has the entry point, padded to 32 bytes, and the structures, as the kernel shows them in
+# two files.
+tests/data/make_dmi_table.py --serial "$serial" --output "$data/dump"
+head --bytes=24 "$data/dump" >"$data/smbios_entry_point"
+tail --bytes=+33 "$data/dump" >"$data/DMI"
+cat >"$data/package-test.service" <<'UNIT'
+[Unit]
+SuccessAction=exit
+FailureAction=exit
+[Service]
+Type=oneshot
+ExecStart=/source/tests/packaging/in_container.sh
+ExecStopPost=sh -c 'exec journalctl --no-pager >/results/journal'
+StandardOutput=append:/results/output
+StandardError=inherit
+UNIT
+
+options=(
+  --boot --quiet --directory="$tree" --volatile=overlay --private-network --console=pipe
+  --bind-ro="$PWD:/source" --bind-ro="$data:/data" --bind="$folder/results:/results"
+  --bind-ro="$data/package-test.service:/etc/systemd/system/package-test.service"
+)
+# Where no systemd runs, nobody finds the container a place among the control groups.
+if [[ ! -d /run/systemd/system ]]; then
+  options+=(--register=no --keep-unit)
+  if [[ $(stat --file-system --format=%T /sys/fs/cgroup) != cgroup2fs ]]; then
+    umount --recursive /sys/fs/cgroup 2>/dev/null || true
+    mount --types cgroup2 cgroup2 /sys/fs/cgroup
+  fi
+  controlGroup=/sys/fs/cgroup$(sed --quiet 's/^0:://p' /proc/self/cgroup)/ktclientd-test-$$
+  mkdir "$controlGroup"
+fi
+
+rm -rf "$folder/results"
+mkdir "$folder/results"
+touch "$folder/results/output"
+(
+  if [[ -n $controlGroup ]]; then
+    echo "$BASHPID" >"$controlGroup/cgroup.procs"
+  fi
+  # Told to end, it shuts its Debian down.
+  exec timeout --kill-after=30 "$patience" systemd-nspawn "${options[@]}" \
+    systemd.wants=package-test.service
+) >"$folder/results/console" 2>&1 &
+container=$!
+tail --follow --lines=+1 --pid="$container" "$folder/results/output" &
+output=$!
+status=0
+wait "$container" || status=$?
+container=
+wait "$output"
+if [[ $status -ne 0 ]]; then
+  echo "test-package: failed with $status; console and journal are in $folder/results" >&2
+fi
+exit "$status"

@@ -1,0 +1,45 @@
+#!/bin/bash
+# Installs the package in the container that scripts/test-package.sh boots, and runs its tests:
+#
+#   /source   the tree
+#   /data     the package, and the firmware's tables of an invented machine
+set -euo pipefail
+cd /source
+
+step() {
+  printf '\n== %s\n' "$1"
+}
+
+# expect WHAT WANTED GOT
+expect() {
+  if [[ $3 != "$2" ]]; then
+    echo "$1: $3, should be $2"
+    exit 1
+  fi
+}
+
+# The container has no firmware. What it shows of /sys are files of its own, read-only until now.
+mount -o remount,rw /sys
+mkdir --parents /sys/firmware/dmi/tables
+install --mode=0400 /data/smbios_entry_point /data/DMI /sys/firmware/dmi/tables
+mount -o remount,ro /sys
+
+step "Install"
+dpkg --install /data/package.deb
+expect "socket is" "enabled active" \
+  "$(systemctl is-enabled ktclientd.socket) $(systemctl is-active ktclientd.socket)"
+expect "service is" inactive "$(systemctl is-active ktclientd.service || true)"
+expect "serial number" "$(</data/serial)" "$(ktclientctl --compact hardware |
+  sed 's/.*"bios_serial_number":"\([^"]*\)".*/\1/')"
+
+step "Install again, over a daemon that runs"
+pid=$(systemctl show --value --property=MainPID ktclientd.service)
+dpkg --install /data/package.deb
+ktclientctl hardware
+expect "daemon is another one" yes \
+  "$([[ $(systemctl show --value --property=MainPID ktclientd.service) != "$pid" ]] && echo yes)"
+
+for name in $(sed -n 's/^Tests: //p' debian/tests/control); do
+  step "$name"
+  "debian/tests/$name"
+done
