@@ -289,5 +289,11 @@ class Case(unittest.TestCase):
         listener.settimeout(DEADLINE)
         return listener
 
+    def wait_for_start(self, daemon, command):
+        """Waits until the command has written the whole line by which it tells that it runs."""
+        started = daemon.commands / f"{command}.started"
+        wait_until(lambda: started.exists() and started.read_text().endswith("\n"),
+                   f"{command} runs")
+
     def assert_ended(self, client):
         self.assertIsNone(client.answer(), "an answer in place of the end of the connection")

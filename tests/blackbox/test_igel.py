@@ -5,8 +5,7 @@ import ssl
 import subprocess
 import unittest
 
-from harness import (CAN_MOUNT, DEADLINE, NAMESPACE, NOT_IGEL, SANITIZED, STREAM, Case, ctl,
-                     wait_until)
+from harness import CAN_MOUNT, DEADLINE, NAMESPACE, NOT_IGEL, SANITIZED, STREAM, Case, ctl
 
 IGEL = {"sensor": {"igel": None}}
 PATIENCE = DEADLINE if SANITIZED else 10  # seconds from a SIGTERM to the end
@@ -171,7 +170,7 @@ class IgelTest(Case):
                                  openssl='echo started >>"$0.started"; sleep 1000')
         with self.connect(daemon) as client:
             client.request(IGEL, IGEL)
-            wait_until((daemon.commands / "openssl.started").exists, "the command runs")
+            self.wait_for_start(daemon, "openssl")
             daemon.process.terminate()
             daemon.wait_for_end(PATIENCE)
         self.assertEqual((daemon.commands / "openssl.started").read_text(), "started\n")

@@ -1,6 +1,7 @@
 import os
 
-from harness import DEADLINE, GENERIC, HARDWARE, SANITIZED, STREAM, Case, serial, wait_until
+from harness import (DEADLINE, GENERIC, HARDWARE, SANITIZED, STREAM, Case, serial,
+                     wait_until)
 
 PATIENCE = DEADLINE if SANITIZED else 10  # seconds from a SIGTERM to the end
 
@@ -55,7 +56,7 @@ class SensorCommandTest(Case):
         clients = [self.connect(daemon) for _ in range(5)]
         for client in clients:
             client.request(HARDWARE, HARDWARE)
-        wait_until((daemon.commands / "dmidecode.started").exists, "the command runs")
+        self.wait_for_start(daemon, "dmidecode")
         daemon.process.terminate()
         daemon.wait_for_end(PATIENCE)
         self.assertEqual((daemon.commands / "dmidecode.started").read_text(), "started\n")
