@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  g++ clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
+  build-essential clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
   cmake ninja-build pkg-config
   nlohmann-json3-dev libsystemd-dev libglib2.0-dev uuid-dev
   libgtest-dev libbenchmark-dev
