@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "base/exception.h"
-#include "trace/hex.h"
+#include "net/address_record.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("address");
@@ -26,20 +26,6 @@ namespace {
 
 constexpr std::size_t maxPathLength = sizeof(sockaddr_un::sun_path) - 1;
 constexpr std::size_t maxAbstractLength = sizeof(sockaddr_un::sun_path) - 2;
-
-// `Record` is one of the kernel's; copied, because the storage holds no object of that type.
-template <typename Record>
-Record ReadRecord(Address const& address) {
-  Record record{};
-  std::memcpy(&record, address.GetData(),
-              std::min<std::size_t>(sizeof record, address.GetLength()));
-  return record;
-}
-
-template <typename Record>
-Address FromRecord(Record const& record, std::size_t length = sizeof(Record)) {
-  return Address(&record, length);
-}
 
 Address FromIPv4(in_addr ip, std::uint16_t port) {
   sockaddr_in record{};
@@ -88,41 +74,6 @@ void ClearAfter(std::span<unsigned char> bytes, unsigned prefixBits) {
   if (rest.empty()) return;
   rest[0] = static_cast<unsigned char>(rest[0] & (0xFF00U >> (prefixBits % 8)));
   std::ranges::fill(rest.subspan(1), static_cast<unsigned char>(0));
-}
-
-void AppendEscaped(std::string& out, std::string_view name) {
-  for (char const c : name) {
-    auto const byte = static_cast<unsigned char>(c);
-    bool const isPlain = byte >= 0x20 && byte < 0x7F && c != '"' && c != '\\';
-    if (isPlain) {
-      out.push_back(c);
-    } else {
-      out.append("\\x").append(Trace::ToHex(std::span(&byte, 1)));
-    }
-  }
-}
-
-std::string UnixText(Address const& address) {
-  constexpr std::size_t pathOffset = offsetof(sockaddr_un, sun_path);
-  std::string text = "unix:";
-  if (address.GetLength() <= pathOffset) return text;
-  auto const record = ReadRecord<sockaddr_un>(address);
-  std::size_t const pathLength =
-      std::min<std::size_t>(address.GetLength() - pathOffset, sizeof record.sun_path);
-  std::string_view const path(record.sun_path, pathLength);
-  if (path.front() == '\0') {
-    AppendEscaped(text.append("@"), path.substr(1));
-  } else {
-    AppendEscaped(text, path.substr(0, path.find('\0')));
-  }
-  return text;
-}
-
-template <typename Binary>
-std::string LiteralText(int family, Binary const& ip) {
-  std::array<char, INET6_ADDRSTRLEN> text{};
-  inet_ntop(family, &ip, text.data(), text.size());
-  return text.data();
 }
 
 }  // namespace
@@ -261,30 +212,6 @@ int Address::GetFamily() const {
   sa_family_t family = AF_UNSPEC;
   if (_length >= sizeof family) std::memcpy(&family, _storage.data(), sizeof family);
   return family;
-}
-
-std::string Address::ToText() const {
-  switch (GetFamily()) {
-    case AF_UNIX:
-      return UnixText(*this);
-    case AF_INET: {
-      auto const record = ReadRecord<sockaddr_in>(*this);
-      return LiteralText(AF_INET, record.sin_addr) + ":" + std::to_string(ntohs(record.sin_port));
-    }
-    case AF_INET6: {
-      auto const record = ReadRecord<sockaddr_in6>(*this);
-      std::string const scope =
-          record.sin6_scope_id == 0 ? "" : "%" + std::to_string(record.sin6_scope_id);
-      return "[" + LiteralText(AF_INET6, record.sin6_addr) + scope +
-             "]:" + std::to_string(ntohs(record.sin6_port));
-    }
-    default:
-      return std::to_string(GetFamily()) + ":" + Trace::ToHex(std::span(_storage).first(_length));
-  }
-}
-
-void RenderTraceValue(std::string& out, Address const& address) {
-  Trace::RenderTraceValue(out, std::string_view(address.ToText()));
 }
 
 }  // namespace Net

@@ -36,6 +36,10 @@ class Address {
   // cut.
   static Address FromUnixText(std::string_view text);
 
+  // What `ToText` writes, any address. Host names are not resolved, ports and scopes are numbers.
+  // Throws "Invalid Address" for any other text, such as a name that is too long.
+  static Address FromText(std::string_view text);
+
   // The wildcard address of AF_INET or AF_INET6.
   static Address Any(int family, std::uint16_t port);
 
@@ -56,6 +60,8 @@ class Address {
   Address GetNetwork(unsigned prefixBits) const;
 
   // The name of the local interface that carries this address, the last of several; empty if none.
+  // The port must be 0, as that of an interface's address is, and the scope its own. Throws
+  // ExceptionPosix.
   std::string GetInterfaceName() const;
 
   sockaddr const* GetData() const { return reinterpret_cast<sockaddr const*>(_storage.data()); }
@@ -64,9 +70,17 @@ class Address {
   // AF_UNSPEC for an address without one.
   int GetFamily() const;
 
-  // "unix:/run/x", "unix:@name", "unix:" (unnamed), "192.0.2.1:80", "[2001:db8::1]:443", with a
-  // scope "[fe80::1%2]:443"; for other families their number and bytes. What is not printable
-  // ASCII, quotes and backslashes appear as \xNN in names: peers choose them.
+  // Two addresses have one text only where they are one to the kernel.
+  //
+  //   unix:/run/x            a path; a "@" at its beginning is escaped
+  //   unix:@name             a name in the abstract namespace
+  //   unix:                  unnamed
+  //   192.0.2.1:80           address and port
+  //   [2001:db8::1]:443      the same; with a scope [fe80::1%2]:443
+  //   17:11000300            any other: its family's number, and its bytes in hexadecimal
+  //
+  // What is not printable ASCII, quotes and backslashes are escaped as \xNN in names: peers choose
+  // them.
   std::string ToText() const;
 
  private:

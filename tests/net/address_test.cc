@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <array>
+#include <cstring>
 #include <string>
 
 #include "base/exception.h"
@@ -36,7 +37,7 @@ TEST(AddressTest, UnixTextIsAPathWhereThereIsASlash) {
   EXPECT_EQ(Address::FromUnixText("com.x").ToText(), "unix:@com.x");
   EXPECT_EQ(Address::FromUnixText("@com.x").ToText(), "unix:@com.x");
   EXPECT_EQ(Address::FromUnixText("./x").ToText(), "unix:./x");
-  EXPECT_EQ(Address::FromUnixText("@/x").ToText(), "unix:@/x") << "a path, not a name";
+  EXPECT_EQ(Address::FromUnixText("@/x").ToText(), "unix:\\x40/x") << "a path, not a name";
   EXPECT_EQ(Address::FromUnixText("@/x").GetLength(), 110U);
   EXPECT_EQ(Address::FromUnixText("/" + std::string(106, 'x')).GetLength(), 110U);
   for (std::string const& text :
@@ -49,6 +50,57 @@ TEST(AddressTest, NamesOfPeersCannotForgeLines) {
   EXPECT_EQ(Address::FromUnixAbstract("a\n\"b\\").ToText(), "unix:@a\\x0a\\x22b\\x5c");
   EXPECT_EQ(Address("\x01\x00", 2).ToText(), "unix:");
   EXPECT_NE(Address("\x11\x00\x01", 3).ToText(), Address("\x11\x00\x02", 3).ToText());
+}
+
+TEST(AddressTest, TextIsReadBack) {
+  sockaddr_in6 scoped{};
+  scoped.sin6_family = AF_INET6;
+  scoped.sin6_scope_id = 2;
+  sockaddr_in6 labelled = scoped;
+  labelled.sin6_flowinfo = 7;
+  for (Address const& address :
+       {Address(), Address("\x01\x00", 2), Address::FromUnixPath("@/x\\y\n"),
+        Address::FromUnixPath("com.x"), Address::FromUnixAbstract(std::string("\0/\"", 3)),
+        Address::FromUnixAbstract(""), Address::FromUnixAbstract(std::string(106, 'n')),
+        Address(("\x01" + std::string(109, '\0')).data(), 110),
+        Address(("\x01" + std::string(1, '\0') + std::string(108, 'p')).data(), 110),
+        Address::Any(AF_INET, 80), Address::FromLiteral(AF_INET6, "2001:db8::1", 65535),
+        Address(&scoped, sizeof scoped), Address(&labelled, sizeof labelled),
+        Address(&scoped, sizeof scoped - 1), Address("\x11\x00\x03", 3)}) {
+    std::string const text = address.ToText();
+    Address const parsed = Address::FromText(text);
+    ASSERT_EQ(parsed.GetLength(), address.GetLength()) << text;
+    EXPECT_EQ(std::memcmp(parsed.GetData(), address.GetData(), parsed.GetLength()), 0) << text;
+  }
+}
+
+TEST(AddressTest, TextThatIsNoneIsRefused) {
+  for (std::string const& text : {std::string(),
+                                  "unix:" + std::string(109, 'p'),
+                                  "unix:@" + std::string(108, 'n'),
+                                  std::string("unix:a\\x00"),
+                                  std::string("unix:\\x4"),
+                                  std::string("unix:\\y40"),
+                                  std::string("192.0.2.1"),
+                                  std::string("192.0.2.1:"),
+                                  std::string("192.0.2.1:65536"),
+                                  std::string("192.0.2.1:+1"),
+                                  std::string("192.0.2.256:1"),
+                                  std::string("[::1]"),
+                                  std::string("[::1]:1 "),
+                                  std::string("::1:1"),
+                                  std::string("[::1:1"),
+                                  std::string("[]:1"),
+                                  std::string("[::1%lo]:1"),
+                                  std::string("[::1%4294967296]:1"),
+                                  std::string("localhost:1"),
+                                  std::string("[192.0.2.1]:1"),
+                                  std::string("17:1200"),
+                                  std::string("17:110"),
+                                  std::string("17:") + std::string(226, '1'),
+                                  std::string("192.0.2.1\0:1", 12)}) {
+    EXPECT_EQ(ErrorOf([&] { Address::FromText(text); }), "Invalid Address") << text;
+  }
 }
 
 TEST(AddressTest, InternetAddresses) {

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "net/address.h"
+
+// Addresses as the kernel's records, sockaddr_in and the like; for the address itself.
+
+namespace Net {
+
+// Copied, because the storage holds no object of that type; what the address lacks is zero.
+template <typename Record>
+Record ReadRecord(Address const& address) {
+  Record record{};
+  std::memcpy(&record, address.GetData(),
+              std::min<std::size_t>(sizeof record, address.GetLength()));
+  return record;
+}
+
+template <typename Record>
+Address FromRecord(Record const& record, std::size_t length = sizeof(Record)) {
+  return Address(&record, length);
+}
+
+}  // namespace Net
