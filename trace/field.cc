@@ -4,7 +4,9 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <cwchar>
 
+#include "base/string_conversion.h"
 #include "trace/time_text.h"
 #include "utilities/arguments.h"
 
@@ -24,6 +26,16 @@ void AppendDuration(std::string& out, Duration duration, std::string_view suffix
   out.append("\"");
   AppendNumber(out, static_cast<long long>(duration.count()));
   out.append(suffix).append("\"");
+}
+
+template <typename Character, typename GetLength>
+void RenderPointerText(std::string& out, Character const* text, GetLength getLength) {
+  static std::uint32_t const maxLength = GetUnsignedArgument("trace-stringptr-maxlen", 64);
+  if (text == nullptr) {
+    out.append("null");
+    return;
+  }
+  RenderTraceValue(out, std::basic_string_view<Character>(text, getLength(text, maxLength)));
 }
 
 }  // namespace
@@ -53,13 +65,16 @@ void RenderTraceValue(std::string& out, std::string_view text) {
   out.append("\"").append(text).append("\"");
 }
 
+void RenderTraceValue(std::string& out, std::wstring_view text) {
+  RenderTraceValue(out, std::string_view(Base::ToUtf8(text)));
+}
+
 void RenderTraceValue(std::string& out, char const* text) {
-  static std::uint32_t const maxLength = GetUnsignedArgument("trace-stringptr-maxlen", 64);
-  if (text == nullptr) {
-    out.append("null");
-    return;
-  }
-  RenderTraceValue(out, std::string_view(text, strnlen(text, maxLength)));
+  RenderPointerText(out, text, &strnlen);
+}
+
+void RenderTraceValue(std::string& out, wchar_t const* text) {
+  RenderPointerText(out, text, &wcsnlen);
 }
 
 void RenderTraceValue(std::string& out, std::exception const& err) {

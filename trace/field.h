@@ -36,8 +36,11 @@ void RenderTraceValue(std::string& out, double value);
 // Texts: between double quotes, not escaped.
 void RenderTraceValue(std::string& out, std::string_view text);
 
+void RenderTraceValue(std::string& out, std::wstring_view text);  // in UTF-8
+
 // As above, of at most "trace-stringptr-maxlen" characters; null is `null`, unquoted.
 void RenderTraceValue(std::string& out, char const* text);
+void RenderTraceValue(std::string& out, wchar_t const* text);
 
 // The exception's text, quoted.
 void RenderTraceValue(std::string& out, std::exception const& err);
@@ -69,8 +72,13 @@ inline void RenderTraceValue(std::string& out, std::string const& text) {
   RenderTraceValue(out, std::string_view(text));
 }
 
+inline void RenderTraceValue(std::string& out, std::wstring const& text) {
+  RenderTraceValue(out, std::wstring_view(text));
+}
+
 template <typename T>
-concept NotCharacter = !std::same_as<std::remove_cv_t<T>, char>;
+concept NotCharacter =
+    !std::same_as<std::remove_cv_t<T>, char> && !std::same_as<std::remove_cv_t<T>, wchar_t>;
 
 template <NotCharacter T>
 void RenderTraceValue(std::string& out, T* object) {

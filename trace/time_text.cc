@@ -1,6 +1,8 @@
 #include "trace/time_text.h"
 
-#include <cstddef>
+#include <cstdint>
+
+#include "base/exception.h"
 
 namespace Trace {
 
@@ -17,45 +19,99 @@ void AppendDate(std::string& out, TimePoint time, std::string_view separator) {
   AppendPadded(out, static_cast<unsigned>(date.day()), 2);
 }
 
-void AppendClock(std::string& out, TimePoint time, std::string_view separator) {
-  auto const midnight = std::chrono::floor<std::chrono::days>(time);
-  std::chrono::hh_mm_ss const clock(std::chrono::floor<std::chrono::seconds>(time - midnight));
-  AppendPadded(out, static_cast<unsigned>(clock.hours().count()), 2);
-  out.append(separator);
-  AppendPadded(out, static_cast<unsigned>(clock.minutes().count()), 2);
-  out.append(separator);
-  AppendPadded(out, static_cast<unsigned>(clock.seconds().count()), 2);
-}
+// Takes the parts of a text off its front, one after the other.
+class TimeReader {
+ public:
+  explicit TimeReader(std::string_view text) : _text(text) {}
+
+  bool IsAtEnd() const { return _text.empty(); }
+
+  bool TakeIf(char expected) {
+    if (!_text.starts_with(expected)) return false;
+    _text.remove_prefix(1);
+    return true;
+  }
+
+  void Take(char expected) { Require(TakeIf(expected)); }
+
+  // Exactly `length` decimal digits.
+  unsigned TakeNumber(std::size_t length) {
+    Require(_text.size() >= length);
+    unsigned number = 0;
+    for (char const c : _text.substr(0, length)) {
+      Require(c >= '0' && c <= '9');
+      number = number * 10 + static_cast<unsigned>(c - '0');
+    }
+    _text.remove_prefix(length);
+    return number;
+  }
+
+  // The digits of a fraction of a second.
+  std::chrono::nanoseconds TakeFraction() {
+    constexpr std::size_t digitsOfNanosecond = 9;
+    std::size_t const length = std::min(_text.find_first_not_of("0123456789"), _text.size());
+    Require(length >= 1 && length <= digitsOfNanosecond);
+    std::int64_t count = TakeNumber(length);
+    for (std::size_t i = length; i < digitsOfNanosecond; ++i) count *= 10;
+    return std::chrono::nanoseconds(count);
+  }
+
+  static void Require(bool condition) {
+    if (!condition) throw Base::Exception("Failed to parse time");
+  }
+
+ private:
+  std::string_view _text;
+};
 
 }  // namespace
-
-void AppendTimeOfDay(std::string& out, TimePoint time) { AppendClock(out, time, ":"); }
 
 void AppendTimePoint(std::string& out, TimePoint time) {
   AppendDate(out, time, "-");
   out.append("T");
-  AppendClock(out, time, ":");
+  AppendTimeOfDay(out, time);
   out.append(".");
   AppendPadded(out, GetMilliseconds(time), 3);
   out.append("Z");
 }
 
+TimePoint ParseTimePoint(std::string_view text) {
+  TimeReader reader(text);
+  std::chrono::year const year(static_cast<int>(reader.TakeNumber(4)));
+  reader.Take('-');
+  std::chrono::month const month(reader.TakeNumber(2));
+  reader.Take('-');
+  std::chrono::day const day(reader.TakeNumber(2));
+  reader.Take('T');
+  unsigned const hours = reader.TakeNumber(2);
+  reader.Take(':');
+  unsigned const minutes = reader.TakeNumber(2);
+  reader.Take(':');
+  unsigned const seconds = reader.TakeNumber(2);
+  auto const fraction = reader.TakeIf('.') ? reader.TakeFraction() : std::chrono::nanoseconds(0);
+  reader.Take('Z');
+  std::chrono::year_month_day const date(year, month, day);
+  TimeReader::Require(reader.IsAtEnd() && date.ok());
+  TimeReader::Require(hours < 24 && minutes < 60 && seconds < 60);
+  auto const time = std::chrono::sys_days(date) + std::chrono::hours(hours) +
+                    std::chrono::minutes(minutes) + std::chrono::seconds(seconds);
+  // Whole seconds inside the range leave room for the fraction, as the last one is not among them.
+  constexpr auto first = std::chrono::ceil<std::chrono::seconds>(TimePoint::min());
+  constexpr auto last = std::chrono::floor<std::chrono::seconds>(TimePoint::max());
+  TimeReader::Require(time >= first && time < last);
+  return time + fraction;
+}
+
 void AppendFileTime(std::string& out, TimePoint time) {
   AppendDate(out, time, "");
   out.append("_");
-  AppendClock(out, time, "");
+  AppendTimeOfDay(out, time, "");
 }
 
 unsigned GetMilliseconds(TimePoint time) {
-  auto const second = std::chrono::floor<std::chrono::seconds>(time);
-  return static_cast<unsigned>(
-      std::chrono::floor<std::chrono::milliseconds>(time - second).count());
-}
-
-void AppendPadded(std::string& out, unsigned value, unsigned width) {
-  std::string const digits = std::to_string(value);
-  if (digits.size() < width) out.append(width - digits.size(), '0');
-  out.append(digits);
+  constexpr TimePoint::duration second = std::chrono::seconds(1);
+  auto const fraction = (time.time_since_epoch() % second + second) % second;
+  return static_cast<unsigned>(std::chrono::floor<std::chrono::milliseconds>(fraction).count());
 }
 
 }  // namespace Trace

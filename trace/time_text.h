@@ -1,6 +1,9 @@
 #pragma once
 
+#include <array>
+#include <charconv>
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -9,11 +12,13 @@
 
 namespace Trace {
 
-// "17:30:41"
-void AppendTimeOfDay(std::string& out, std::chrono::system_clock::time_point time);
-
 // "2026-05-03T17:30:41.042Z"
 void AppendTimePoint(std::string& out, std::chrono::system_clock::time_point time);
+
+// The point in time of a text as above; the fraction may have one to nine digits, or be left away
+// with its point. Throws Base::Exception "Failed to parse time" for anything else, a day or time
+// that does not exist included, and for what a time point cannot hold: it ends in 2262.
+std::chrono::system_clock::time_point ParseTimePoint(std::string_view text);
 
 // "20260503_173041", for file names
 void AppendFileTime(std::string& out, std::chrono::system_clock::time_point time);
@@ -22,6 +27,27 @@ void AppendFileTime(std::string& out, std::chrono::system_clock::time_point time
 unsigned GetMilliseconds(std::chrono::system_clock::time_point time);
 
 // `value` in decimal, with zeros on its left up to `width` digits.
-void AppendPadded(std::string& out, unsigned value, unsigned width);
+template <typename Text>
+void AppendPadded(Text& out, unsigned value, unsigned width) {
+  std::array<char, 10> digits;
+  char const* const end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+  auto const length = static_cast<std::size_t>(end - digits.data());
+  if (length < width) out.append(width - length, '0');
+  out.append(digits.data(), length);
+}
+
+// "17:30:41"
+template <typename Text>
+void AppendTimeOfDay(Text& out, std::chrono::system_clock::time_point time,
+                     std::string_view separator = ":") {
+  // In seconds first: the midnight before the earliest time point is none.
+  auto const second = std::chrono::floor<std::chrono::seconds>(time);
+  std::chrono::hh_mm_ss const clock(second - std::chrono::floor<std::chrono::days>(second));
+  AppendPadded(out, static_cast<unsigned>(clock.hours().count()), 2);
+  out.append(separator);
+  AppendPadded(out, static_cast<unsigned>(clock.minutes().count()), 2);
+  out.append(separator);
+  AppendPadded(out, static_cast<unsigned>(clock.seconds().count()), 2);
+}
 
 }  // namespace Trace

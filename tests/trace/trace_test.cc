@@ -18,6 +18,7 @@
 #include "base/buffer.h"
 #include "base/maybe.h"
 #include "tests/support/child.h"
+#include "trace/guid.h"
 #include "trace/sinks.h"
 #include "trace/time_text.h"
 #include "utilities/arguments.h"
@@ -92,8 +93,12 @@ TEST_F(TraceTest, ValuesAreRenderedByKind) {
                Trace::As("err", std::runtime_error("why")),
                Trace::As("ok", Base::Maybe<Base::Exception>()));
     TRACE_INFO("v", Trace::As("cut", longText.c_str()), Trace::As("whole", longText));
+    std::wstring const wide(65, L'\u00e9');
+    wchar_t const* const noWide = nullptr;
+    TRACE_INFO("v", noWide, Trace::As("cut", wide.c_str()), Trace::As("whole", wide),
+               Trace::As("guid", Trace::Guid()));
   });
-  ASSERT_EQ(lines.size(), 4U);
+  ASSERT_EQ(lines.size(), 5U);
   EXPECT_EQ(AfterHeader(lines[0]), "plain");
   EXPECT_EQ(AfterHeader(lines[1]),
             R"(v { none:0 noText:null quoted:"a"b" c:c b:true n:-5 d:0.5 m:"3m" })");
@@ -102,6 +107,11 @@ TEST_F(TraceTest, ValuesAreRenderedByKind) {
             "err:\"why\" ok:null }");
   EXPECT_EQ(AfterHeader(lines[3]),
             "v { cut:\"" + std::string(64, 'x') + "\" whole:\"" + std::string(100, 'x') + "\" }");
+  std::string whole;
+  for (int i = 0; i < 65; ++i) whole += "\xc3\xa9";
+  EXPECT_EQ(AfterHeader(lines[4]), "v { noWide:null cut:\"" + whole.substr(2) + "\" whole:\"" +
+                                       whole +
+                                       "\" guid:\"00000000-0000-0000-0000-000000000000\" }");
 }
 
 TEST_F(TraceTest, TheLevelChoosesLinesAndStreams) {
