@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "trace/crash_stack.h"
+
 namespace Base {
 
 namespace {
@@ -14,7 +16,10 @@ thread_local Thread* current = nullptr;
 
 Shared<Thread> Thread::GetCurrent() { return Shared<Thread>(current); }
 
-Thread::CurrentScope::CurrentScope(Shared<Thread> thread) { current = thread.Detach(); }
+Thread::CurrentScope::CurrentScope(Shared<Thread> thread) {
+  Trace::EnsureCrashStack();
+  current = thread.Detach();
+}
 
 Thread::CurrentScope::~CurrentScope() {
   Thread* const last = std::exchange(current, nullptr);

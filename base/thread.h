@@ -27,7 +27,8 @@ class Thread : public TaskRunner {
   static Shared<Thread> GetCurrent();
 
  protected:
-  // Makes `thread` the calling thread's current one for as long as the scope lives.
+  // Makes `thread` the calling thread's current one for as long as the scope lives, and has its
+  // crashes reported.
   class CurrentScope {
    public:
     explicit CurrentScope(Shared<Thread> thread);

@@ -8,7 +8,8 @@
 #include "base/unique_fd.h"
 
 // Where trace lines go. Nothing here takes a lock or throws, and a line is one system call; only to
-// a console whose reader is slow is it sent in as many as it takes.
+// a console whose reader is slow is it sent in as many as it takes. What writes can be called in a
+// signal handler, where the crash handler does.
 
 namespace Trace {
 
@@ -56,10 +57,17 @@ class TraceFile {
   // `line` ends with a line feed. Lost where the file is not open or the write fails.
   void Write(std::string_view line) noexcept;
 
+  // As above, whatever has become of earlier lines. Opens a file that has not been opened yet, by
+  // the path of when this object was made, and does not truncate it: another process, which this
+  // one is a forked child of, may be writing to it.
+  void WriteInSignalHandler(std::string_view line) noexcept;
+
  private:
   void Reopen() noexcept;
 
   std::string const _programLogFileName;
+  std::string _firstPath;
+  bool const _isFolderOpenToAll;
   // Never closed, only replaced in place (dup3): another thread may be about to write to it.
   std::atomic<int> _fd{-1};
   std::atomic<bool> _bad{false};

@@ -19,8 +19,9 @@
 #include <string_view>
 
 #include "trace/crash_handler.h"
+#include "trace/crash_report.h"
+#include "trace/line_header.h"
 #include "trace/sinks.h"
-#include "trace/time_text.h"
 #include "trace/trace_arguments.h"
 #include "utilities/arguments.h"
 
@@ -29,17 +30,17 @@ namespace Trace {
 namespace {
 
 struct LevelInfo {
-  std::string_view paddedName;  // to eight characters
+  std::string_view name;
   int syslogPriority;
 };
 
 constexpr std::array<LevelInfo, 6> levels{{
-    {"FATAL   ", LOG_CRIT},
-    {"ERROR   ", LOG_ERR},
-    {"WARNING ", LOG_WARNING},
-    {"INFO    ", LOG_INFO},
-    {"VERBOSE ", LOG_DEBUG},
-    {"DEBUG   ", LOG_DEBUG},
+    {"FATAL", LOG_CRIT},
+    {"ERROR", LOG_ERR},
+    {"WARNING", LOG_WARNING},
+    {"INFO", LOG_INFO},
+    {"VERBOSE", LOG_DEBUG},
+    {"DEBUG", LOG_DEBUG},
 }};
 
 LevelInfo const& GetLevelInfo(TraceLevel level) {
@@ -65,7 +66,6 @@ State& GetState() {
 struct ThreadText {
   std::string line;
   std::string fields;
-  bool hasWrittenHeader = false;
 
   ~ThreadText();
 };
@@ -105,6 +105,10 @@ void Configure(bool skipCrashHandler) {
   }
   state.syslog.store(HasArgument("trace-syslog"));
   state.pid.store(getpid());
+  if (level >= levelFatal) {
+    SetCrashSinks(state.console ? &*state.console : nullptr, state.file ? &*state.file : nullptr,
+                  state.syslog);
+  }
   pthread_atfork(nullptr, nullptr, &OnForkedChild);
   Internal::currentLevel.store(level);
 }
@@ -184,20 +188,11 @@ void WriteTraceHeader(Log const& module, TraceLevel level) {
   if (text == nullptr) return;
   auto const now = std::chrono::system_clock::now();
   if (threadId == 0) threadId = gettid();
-  std::string& line = text->line;
-  AppendTimeOfDay(line, now);
-  line.append(".");
-  if (text->hasWrittenHeader) {
-    // From the second line on the padding is on the right: kept as it is.
-    std::string const milliseconds = std::to_string(GetMilliseconds(now));
-    line.append(milliseconds).append(3 - milliseconds.size(), '0');
-  } else {
-    AppendPadded(line, GetMilliseconds(now), 3);
-    text->hasWrittenHeader = true;
-  }
-  line.append("Z ").append(GetLevelInfo(level).paddedName).append(" ").append(module.GetName());
-  line.append("(").append(std::to_string(GetState().pid.load(std::memory_order_relaxed)));
-  line.append(":").append(std::to_string(threadId)).append(") - ");
+  AppendLineHeader(text->line, {.time = now,
+                                .level = GetLevelInfo(level).name,
+                                .module = module.GetName(),
+                                .pid = GetState().pid.load(std::memory_order_relaxed),
+                                .threadId = threadId});
 }
 
 void WriteTrace(Log const& /*module*/, TraceLevel level, std::string_view message) {

@@ -9,6 +9,7 @@
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "base/unique_fd.h"
 #include "trace/sinks.h"
@@ -31,19 +32,19 @@ bool IsFolderOpenToAll() {
 
 // A regular file of our own that has no other name: whoever can write to the folder may have put
 // any of our other files there by a hard link.
-Base::UniqueFd OpenOwnFile(std::string const& path) {
-  Base::UniqueFd file(open(path.c_str(), flags | O_NOFOLLOW, mode));
+Base::UniqueFd OpenOwnFile(char const* path) noexcept {
+  Base::UniqueFd file(open(path, flags | O_NOFOLLOW, mode));
   struct stat status {};
   if (!file || fstat(file.Get(), &status) == -1) return {};
   if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink != 1) return {};
-  // Truncated only now that it is known to be ours; an older one may have been readable to others.
-  if (fchmod(file.Get(), mode) == -1 || ftruncate(file.Get(), 0) == -1) return {};
+  // Only now that it is known to be ours; an older one may have been readable to others.
+  if (fchmod(file.Get(), mode) == -1) return {};
   return file;
 }
 
-Base::UniqueFd OpenTraceFile(std::string const& path) {
-  if (IsFolderOpenToAll()) return OpenOwnFile(path);
-  return Base::UniqueFd(open(path.c_str(), flags | O_TRUNC, mode));
+// For signal handlers, too.
+Base::UniqueFd OpenTraceFile(char const* path, bool isFolderOpenToAll) noexcept {
+  return isFolderOpenToAll ? OpenOwnFile(path) : Base::UniqueFd(open(path, flags, mode));
 }
 
 void ReportOpenFailure(std::string const& path, std::exception const& err) {
@@ -86,7 +87,13 @@ std::string GetTraceFilePath(std::string const& programLogFileName) {
 }
 
 TraceFile::TraceFile(std::string programLogFileName)
-    : _programLogFileName(std::move(programLogFileName)) {}
+    : _programLogFileName(std::move(programLogFileName)), _isFolderOpenToAll(IsFolderOpenToAll()) {
+  try {
+    _firstPath = GetTraceFilePath(_programLogFileName);
+  } catch (std::exception const&) {
+    // Told when the file is opened.
+  }
+}
 
 void TraceFile::Write(std::string_view line) noexcept {
   int const fd = _fd.load(std::memory_order_acquire);
@@ -95,6 +102,17 @@ void TraceFile::Write(std::string_view line) noexcept {
   bool const readerIsSlow = written == -1 && (errno == EAGAIN || errno == EINTR);
   if (written != static_cast<ssize_t>(line.size()) && !readerIsSlow) {
     _bad.store(true, std::memory_order_relaxed);
+  }
+}
+
+void TraceFile::WriteInSignalHandler(std::string_view line) noexcept {
+  int fd = _fd.load();
+  if (fd == -1) {
+    fd = OpenTraceFile(_firstPath.c_str(), _isFolderOpenToAll).Release();
+    _fd.store(fd);
+  }
+  if (write(fd, line.data(), line.size()) == -1) {
+    // There is nobody to tell.
   }
 }
 
@@ -115,8 +133,10 @@ void TraceFile::Reopen() noexcept {
   std::string path;
   try {
     path = GetTraceFilePath(_programLogFileName);
-    Base::UniqueFd file = OpenTraceFile(path);
+    Base::UniqueFd file = OpenTraceFile(path.c_str(), _isFolderOpenToAll);
     if (!file) return;
+    // What is no regular file has nothing to lose.
+    if (ftruncate(file.Get(), 0) == -1 && errno != EINVAL) return;
     int const current = _fd.load();
     if (current == -1) {
       _fd.store(file.Release(), std::memory_order_release);

@@ -1,8 +1,9 @@
 import contextlib
 import os
+import signal
 import stat
 
-from harness import GENERIC, HARDWARE, NOT_IMPLEMENTED, Case, in_thread, parse_trace, serial
+from harness import BIN, GENERIC, HARDWARE, NOT_IMPLEMENTED, Case, in_thread, parse_trace, serial
 
 
 class TraceFileTest(Case):
@@ -52,6 +53,19 @@ class TraceFileTest(Case):
         self.assertEqual(len(written), len(printed) + len(complained))
         self.assertEqual({line.level for line in complained}, {"ERROR"})
         self.assertEqual({int(line.pid) for line in written}, {daemon.pid})
+
+
+class CrashTest(Case):
+    def test_crash_is_told_and_ends_it_by_its_signal(self):
+        daemon = self.start("--trace-level=0",
+                            launcher=("sh", "-c", 'ulimit -c 0; exec "$@"', "sh"))
+        os.kill(daemon.pid, signal.SIGABRT)
+        daemon.wait_for_end(status=-signal.SIGABRT)
+        crash, *frames = daemon.trace()
+        self.assertEqual(crash.level, "FATAL")
+        self.assertEqual(crash.message, "Received fatal signal")
+        self.assertIn('signal:"SIGABRT"', crash.fields)
+        self.assertIn(f'file:"{BIN / "ktclientd"}"', "".join(frame.fields for frame in frames))
 
 
 class BrokenSinkTest(Case):

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <signal.h>
+
+// What the crash handler writes, and where to.
+
+namespace Trace {
+
+class Console;
+class TraceFile;
+
+// Where crashes are reported from now on; without it nowhere. Null the sinks that are off; they are
+// never destroyed.
+void SetCrashSinks(Console* console, TraceFile* file, bool useSyslog);
+
+// Fetches what a report needs of the system and cannot ask for in a signal handler.
+void PrepareCrashReport();
+
+// Writes the report, its first line before anything that may fail in its turn. `context` is the
+// signal handler's third argument. For signal handlers: allocates nothing, locks nothing.
+void ReportCrash(siginfo_t const& info, void* context) noexcept;
+
+}  // namespace Trace
