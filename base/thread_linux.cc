@@ -12,11 +12,11 @@
 #include <chrono>
 #include <exception>
 #include <limits>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "base/exception.h"
+#include "base/run_tasks.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("thread_linux");
@@ -27,18 +27,6 @@ namespace {
 
 constexpr std::size_t maxEvents = 256;
 constexpr int childPollMs = 1000;
-
-// Runs `task`; hands what it throws to `onError`.
-template <typename OnError>
-void RunCaught(Task const& task, OnError onError) {
-  try {
-    task->Call();
-  } catch (std::exception const& err) {
-    onError(err);
-  } catch (...) {
-    onError(Exception("Unknown exception"));
-  }
-}
 
 }  // namespace
 
@@ -91,12 +79,7 @@ void ThreadLinux::Wake() {
 void ThreadLinux::Start() {
   Stop();
   _stopping = false;
-  try {
-    std::thread thread([self = Shared(this)] { self->RunLoop(); });
-    std::lock_guard const lock(_threadMutex);
-    _thread = std::move(thread);
-  } catch (std::system_error const& err) {
-    int const error = err.code().value();
+  if (int const error = _thread.Start([self = Shared(this)] { self->RunLoop(); })) {
     TRACE_ERROR("Failed to start thread", this, error);
     throw ExceptionPosix(error);
   }
@@ -105,17 +88,7 @@ void ThreadLinux::Start() {
 void ThreadLinux::Stop() {
   _stopping = true;
   Wake();
-  std::thread thread;
-  {
-    std::lock_guard const lock(_threadMutex);
-    thread = std::move(_thread);
-  }
-  if (!thread.joinable()) return;
-  if (thread.get_id() == std::this_thread::get_id()) {
-    thread.detach();
-  } else {
-    thread.join();
-  }
+  _thread.End();
 }
 
 bool ThreadLinux::IsCurrentThread() const {
@@ -194,16 +167,14 @@ void ThreadLinux::RunLoop() {
 }
 
 void ThreadLinux::RunTasks() {
-  while (Task const task = _scheduledTasks.TakeDue(std::chrono::system_clock::now())) {
-    RunCaught(task, [this](std::exception const& err) {
-      TRACE_ERROR("Thread exception thrown whilst processing scheduled task", this, err);
-    });
-  }
-  while (Task const task = _tasks.Pop()) {
-    RunCaught(task, [this](std::exception const& err) {
-      TRACE_ERROR("Thread exception thrown whilst processing task", this, err);
-    });
-  }
+  Base::RunTasks(
+      _scheduledTasks, _tasks,
+      [this](std::exception const& err) {
+        TRACE_ERROR("Thread exception thrown whilst processing scheduled task", this, err);
+      },
+      [this](std::exception const& err) {
+        TRACE_ERROR("Thread exception thrown whilst processing task", this, err);
+      });
 }
 
 int ThreadLinux::GetTimeoutMs() {

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <span>
 #include <thread>
 
@@ -14,6 +13,7 @@
 #include "base/shared.h"
 #include "base/task_store.h"
 #include "base/thread.h"
+#include "base/thread_handle.h"
 #include "base/unique_fd.h"
 
 namespace Base {
@@ -85,8 +85,7 @@ class ThreadLinux final : public Thread {
   ScheduledTaskStore _scheduledTasks;
   std::map<int, WatchCallback> _watches;
   std::map<pid_t, ChildCallback> _children;
-  std::mutex _threadMutex;
-  std::thread _thread;  // under _threadMutex; empty while not started
+  ThreadHandle _thread;
   UniqueFd _epoll;
   UniqueFd _wakeEvent;
   int _childSignalFd = -1;  // no source of child signals is in use: exits are found by polling
