@@ -1,83 +1,37 @@
 #include "base/io_thread.h"
 
-#include <mutex>
-#include <utility>
-
-#include "base/exception.h"
+#include "base/process_threads.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("thread_linux");
 
 namespace Base {
 
-namespace {
-
-struct ProcessThreads {
-  std::mutex mutex;
-  Shared<ThreadLinux> ioThread;
-  bool isShutdown = false;
-};
-
-// Never destroyed: it is asked until the process is gone.
-ProcessThreads& GetProcessThreads() {
-  static ProcessThreads& threads = *new ProcessThreads;
-  return threads;
-}
-
-// Makes `candidate` the IO thread where there is none yet, and returns the one that there is then.
-// Throws when the threads have been shut down.
-Shared<ThreadLinux> Designate(Shared<ThreadLinux> const& candidate) {
-  ProcessThreads& threads = GetProcessThreads();
-  {
-    std::lock_guard const lock(threads.mutex);
-    if (!threads.isShutdown) {
-      if (!threads.ioThread) threads.ioThread = candidate;
-      return threads.ioThread;
-    }
-  }
-  TRACE_ERROR("Attempt to access thread pool after shutdown");
-  throw Exception("ThreadPool has been shutdown");
-}
-
-Shared<ThreadLinux> FindIOThread() {
-  ProcessThreads& threads = GetProcessThreads();
-  std::lock_guard const lock(threads.mutex);
-  return threads.ioThread;
-}
-
-}  // namespace
-
 Shared<ThreadLinux> GetIOThread() {
-  if (Shared<ThreadLinux> ioThread = Designate({})) return ioThread;
-
-  // Started before others can see it, and without the lock.
-  auto const candidate = MakeShared<ThreadLinux>();
-  candidate->Start();
-  Shared<ThreadLinux> ioThread = Designate(candidate);
-  if (ioThread == candidate) {
-    TRACE_INFO("This is the IO thread", Trace::As("this", ioThread));
-  } else {
-    candidate->Stop();
-  }
+  Shared<ThreadLinux> made;
+  Shared<ThreadLinux> ioThread = GetProcessThreads().ioThread.Get(
+      [&made] {
+        // Started before others can see it.
+        made = MakeShared<ThreadLinux>();
+        made->Start();
+        return made;
+      },
+      [](ThreadLinux& superfluous) { superfluous.Stop(); });
+  if (made == ioThread) TRACE_INFO("This is the IO thread", Trace::As("this", ioThread));
   return ioThread;
 }
 
 bool IsIOThread() {
-  Shared<ThreadLinux> const ioThread = FindIOThread();
+  Shared<ThreadLinux> const ioThread = GetProcessThreads().ioThread.Find();
   return ioThread && ioThread->IsCurrentThread();
 }
 
 void ShutdownThreads() {
   TRACE_VERBOSE("Thread is being shutdown...");
-  // Tasks of its last round still find it.
-  if (Shared<ThreadLinux> const ioThread = FindIOThread()) ioThread->Stop();
-  Shared<ThreadLinux> released;
-  {
-    ProcessThreads& threads = GetProcessThreads();
-    std::lock_guard const lock(threads.mutex);
-    released = std::exchange(threads.ioThread, {});
-    threads.isShutdown = true;
-  }
+  // Tasks of a thread's last round still find it.
+  auto const stop = [](Thread& thread) { thread.Stop(); };
+  GetProcessThreads().ioThread.Finish(stop);
+  GetProcessThreads().glibThread.Finish(stop);
   TRACE_VERBOSE("Thread shutdown complete.");
 }
 

@@ -12,8 +12,8 @@ Shared<ThreadLinux> GetIOThread();
 // Whether the caller runs on the process-wide IO thread.
 bool IsIOThread();
 
-// Stops the IO thread, waits for it and lets go of it; it does not come back. Part of
-// `ShutdownThreadPools`, which is the one to call.
+// Stops the IO thread, then the GLib thread (base/glib_thread.h), waits for each and lets go of it;
+// they do not come back. Part of `ShutdownThreadPools`, which is the one to call.
 void ShutdownThreads();
 
 }  // namespace Base

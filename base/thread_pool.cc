@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/io_thread.h"
+#include "base/process_threads.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("thread_pool");
@@ -14,6 +15,11 @@ void ShutdownThreadPools() {
   static std::once_flag isShutdown;
   std::call_once(isShutdown, [] {
     TRACE_VERBOSE("ThreadPool is being shutdown...");
+    // Closed and not only let go of: others may have handles, and their tasks must not outlive the
+    // threads that they use.
+    auto const close = [](ThreadPool& pool) { pool.Close(false); };
+    GetProcessThreads().pool.Finish(close);
+    GetProcessThreads().exclusivePool.Finish(close);
     ShutdownThreads();
     TRACE_VERBOSE("ThreadPool shutdown complete.");
   });

@@ -5,10 +5,6 @@
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 
-#include <memory>
-#include <thread>
-#include <vector>
-
 #include "base/exception.h"
 #include "base/io_thread.h"
 #include "base/thread_pool.h"
@@ -19,10 +15,6 @@ namespace {
 
 class ThreadLinuxTest : public LoopTest {
  protected:
-  Base::Task Note(std::string event) {
-    return Base::MakeCallback([this, event = std::move(event)] { events.Add(event); });
-  }
-
   pid_t Fork(int exitStatus) {
     pid_t const pid = fork();
     if (pid == 0) {
@@ -38,35 +30,6 @@ class ThreadLinuxTest : public LoopTest {
                               }));
   }
 };
-
-TEST_F(ThreadLinuxTest, DueScheduledTasksComeBeforePostedOnes) {
-  OnLoop([this] {
-    loop->PostTask(Note("posted"));
-    loop->PostTask(Base::MakeCallback([this] { loop->PostTask(Note("same drain")); }));
-    loop->PostScheduledTask(0, Note("next round"));
-    loop->PostScheduledTask(-5, Note("overdue"));
-    loop->PostScheduledTask(3'000'000'000'000'000, Note("never"));
-  });
-  EXPECT_EQ(events.Take(4), "posted;same drain;overdue;next round;");
-}
-
-TEST_F(ThreadLinuxTest, ScheduledTasksOfOneTimeKeepTheirOrder) {
-  // All due when the loop looks next: it may wait for ever for one that comes due just before.
-  OnLoop([this] {
-    for (int i = 0; i < 50; ++i) loop->PostScheduledTask(0, Note(std::to_string(i)));
-  });
-  std::string expected;
-  for (int i = 0; i < 50; ++i) expected += std::to_string(i) + ";";
-  EXPECT_EQ(events.Take(50), expected);
-}
-
-TEST_F(ThreadLinuxTest, AnExceptionEndsItsTaskOnly) {
-  loop->PostTask(Base::MakeCallback([] { throw Base::Exception("thrown"); }));
-  loop->PostTask(Base::MakeCallback([] { throw 1; }));
-  loop->PostTask(Note("next"));
-  EXPECT_EQ(events.Take(), "next;");
-  EXPECT_THROW(OnLoop([] { throw Base::Exception("to the caller"); }), Base::Exception);
-}
 
 TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
   Base::UniqueFd const fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
@@ -101,50 +64,11 @@ TEST_F(ThreadLinuxTest, ChildrenAreReportedHoweverTheyEnd) {
   EXPECT_NE(seen.find("1:0;"), std::string::npos);
 }
 
-TEST_F(ThreadLinuxTest, StopIsSafeInEveryState) {
-  auto const never = Base::MakeShared<Base::ThreadLinux>();
-  never->Stop();
-  never->Stop();
-
-  auto const inPlace = Base::MakeShared<Base::ThreadLinux>();
-  inPlace->Stop();  // forgotten by Run
-  inPlace->PostTask(Base::MakeCallback([&] {
-    EXPECT_TRUE(inPlace->IsCurrentThread());
-    EXPECT_TRUE(Base::Thread::GetCurrent() == Base::Shared<Base::Thread>(inPlace));
-    inPlace->Stop();
-  }));
-  inPlace->Run();
-  EXPECT_FALSE(inPlace->IsCurrentThread());
-  EXPECT_FALSE(Base::Thread::GetCurrent());
-
-  std::vector<std::thread> stoppers;
-  never->Start();
-  for (int i = 0; i < 4; ++i) stoppers.emplace_back([&] { never->Stop(); });
-  for (std::thread& stopper : stoppers) stopper.join();
-  never->Start();
-  never->PostTask(Note("runs again"));
-  EXPECT_EQ(events.Take(), "runs again;");
-  Base::PostStop(never, [this] { events.Add("stopped by itself"); });
-  EXPECT_EQ(events.Take(), "stopped by itself;");
-}
-
-TEST_F(ThreadLinuxTest, PostsFromManyThreadsArrive) {
-  std::vector<std::thread> posters;
-  for (int i = 0; i < 4; ++i) {
-    posters.emplace_back([this] {
-      for (int k = 0; k < 500; ++k) loop->PostTask(Note("x"));
-    });
-  }
-  for (std::thread& poster : posters) poster.join();
-  EXPECT_EQ(events.Take(2000).size(), 4000U);
-}
-
 // The fixture finds what is left alive.
 TEST_F(ThreadLinuxTest, AnEndedLoopLetsGoOfWhatItHolds) {
   Base::UniqueFd const fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   OnLoop([&] {
     loop->AddWatch(fd.Get(), EPOLLIN, Base::MakeCallback([loop = loop](int, int) {}));
-    loop->PostScheduledTask(1'000'000, Base::MakeCallback([loop = loop] {}));
     loop->MonitorChildProcess(Fork(0), Base::MakeCallback([loop = loop](int, int) {}));
   });
   loop->Stop();

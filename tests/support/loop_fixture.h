@@ -5,14 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 #include "base/io_thread.h"
@@ -21,36 +16,14 @@
 #include "base/thread_linux.h"
 #include "base/unique_fd.h"
 #include "net/socket_linux.h"
+#include "tests/support/live_objects_test.h"
 
-// Things that happen on the loop, for the test to wait for.
-class EventLog {
- public:
-  void Add(std::string event) {
-    std::lock_guard const lock(_mutex);
-    _events += std::move(event) + ";";
-    _changed.notify_all();
-  }
-
-  // Waits until there are `count` events more than the ones taken before, and takes all: "a;b;".
-  std::string Take(int count = 1) {
-    std::unique_lock lock(_mutex);
-    _changed.wait_for(lock, std::chrono::seconds(60),
-                      [&] { return std::count(_events.begin(), _events.end(), ';') >= count; });
-    return std::exchange(_events, {});
-  }
-
- private:
-  std::mutex _mutex;
-  std::condition_variable _changed;
-  std::string _events;
-};
-
-// A running loop and connected sockets. Everything has to be gone at the end.
-class LoopTest : public testing::Test {
+// A running loop and connected sockets.
+class LoopTest : public LiveObjectsTest {
  protected:
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
-    _liveObjects = Base::Shareable::GetLiveObjectCount();
+    LiveObjectsTest::SetUp();
     loop = MakeLoop();
     loop->Start();
   }
@@ -58,14 +31,7 @@ class LoopTest : public testing::Test {
   void TearDown() override {
     loop->Stop();
     loop.Reset();
-    // A thread that stopped itself may still be on its way out.
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (Base::Shareable::GetLiveObjectCount() != _liveObjects &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::yield();
-    }
-    EXPECT_EQ(Base::Shareable::GetLiveObjectCount(), _liveObjects)
-        << "something keeps itself alive";
+    LiveObjectsTest::TearDown();
   }
 
   virtual Base::Shared<Base::ThreadLinux> MakeLoop() {
@@ -108,10 +74,6 @@ class LoopTest : public testing::Test {
   }
 
   Base::Shared<Base::ThreadLinux> loop;
-  EventLog events;
-
- private:
-  std::size_t _liveObjects = 0;
 };
 
 // The same on the process-wide IO thread, for what posts to it.
