@@ -1,0 +1,117 @@
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <cstddef>
+#include <future>
+#include <string>
+#include <utility>
+
+#include "base/callback.h"
+#include "base/shared.h"
+#include "base/task_runner.h"
+#include "base/thread_linux.h"
+#include "base/thread_linux_glib.h"
+#include "base/thread_pool.h"
+#include "base/thread_pool_linux_glib.h"
+#include "process/process_exec_linux.h"
+#include "trace/trace.h"
+#include "utilities/arguments.h"
+
+TRACE_MODULE("micro");
+
+namespace {
+
+template <typename Thread>
+class OnThread {
+ public:
+  OnThread() { runner->Start(); }
+  ~OnThread() { runner->Stop(); }
+
+  Base::Shared<Thread> const runner = Base::MakeShared<Thread>();
+};
+
+// With one worker, as a thread has.
+class OnPool {
+ public:
+  ~OnPool() { runner->Close(false); }
+
+  Base::Shared<Base::ThreadPool> const runner =
+      Base::MakeShared<Base::ThreadPoolLinuxGlib>(nullptr, 1, true);
+};
+
+using OnThreadLinux = OnThread<Base::ThreadLinux>;
+using OnThreadLinuxGlib = OnThread<Base::ThreadLinuxGlib>;
+
+void PostOneAndWait(Base::TaskRunner& runner) {
+  std::promise<void> promise;
+  std::future<void> const ran = promise.get_future();
+  runner.PostTask(
+      Base::MakeCallback([promise = std::move(promise)]() mutable { promise.set_value(); }));
+  ran.wait();
+}
+
+// A task of many that are posted one after the other: made, posted, run and destroyed.
+template <typename Executor>
+void Post(benchmark::State& state) {
+  constexpr int count = 1000;
+  Executor const executor;
+  while (state.KeepRunning()) {
+    for (int i = 1; i < count; ++i) executor.runner->PostTask(Base::MakeCallback([] {}));
+    PostOneAndWait(*executor.runner);
+  }
+  state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(Post<OnThreadLinux>)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(Post<OnThreadLinuxGlib>)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(Post<OnPool>)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+// There and back: both sides sleep in between.
+template <typename Executor>
+void PostAndWait(benchmark::State& state) {
+  Executor const executor;
+  while (state.KeepRunning()) PostOneAndWait(*executor.runner);
+}
+BENCHMARK(PostAndWait<OnThreadLinux>)->UseRealTime();
+BENCHMARK(PostAndWait<OnThreadLinuxGlib>)->UseRealTime();
+BENCHMARK(PostAndWait<OnPool>)->UseRealTime();
+
+void TraceDisabled(benchmark::State& state) {
+  std::size_t bytesRead = 0;
+  constexpr int batch = 1000;  // the loop's own test would cost more than what is measured
+  while (state.KeepRunningBatch(batch)) {
+    for (int i = 0; i < batch; ++i) {
+      TRACE_DEBUG("Read succeeded", Trace::As("this", &state), ++bytesRead);
+    }
+  }
+  benchmark::DoNotOptimize(bytesRead);
+}
+BENCHMARK(TraceDisabled);
+
+void TraceEnabled(benchmark::State& state) {
+  std::size_t bytesRead = 0;
+  while (state.KeepRunning()) {
+    TRACE_VERBOSE("Read succeeded", Trace::As("this", &state), ++bytesRead);
+  }
+}
+BENCHMARK(TraceEnabled);
+
+void ExecuteSyncCommand(benchmark::State& state) {
+  std::string output;
+  while (state.KeepRunning()) {
+    if (Process::ExecuteSyncCommand("/bin/true", output) != 0) state.SkipWithError("failed");
+  }
+}
+BENCHMARK(ExecuteSyncCommand)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  // VERBOSE is on and DEBUG is off; the lines are written, but to nowhere.
+  constexpr std::array traceArguments{"micro", "--trace-level=4", "--trace-file=/dev/null"};
+  ParseArguments(traceArguments.size(), traceArguments.data());
+  Trace::InitializeTrace(true, "micro.log");
+  benchmark::RunSpecifiedBenchmarks();
+  return 0;
+}
