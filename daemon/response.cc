@@ -10,8 +10,8 @@
 #include "base/exception.h"
 #include "base/io_thread.h"
 #include "base/stream.h"
+#include "base/turn.h"
 #include "daemon/packet_backlog.h"
-#include "daemon/turn.h"
 #include "io/native_messaging_host_write_stream.h"
 #include "trace/trace.h"
 
@@ -31,7 +31,7 @@ constexpr unsigned responsesInATurn = 16;
 struct Outgoing {
   std::size_t underWay = 0;  // the length of the response that is being written
   PacketBacklog backlog;
-  Turn turn{Base::GetIOThread(), responsesInATurn};
+  Base::Turn turn{Base::GetIOThread(), responsesInATurn};
   bool hasOverflowed = false;
   bool disconnectWhenWritten = false;
 };

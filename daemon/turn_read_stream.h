@@ -2,7 +2,7 @@
 
 #include "base/buffer.h"
 #include "base/shared.h"
-#include "daemon/turn.h"
+#include "base/turn.h"
 #include "io/file_stream.h"
 
 // A byte source that takes turns: reads whose bytes are there already are handed on a few at a
@@ -21,5 +21,5 @@ class TurnReadStream final : public IO::FileReadStream {
   Callback TakeTurn(Callback callback);
 
   Base::Shared<IO::FileReadStream> _source;
-  Turn _turn;
+  Base::Turn _turn;
 };

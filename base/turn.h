@@ -6,7 +6,9 @@
 #include "base/shared.h"
 #include "base/thread_linux.h"
 
-// How much one connection may do before the loop polls again.
+namespace Base {
+
+// How much one connection, or one file, may do before the loop polls again.
 //
 // A drain of the loop runs what is posted during it, so work that always finds its next piece ready
 // would keep the loop from everyone else, and from its end. Such work asks for each step whether
@@ -14,15 +16,22 @@
 class Turn {
  public:
   // A turn has `steps` steps. In the round in which it is made there is none left.
-  Turn(Base::Shared<Base::ThreadLinux> loop, unsigned steps);
+  Turn(Shared<ThreadLinux> loop, unsigned steps);
 
   // Takes a step: runs `step` now, inside this call, where the turn has one left, else in the
   // loop's next round.
-  void Take(Base::Task const& step);
+  void Take(Task const& step);
+
+  // The same for a step that must not run inside the call: it is posted where the turn goes on.
+  void Post(Task const& step);
 
  private:
-  Base::Shared<Base::ThreadLinux> _loop;
+  bool GoesOn();
+
+  Shared<ThreadLinux> _loop;
   unsigned const _steps;
   std::uint64_t _round;
   unsigned _left = 0;
 };
+
+}  // namespace Base
