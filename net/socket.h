@@ -8,6 +8,7 @@
 #include "base/shared.h"
 #include "base/stream.h"
 #include "io/file_stream.h"
+#include "io/whole_write_stream.h"
 #include "net/address.h"
 
 namespace Net {
@@ -65,24 +66,16 @@ class SocketReadStream final : public IO::FileReadStream {
 };
 
 // A socket as a byte sink: a write goes on until the kernel has taken all of it.
-class SocketWriteStream final : public IO::FileWriteStream {
+class SocketWriteStream final : public IO::WholeWriteStream {
  public:
   explicit SocketWriteStream(Base::Shared<Socket> socket);
 
-  // Calls back once with all of `data`, after its last byte or the first error. Throws as the
-  // socket's `Write`. Not to be called after `Close`, which ends a write between two sends with
-  // "Write Stream Closed".
-  void Write(Base::Buffer<unsigned char> data, Callback callback) override;
-
-  // Lets go of the socket, which stays open.
+  // Lets go of the socket, which stays open. `Write` is not to be called after it; a write between
+  // two sends ends with "Write Stream Closed".
   void Close() override;
 
  private:
-  using Buffer = Base::Buffer<unsigned char>;
-
-  void Send(std::size_t offset, Buffer const& total, Callback const& callback);
-  void OnWritten(Base::Status const& status, Buffer const& written, std::size_t offset,
-                 Buffer const& total, Callback const& callback);
+  void WriteOnce(Base::Buffer<unsigned char> data, Callback callback) override;
 
   Base::Shared<Socket> _socket;  // empty once closed
 };

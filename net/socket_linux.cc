@@ -43,22 +43,6 @@ bool HasFreeDescriptor() { return static_cast<bool>(Base::UniqueFd(eventfd(0, EF
 
 }  // namespace
 
-// Held by the callback of a registered watch, and holds the socket in turn. When the loop ends and
-// lets go of the watch, the socket lets go of its pending operations, which hold it as well.
-class SocketLinux::WatchHold {
- public:
-  explicit WatchHold(SocketLinux& socket) : _socket(&socket) {}
-  WatchHold(WatchHold&&) noexcept = default;
-  ~WatchHold() {
-    if (_socket) _socket->OnWatchDropped();
-  }
-
-  SocketLinux& GetSocket() const { return *_socket; }
-
- private:
-  Base::Shared<SocketLinux> _socket;
-};
-
 SocketLinux::SocketLinux(int domain, int type, int protocol,
                          Base::Shared<Base::ThreadLinux> ioThread)
     : _fd(socket(domain, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol)),
@@ -262,8 +246,8 @@ SocketLinux::Received SocketLinux::Receive(Buffer const& data) {
 void SocketLinux::Arm(std::uint32_t event) {
   if (_watchEvents == noWatch) {
     _ioThread->AddWatch(_fd.Get(), event,
-                        Base::MakeCallback([hold = WatchHold(*this)](int /*fd*/, int events) {
-                          hold.GetSocket().OnEvents(events);
+                        Base::MakeCallback([hold = Base::WatchHold(*this)](int /*fd*/, int events) {
+                          hold.GetOwner().OnEvents(events);
                         }));
     _watchEvents = event;
   } else if ((_watchEvents & event) == 0) {

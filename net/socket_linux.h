@@ -13,6 +13,7 @@
 #include "base/stream.h"
 #include "base/thread_linux.h"
 #include "base/unique_fd.h"
+#include "base/watch_hold.h"
 #include "net/address.h"
 #include "net/socket.h"
 
@@ -75,7 +76,7 @@ class SocketLinux final : public Socket {
   void Close() override;
 
  private:
-  class WatchHold;
+  friend Base::WatchHold<SocketLinux>;
 
   struct Received {
     ssize_t length;  // -1 on failure, see `error`
