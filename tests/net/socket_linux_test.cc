@@ -5,7 +5,6 @@
 #include <sys/un.h>
 
 #include <array>
-#include <functional>
 #include <vector>
 
 #include "base/exception.h"
@@ -16,19 +15,6 @@ namespace {
 
 class SocketLinuxTest : public LoopTest {
  protected:
-  Net::Socket::ReadCallback NoteRead() {
-    return Base::MakeCallback(
-        [this](Base::Status const& status, Base::ByteBuffer data, bool complete) {
-          events.Add("read " + StatusText(status) + " " + Text(data) + (complete ? " end" : ""));
-        });
-  }
-
-  Net::Socket::WriteCallback NoteWrite() {
-    return Base::MakeCallback([this](Base::Status const& status, Base::ByteBuffer data) {
-      events.Add("written " + StatusText(status) + " " + std::to_string(data.GetLength()));
-    });
-  }
-
   // Reads once, now or when there is something.
   void Read(Base::Shared<Net::SocketLinux> const& socket, std::size_t length = 16) {
     OnLoop([&] { socket->Read(Base::ByteBuffer::Zeroed(length), NoteRead()); });
@@ -36,18 +22,6 @@ class SocketLinuxTest : public LoopTest {
 
   void Close(Base::Shared<Net::SocketLinux> const& socket) {
     OnLoop([&] { socket->Close(); });
-  }
-
-  std::string ErrorOf(std::function<void()> operation) {
-    std::string text = "none";
-    OnLoop([&] {
-      try {
-        operation();
-      } catch (Base::Exception const& err) {
-        text = err.what();
-      }
-    });
-    return text;
   }
 
   // Fills what the kernel takes, until a write has to wait for the peer.

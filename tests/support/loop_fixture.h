@@ -6,13 +6,17 @@
 #include <unistd.h>
 
 #include <array>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "base/buffer.h"
+#include "base/exception.h"
 #include "base/io_thread.h"
 #include "base/run_and_wait.h"
 #include "base/shared.h"
+#include "base/stream.h"
 #include "base/thread_linux.h"
 #include "base/unique_fd.h"
 #include "net/socket_linux.h"
@@ -50,6 +54,32 @@ class LoopTest : public LiveObjectsTest {
     EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()), 0);
     peer.Reset(ends[1]);
     return Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(ends[0]), loop);
+  }
+
+  Base::ReadCallback<Base::ByteBuffer> NoteRead() {
+    return Base::MakeCallback(
+        [this](Base::Status const& status, Base::ByteBuffer data, bool complete) {
+          events.Add("read " + StatusText(status) + " " + Text(data) + (complete ? " end" : ""));
+        });
+  }
+
+  Base::WriteCallback<Base::ByteBuffer> NoteWrite() {
+    return Base::MakeCallback([this](Base::Status const& status, Base::ByteBuffer data) {
+      events.Add("written " + StatusText(status) + " " + std::to_string(data.GetLength()));
+    });
+  }
+
+  // What `operation` throws on the loop's thread, or "none".
+  std::string ErrorOf(std::function<void()> operation) {
+    std::string text = "none";
+    OnLoop([&] {
+      try {
+        operation();
+      } catch (Base::Exception const& err) {
+        text = err.what();
+      }
+    });
+    return text;
   }
 
   static std::string Text(Base::ByteBuffer const& buffer) {

@@ -1,0 +1,255 @@
+#include "io/file_stream_linux.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+
+#include "tests/support/child.h"
+#include "tests/support/loop_fixture.h"
+
+namespace {
+
+class FileStreamLinuxTest : public LoopTest {
+ protected:
+  Base::Shared<IO::FileStreamLinux> Attach(int fd) {
+    return Base::MakeShared<IO::FileStreamLinux>(Base::UniqueFd(fd), loop);
+  }
+
+  Base::Shared<IO::FileStreamLinux> Open(std::string const& path, int flags) {
+    return Attach(open(path.c_str(), flags | O_CLOEXEC, 0600));
+  }
+
+  Base::Shared<IO::FileReadStreamLinux> MakeReader(Base::Shared<IO::FileStreamLinux> const& file,
+                                                   std::size_t bufferSize) {
+    return Base::MakeShared<IO::FileReadStreamLinux>(file, bufferSize);
+  }
+
+  // A pipe: a source on the loop, and the plain descriptor of its sink.
+  Base::Shared<IO::FileReadStreamLinux> MakeSource(Base::UniqueFd& sink, std::size_t bufferSize) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    sink.Reset(ends[1]);
+    return MakeReader(Attach(ends[0]), bufferSize);
+  }
+
+  // The other way round. The pipe is full: a write has to wait.
+  Base::Shared<IO::FileWriteStreamLinux> MakeSink(Base::UniqueFd& source) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    source.Reset(ends[0]);
+    filling = std::string(static_cast<std::size_t>(fcntl(ends[1], F_GETPIPE_SZ)), 'f');
+    EXPECT_EQ(write(ends[1], filling.data(), filling.size()), static_cast<ssize_t>(filling.size()));
+    return Base::MakeShared<IO::FileWriteStreamLinux>(Attach(ends[1]));
+  }
+
+  static void Put(Base::UniqueFd const& sink, std::string_view text) {
+    EXPECT_EQ(write(sink.Get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+
+  void Read(Base::Shared<IO::FileReadStreamLinux> const& stream) {
+    OnLoop([&] { stream->Read(NoteRead()); });
+  }
+
+  void Write(Base::Shared<IO::FileWriteStreamLinux> const& stream, std::string_view text) {
+    OnLoop([&] { stream->Write(Base::CopyOfText(text), NoteWrite()); });
+  }
+
+  template <typename Stream>
+  void Close(Base::Shared<Stream> const& stream) {
+    OnLoop([&] { stream->Close(); });
+  }
+
+  // Reads on from the completion of each read, until `isEnough`; the event is how often. On the
+  // loop's thread.
+  void ReadOn(Base::Shared<IO::FileReadStream> const& stream,
+              std::function<bool(std::string_view, bool)> const& isEnough, int count = 1) {
+    stream->Read(Base::MakeCallback(
+        [=, this](Base::Status const& status, Base::ByteBuffer data, bool complete) {
+          EXPECT_EQ(StatusText(status), "ok");
+          if (isEnough(Text(data), complete)) {
+            events.Add(std::to_string(count));
+          } else {
+            ReadOn(stream, isEnough, count + 1);
+          }
+        }));
+  }
+
+  // Whether the loop polls in between is told by a watch that ends the work.
+  void WorkUntilPolled(std::function<void(bool const& isPolled)> const& work) {
+    Base::UniqueFd const ready(eventfd(1, EFD_CLOEXEC));
+    bool isPolled = false;
+    OnLoop([&] {
+      loop->AddWatch(ready.Get(), EPOLLIN, Base::MakeCallback([&](int, int) { isPolled = true; }));
+      work(isPolled);
+    });
+    events.Take();
+    OnLoop([&] { loop->RemoveWatch(ready.Get()); });
+    EXPECT_TRUE(isPolled);
+  }
+
+  TemporaryDirectory directory;
+  std::string filling;
+};
+
+TEST_F(FileStreamLinuxTest, ReadsAreReportedOnceAndOneAtATime) {
+  Base::UniqueFd sink;
+  auto const source = MakeSource(sink, 4);
+  Put(sink, "now");
+  Read(source);
+  EXPECT_EQ(events.Take(), "read ok now;");
+  Read(source);
+  EXPECT_EQ(ErrorOf([&] { source->Read(NoteRead()); }), "File already reading");
+  // What is left when the other end hangs up is read on, also after a rest in which nothing waits.
+  OnLoop([&] {
+    Put(sink, "the last");
+    sink.Reset();
+  });
+  EXPECT_EQ(events.Take(), "read ok the ;");
+  for (int i = 0; i < 3; ++i)
+    loop->PostScheduledTask(i, Base::MakeCallback([this] { events.Add(""); }));
+  EXPECT_EQ(events.Take(3), ";;;");
+  Read(source);
+  EXPECT_EQ(events.Take(), "read ok last;");
+  Read(source);
+  EXPECT_EQ(events.Take(), "read ok  end;");
+  Close(source);
+}
+
+TEST_F(FileStreamLinuxTest, AWriteInPiecesIsReportedOnceAndWhole) {
+  Base::UniqueFd source;
+  auto const sink = MakeSink(source);
+  std::string text(1U << 20U, '\0');
+  for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>(i % 251);
+  Write(sink, text);
+  EXPECT_EQ(ErrorOf([&] { sink->Write({}, NoteWrite()); }), "File already writing");
+  std::string received;
+  std::array<char, 5000> piece;
+  while (received.size() < filling.size() + text.size()) {
+    ssize_t const length = read(source.Get(), piece.data(), piece.size());
+    ASSERT_GT(length, 0);
+    received.append(piece.data(), static_cast<std::size_t>(length));
+  }
+  EXPECT_EQ(events.Take(), "written ok " + std::to_string(text.size()) + ";");
+  EXPECT_TRUE(received == filling + text);
+  Close(sink);
+  EXPECT_EQ(read(source.Get(), piece.data(), piece.size()), 0) << "the end";
+}
+
+TEST_F(FileStreamLinuxTest, AnErrorArrivesOnceAndEndsTheFile) {
+  Base::UniqueFd source;
+  auto const waiting = MakeSink(source);
+  Write(waiting, "waits");
+  source.Reset();
+  EXPECT_EQ(events.Take(), "written Broken pipe (Err 32) 5;");
+  EXPECT_EQ(ErrorOf([&] { waiting->Write({}, NoteWrite()); }), "File closed");
+
+  auto const atOnce = MakeSink(source);
+  source.Reset();
+  Write(atOnce, "x");
+  EXPECT_EQ(events.Take(), "written Broken pipe (Err 32) 1;");
+
+  auto const unreadable = MakeReader(Open(directory.path.string(), O_RDONLY), 16);
+  Read(unreadable);
+  EXPECT_EQ(events.Take(), "read Is a directory (Err 21)  end;");
+  EXPECT_EQ(ErrorOf([&] { unreadable->Read(NoteRead()); }), "File closed");
+  EXPECT_EQ(ErrorOf([&] { Attach(-1); }), "Invalid file");
+}
+
+TEST_F(FileStreamLinuxTest, CloseReportsWhatIsPendingOnce) {
+  Base::UniqueFd otherEnd;
+  auto const source = MakeSource(otherEnd, 2);
+  Read(source);
+  Close(source);
+  Close(source);
+  EXPECT_EQ(events.Take(), "read File closed " + std::string(2, '\0') + " end;");
+  EXPECT_EQ(ErrorOf([&] { source->Read(NoteRead()); }), "Read Stream Closed");
+
+  auto const sink = MakeSink(otherEnd);
+  Write(sink, "waits");
+  Close(sink);
+  EXPECT_EQ(events.Take(), "written File closed 5;");
+  EXPECT_EQ(ErrorOf([&] { sink->Write({}, NoteWrite()); }), "Write Stream Closed");
+}
+
+// Neither is closed: the loop's end has to let go of them, and the fixture finds what stays.
+TEST_F(FileStreamLinuxTest, PendingOperationsDoNotOutliveTheLoop) {
+  Base::UniqueFd sink;
+  Base::UniqueFd source;
+  Read(MakeSource(sink, 1));
+  Write(MakeSink(source), "waits");
+}
+
+// Both wait at once for one descriptor, and neither's end may be lost by the other's.
+TEST_F(FileStreamLinuxTest, ATerminalIsReadAndWrittenAtATime) {
+  Base::UniqueFd const master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_EQ(grantpt(master.Get()) | unlockpt(master.Get()), 0);
+  auto const terminal = Open(ptsname(master.Get()), O_RDWR | O_NOCTTY);
+  std::string const text(100000, 'x');
+  OnLoop([&] {
+    terminal->Read(Base::ByteBuffer::Zeroed(16), NoteRead());
+    Base::MakeShared<IO::FileWriteStreamLinux>(terminal)->Write(Base::CopyOfText(text),
+                                                                NoteWrite());
+  });
+  Put(master, "line\n");
+  EXPECT_EQ(events.Take(), "read ok line\n;");
+  std::array<char, 4096> piece;
+  for (std::ptrdiff_t length = 0; length < static_cast<std::ptrdiff_t>(text.size());) {
+    ssize_t const count = read(master.Get(), piece.data(), piece.size());
+    ASSERT_GT(count, 0);
+    length += std::count(piece.begin(), piece.begin() + count, 'x');  // and not of the echo
+  }
+  EXPECT_EQ(events.Take(), "written ok 100000;");
+  Close(terminal);
+}
+
+TEST_F(FileStreamLinuxTest, ARegularFileIsWrittenAndReadWithoutAWatch) {
+  std::string const path = (directory.path / "file").string();
+  std::string text;
+  for (int i = 0; text.size() < 10000; ++i) text += std::to_string(i);
+  auto const sink =
+      Base::MakeShared<IO::FileWriteStreamLinux>(Open(path, O_WRONLY | O_CREAT | O_TRUNC));
+  Write(sink, text);
+  EXPECT_EQ(events.Take(), "written ok " + std::to_string(text.size()) + ";");
+  Close(sink);
+
+  std::string received;
+  OnLoop([&] {
+    ReadOn(MakeReader(Open(path, O_RDONLY), 100), [&](std::string_view data, bool complete) {
+      received += data;
+      return complete;
+    });
+  });
+  EXPECT_EQ(events.Take(), std::to_string((text.size() + 99) / 100 + 1) + ";");
+  EXPECT_EQ(received, text);
+}
+
+// Work that is always ready, and that nothing but the watch would ever end.
+TEST_F(FileStreamLinuxTest, WhatIsAlwaysReadyLetsTheLoopPoll) {
+  WorkUntilPolled([this](bool const& isPolled) {
+    ReadOn(MakeReader(Open("/dev/zero", O_RDONLY), 16),
+           [&](std::string_view, bool) { return isPolled; });
+  });
+  auto const sink = Open("/dev/null", O_WRONLY);
+  std::function<void()> writeOn;
+  WorkUntilPolled([&](bool const& isPolled) {
+    writeOn = [&] {
+      sink->Write(Base::CopyOfText("x"),
+                  Base::MakeCallback([&](Base::Status const&, Base::ByteBuffer) {
+                    if (isPolled) {
+                      events.Add("enough");
+                    } else {
+                      writeOn();
+                    }
+                  }));
+    };
+    writeOn();
+  });
+}
+
+}  // namespace
