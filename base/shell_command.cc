@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/eventfd.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include <optional>
 
 #include "base/exception.h"
+#include "base/pidfd.h"
 #include "base/unique_fd.h"
 #include "trace/trace.h"
 #include "utilities/arguments.h"
@@ -104,7 +104,7 @@ class Command {
 
   pid_t _pid = -1;
   UniqueFd _output;
-  UniqueFd _exit;  // a pidfd; empty on old kernels, and when descriptors are short
+  UniqueFd _exit;  // a pidfd, or empty
 };
 
 // What posix_spawn(3) is told, in objects that it wants destroyed.
@@ -145,7 +145,7 @@ int Command::Start(std::string const& commandLine) {
   std::array<char*, 4> const argv{shell.data(), option.data(), text.data(), nullptr};
   int const error =
       posix_spawn(&_pid, "/bin/sh", &settings.actions, &settings.attributes, argv.data(), environ);
-  if (error == 0) _exit.Reset(static_cast<int>(syscall(SYS_pidfd_open, _pid, 0)));
+  if (error == 0) _exit = OpenPidfd(_pid);
   return error;
 }
 
