@@ -1,17 +1,251 @@
 #include "process/process_exec_linux.h"
 
+#include <sys/epoll.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <string>
 #include <system_error>
+#include <utility>
 
+#include "base/exception.h"
+#include "base/pidfd.h"
 #include "base/shell_command.h"
 #include "base/text.h"
+#include "process/child.h"
+#include "process/pipe.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("process_exec_linux");
 
 namespace Process {
+
+namespace {
+
+constexpr std::size_t readSize = 4096;
+constexpr std::int64_t childLookMs = 1000;
+
+// `failure` is what is logged, and raised unless `raised` differs from it.
+[[noreturn]] void ThrowLogged(char const* failure, char const* raised, int errorNumber) {
+  TRACE_ERROR(failure, errorNumber);
+  throw Base::ExceptionPosix(raised, errorNumber);
+}
+
+Pipe MakeStandardPipe(char const* failure) {
+  Pipe pipe;
+  int error = MakePipe(pipe);
+  if (error == 0) error = KeepClearOfStandardStreams(pipe);
+  if (error != 0) ThrowLogged(failure, failure, error);
+  return pipe;
+}
+
+Pipe MakeExecStatusPipe() {
+  Pipe pipe;
+  if (int const error = MakePipe(pipe); error != 0) {
+    ThrowLogged("Failed to create child process exec pipe",
+                "Failed to create child prcess exec pipe", error);
+  }
+  if (int const error = KeepClearOfStandardStreams(pipe); error != 0) {
+    ThrowLogged("Failed to manipulate child process exec pipe",
+                "Failed to manipulate child prcess exec pipe", error);
+  }
+  return pipe;
+}
+
+// Waits for the exec of a child, which closes the other end of `execStatus`, or for its failure,
+// which is then thrown, with no child left.
+void WaitForExec(pid_t pid, Base::UniqueFd const& execStatus) {
+  int childError = 0;
+  ssize_t length = -1;
+  do {
+    length = read(execStatus.Get(), &childError, sizeof childError);
+  } while (length == -1 && errno == EINTR);
+  if (length == 0) return;
+  while (waitpid(pid, nullptr, 0) == -1 && errno == EINTR) {
+  }
+  // The child's own line, which it could not write: see process/child.cc.
+  TRACE_ERROR("Failed to exec process", Trace::As("error", childError));
+  TRACE_ERROR("Parent detected that child process exec failed", childError);
+  throw Base::ExceptionPosix("Parent detected that child process exec failed", childError);
+}
+
+template <typename Stream>
+void CloseQuietly(Base::Shared<Stream> const& stream) {
+  if (!stream) return;
+  try {
+    stream->Close();
+  } catch (Base::Exception const&) {
+    // Already logged; the others are still to be closed.
+  }
+}
+
+}  // namespace
+
+Base::Shared<ProcessExec> ProcessExecLinux::Execute(Base::Shared<Base::ThreadLinux> thread,
+                                                    std::string const& executableFilename,
+                                                    std::vector<std::string> const& arguments) {
+  Pipe input = MakeStandardPipe("Failed to create standard input pipe for child process");
+  Pipe output = MakeStandardPipe("Failed to create standard output pipe for child process");
+  Pipe error = MakeStandardPipe("Failed to create standard error pipe for child process");
+  TRACE_VERBOSE("Attempting to execute process", executableFilename);
+  Pipe execStatus = MakeExecStatusPipe();
+
+  std::vector<std::string> words{executableFilename};
+  for (std::string const& i : arguments) {
+    TRACE_VERBOSE("Process Argument", i);
+    words.push_back(i);
+  }
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+
+  pid_t const pid = StartChild(argv.data(), {input.readEnd.Get(), output.writeEnd.Get(),
+                                             error.writeEnd.Get(), execStatus.writeEnd.Get()});
+  if (pid == -1) {
+    int const errorNumber = errno;
+    ThrowLogged("Failed to fork process", "Failed to fork process", errorNumber);
+  }
+  input.readEnd.Reset();
+  output.writeEnd.Reset();
+  error.writeEnd.Reset();
+  execStatus.writeEnd.Reset();
+  WaitForExec(pid, execStatus.readEnd);
+
+  // They make their ends non-blocking. The child's are open files of their own, and stay blocking.
+  auto const attach = [&thread](Base::UniqueFd& end) {
+    return Base::MakeShared<IO::FileStreamLinux>(std::move(end), thread);
+  };
+  return Base::Shared<ProcessExec>(new ProcessExecLinux(
+      pid, Base::MakeShared<IO::FileWriteStreamLinux>(attach(input.writeEnd)),
+      Base::MakeShared<IO::FileReadStreamLinux>(attach(output.readEnd), readSize),
+      Base::MakeShared<IO::FileReadStreamLinux>(attach(error.readEnd), readSize), thread));
+}
+
+ProcessExecLinux::ProcessExecLinux(std::int32_t pid,
+                                   Base::Shared<IO::FileWriteStreamLinux> processInput,
+                                   Base::Shared<IO::FileReadStreamLinux> processOutput,
+                                   Base::Shared<IO::FileReadStreamLinux> processError,
+                                   Base::Shared<Base::ThreadLinux> thread)
+    : _pid(pid),
+      _processInput(std::move(processInput)),
+      _processOutput(std::move(processOutput)),
+      _processError(std::move(processError)),
+      _thread(std::move(thread)) {
+  TRACE_VERBOSE("Created process", this, _processInput, _processOutput, _processError, _thread);
+}
+
+ProcessExecLinux::~ProcessExecLinux() {
+  Close();
+  TRACE_VERBOSE("Process destroyed", this);
+}
+
+Base::Shared<IO::FileWriteStream> ProcessExecLinux::GetInputStream() {
+  if (!_processInput) {
+    TRACE_VERBOSE("Input stream unavailable.");
+    throw Base::ExceptionPosix("Input stream unavailable.", -1);
+  }
+  return _processInput;
+}
+
+Base::Shared<IO::FileReadStream> ProcessExecLinux::GetOutputStream() {
+  if (!_processOutput) {
+    TRACE_VERBOSE("Output stream unavailable.");
+    throw Base::ExceptionPosix("Output stream unavailable.", -1);
+  }
+  return _processOutput;
+}
+
+Base::Shared<IO::FileReadStream> ProcessExecLinux::GetErrorStream() {
+  if (!_processError) {
+    TRACE_VERBOSE("Error stream unavailable.");
+    throw Base::ExceptionPosix("Error stream unavailable.", -1);
+  }
+  return _processError;
+}
+
+void ProcessExecLinux::WaitForExit(Base::Task callback) {
+  if (_thread->IsCurrentThread()) {
+    AddExitCallback(std::move(callback));
+    return;
+  }
+  _thread->PostTask(Base::MakeCallback([self = Base::Shared(this), callback = std::move(callback)] {
+    self->AddExitCallback(callback);
+  }));
+}
+
+void ProcessExecLinux::AddExitCallback(Base::Task callback) {
+  if (_hasExited) {
+    if (callback) _thread->PostTask(std::move(callback));
+    return;
+  }
+  if (_exitCallbacks.empty()) {
+    WakeLoopOnExit();  // first, while the process id is certainly the child's
+    _thread->MonitorChildProcess(
+        _pid, Base::MakeCallback([self = Base::Shared(this)](int /*pid*/, int status) {
+          self->OnExited(status);
+        }));
+  }
+  _exitCallbacks.push_back(std::move(callback));
+}
+
+// The loop looks at its children when it wakes, and an exit alone does not wake it.
+void ProcessExecLinux::WakeLoopOnExit() {
+  // The wake is all that the event is for. It goes on until `OnExited`: a child that a signal ended
+  // is reported only when the loop looks at it for the second time.
+  auto const onExitEvent = Base::MakeCallback([](int /*fd*/, int /*events*/) {});
+  try {
+    _exitEvent = Base::OpenPidfd(_pid);
+    if (!_exitEvent) throw Base::ExceptionPosix(errno);
+    _thread->AddWatch(_exitEvent.Get(), EPOLLIN, onExitEvent);
+  } catch (Base::ExceptionPosix const& err) {
+    TRACE_WARNING("Failed to watch process exit. Will look regularly.", this, _pid, err);
+    _exitEvent.Reset();
+    WakeLoopRegularly();
+  }
+}
+
+void ProcessExecLinux::WakeLoopRegularly() {
+  if (_hasExited) return;
+  _thread->PostScheduledTask(
+      childLookMs, Base::MakeCallback([self = Base::Shared(this)] { self->WakeLoopRegularly(); }));
+}
+
+void ProcessExecLinux::OnExited(int status) {
+  if (_exitEvent) _thread->RemoveWatch(_exitEvent.Get());
+  _exitEvent.Reset();
+  // For a child that a signal ended the loop reports 0: kept as it is.
+  std::int32_t const exitCode = WEXITSTATUS(status);
+  _exitCode = exitCode;
+  _hasExited = true;
+  TRACE_VERBOSE("Process exited", this, _pid, exitCode);
+  for (Base::Task& callback : std::exchange(_exitCallbacks, {})) {
+    if (callback) _thread->PostTask(std::move(callback));
+  }
+}
+
+bool ProcessExecLinux::HasExited() const { return _hasExited; }
+
+std::int32_t ProcessExecLinux::GetExitCode() const { return _hasExited ? _exitCode : 1; }
+
+std::int32_t ProcessExecLinux::GetPid() const { return _pid; }
+
+void ProcessExecLinux::Close() {
+  auto closeStreams = [input = std::exchange(_processInput, {}),
+                       output = std::exchange(_processOutput, {}),
+                       error = std::exchange(_processError, {})] {
+    CloseQuietly(input);
+    CloseQuietly(output);
+    CloseQuietly(error);
+  };
+  if (_thread->IsCurrentThread()) {
+    closeStreams();
+  } else {
+    _thread->PostTask(Base::MakeCallback(std::move(closeStreams)));
+  }
+  TRACE_VERBOSE("Process closed", this, _pid);
+}
 
 int ExecuteSyncCommand(std::string const& commandLine, std::string& output) {
   output.clear();

@@ -85,7 +85,8 @@ class FileStreamLinuxTest : public LoopTest {
     Base::UniqueFd const ready(eventfd(1, EFD_CLOEXEC));
     bool isPolled = false;
     OnLoop([&] {
-      loop->AddWatch(ready.Get(), EPOLLIN, Base::MakeCallback([&](int, int) { isPolled = true; }));
+      loop->AddWatch(ready.Get(), EPOLLIN | EPOLLONESHOT,
+                     Base::MakeCallback([&](int, int) { isPolled = true; }));
       work(isPolled);
     });
     events.Take();
