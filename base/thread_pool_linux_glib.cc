@@ -9,6 +9,7 @@
 
 #include "base/exception.h"
 #include "base/run_tasks.h"
+#include "trace/crash_stack.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("thread_pool_linux_glib");
@@ -167,6 +168,7 @@ void ThreadPoolLinuxGlib::RejectPost() {
 
 void ThreadPoolLinuxGlib::OnItem(gpointer item, gpointer /*pool*/) {
   static_cast<void>(handover.load());
+  Trace::EnsureCrashStack();  // the workers are GLib's
   auto* const self = static_cast<ThreadPoolLinuxGlib*>(item);
   TaskScope const scope(self);
   // Empty where the task has been let go of.
