@@ -1,14 +1,14 @@
 #include "net/socket_linux.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/un.h>
 
 #include <array>
+#include <optional>
 #include <vector>
 
 #include "base/exception.h"
 #include "tests/support/child.h"
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/loop_fixture.h"
 
 namespace {
@@ -160,12 +160,8 @@ TEST_F(ListenTest, OnlyTheRecordedPartOfALongPeerAddressIsUsed) {
 }
 
 TEST_F(ListenTest, OutOfDescriptorsItRestsAndServesOnceThereAreSome) {
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
   Base::UniqueFd const client(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  Base::UniqueFd const lowestFree(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  rlimit const none{static_cast<rlim_t>(lowestFree.Get()), before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  std::optional<DescriptorLimit> limit(GetNextDescriptor());
   ASSERT_EQ(connect(client.Get(), address.GetData(), address.GetLength()), 0);
   EXPECT_EQ(events.Take(), "Too many open files (Err 24) none;");
   // The loop is free, and after some of its rests still no second failure has been reported.
@@ -175,7 +171,7 @@ TEST_F(ListenTest, OutOfDescriptorsItRestsAndServesOnceThereAreSome) {
   EXPECT_EQ(events.Take(3), "free;free;free;");
   // Busy past the end of a rest: the loop's next wait has to end all the same.
   OnLoop([] { std::this_thread::sleep_for(std::chrono::milliseconds(250)); });
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  limit.reset();
   EXPECT_EQ(events.Take(), "ok unix:;");
 }
 

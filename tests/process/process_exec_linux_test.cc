@@ -5,7 +5,6 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include <atomic>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "tests/support/child.h"
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/loop_fixture.h"
 #include "trace/trace.h"
 #include "utilities/arguments.h"
@@ -33,28 +33,6 @@ std::size_t CountDescriptors() {
 }
 
 bool HasChildren() { return waitpid(-1, nullptr, WNOHANG) != -1; }
-
-// The number that the next descriptor gets, or the one after `count` more; -1 where there is none.
-int GetNextDescriptor(int count = 0) {
-  Base::UniqueFd const fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  return count == 0 ? fd.Get() : GetNextDescriptor(count - 1);
-}
-
-// Lets this process have no descriptor from `number` on, for as long as it lives.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(int number) {
-    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &_before), 0);
-    rlimit const limit{static_cast<rlim_t>(number), _before.rlim_max};
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  }
-  DescriptorLimit(DescriptorLimit const&) = delete;
-  DescriptorLimit& operator=(DescriptorLimit const&) = delete;
-  ~DescriptorLimit() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &_before), 0); }
-
- private:
-  rlimit _before{};
-};
 
 // Returns the text of what it throws.
 std::string ErrorOfExecute(Base::Shared<Base::ThreadLinux> const& loop, std::string const& file,
