@@ -3,7 +3,6 @@
 #include <array>
 #include <cstddef>
 #include <future>
-#include <string>
 #include <utility>
 
 #include "base/callback.h"
@@ -13,7 +12,6 @@
 #include "base/thread_linux_glib.h"
 #include "base/thread_pool.h"
 #include "base/thread_pool_linux_glib.h"
-#include "process/process_exec_linux.h"
 #include "trace/trace.h"
 #include "utilities/arguments.h"
 
@@ -94,14 +92,6 @@ void TraceEnabled(benchmark::State& state) {
   }
 }
 BENCHMARK(TraceEnabled);
-
-void ExecuteSyncCommand(benchmark::State& state) {
-  std::string output;
-  while (state.KeepRunning()) {
-    if (Process::ExecuteSyncCommand("/bin/true", output) != 0) state.SkipWithError("failed");
-  }
-}
-BENCHMARK(ExecuteSyncCommand)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

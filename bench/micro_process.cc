@@ -1,18 +1,21 @@
 #include <benchmark/benchmark.h>
 
 #include <future>
+#include <string>
 #include <utility>
 
 #include "base/callback.h"
-#include "base/io_thread.h"
+#include "base/shared.h"
+#include "base/thread_linux.h"
 #include "process/process_exec_linux.h"
 
 namespace {
 
 // From the call until the exit has been reported, which the loop has to notice.
-void StartProgram(benchmark::State& state) {
-  auto const thread = Base::GetIOThread();
-  for ([[maybe_unused]] auto const& round : state) {
+void Execute(benchmark::State& state) {
+  auto const thread = Base::MakeShared<Base::ThreadLinux>();
+  thread->Start();
+  while (state.KeepRunning()) {
     std::promise<void> exited;
     std::future<void> const end = exited.get_future();
     auto const process = Process::ProcessExecLinux::Execute(thread, "/bin/true", {});
@@ -20,7 +23,16 @@ void StartProgram(benchmark::State& state) {
         Base::MakeCallback([exited = std::move(exited)]() mutable { exited.set_value(); }));
     end.wait();
   }
+  thread->Stop();
 }
-BENCHMARK(StartProgram)->Name("Execute /bin/true")->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(Execute)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+void ExecuteSyncCommand(benchmark::State& state) {
+  std::string output;
+  while (state.KeepRunning()) {
+    if (Process::ExecuteSyncCommand("/bin/true", output) != 0) state.SkipWithError("failed");
+  }
+}
+BENCHMARK(ExecuteSyncCommand)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
