@@ -23,8 +23,8 @@ namespace {
 // reported one. SIGABRT is blocked there, because somebody else may send it; abort(3) unblocks it.
 constexpr std::array faults{SIGFPE, SIGSEGV, SIGILL, SIGBUS};
 
-// For a report that a sink holds up.
-constexpr int patienceMs = 10000;
+// For a report that a sink holds up, such as a full pipe that could not be made non-blocking.
+constexpr unsigned patienceSeconds = 5;
 
 std::atomic<pid_t> reportingThread{0};
 static_assert(std::atomic<pid_t>::is_always_lock_free, "used in a signal handler");
@@ -51,20 +51,35 @@ void Unblock(int signal) {
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+// Ends the process as the reported signal does, from where no return leads back to it.
+[[noreturn]] void EndAsReported() {
+  Resend(reported);
+  Unblock(reported.si_signo);
+  _exit(128 + reported.si_signo);
+}
+
+void LimitReport() {
+  struct sigaction action {};
+  action.sa_handler = [](int) { EndAsReported(); };
+  sigaction(SIGALRM, &action, nullptr);
+  Unblock(SIGALRM);
+  alarm(patienceSeconds);
+}
+
 void OnSignal(int signal, siginfo_t* info, void* context) {
   pid_t const thread = gettid();
   pid_t reporter = 0;
   if (reportingThread.compare_exchange_strong(reporter, thread)) {
     reported = *info;
+    LimitReport();
     ReportCrash(*info, context);
   } else if (reporter == thread) {
-    // The report has crashed. It does not go on from where it did, so there is no return.
-    Resend(reported);
-    Unblock(reported.si_signo);
-    _exit(128 + reported.si_signo);
+    bool const wasSent = info->si_code <= 0 && signal != SIGABRT;
+    if (wasSent) return;
+    EndAsReported();  // the report has crashed
   } else {
     // Ended by the first thread's signal.
-    poll(nullptr, 0, patienceMs);
+    poll(nullptr, 0, patienceSeconds * 1000);
   }
   Resend(*info);
   // Where the signal came in a ppoll(2), say, it may be blocked again after it.

@@ -20,8 +20,10 @@ namespace Trace {
 // a forked child that goes on without it reports its own crashes, to the sinks it has inherited.
 //
 // It is for all that may be broken by then. It takes no lock, allocates nothing, calls only what a
-// signal handler may, and runs on the stack of `EnsureCrashStack`. When two threads crash, the
-// first one reports and the other waits; when the report itself crashes, it ends there.
+// signal handler may, but for the unwinder, which with glibc 2.35 and GCC 12 or later takes no lock
+// either; and it runs on the stack of `EnsureCrashStack`. When two threads crash, the first one
+// reports and the other waits; when the report itself crashes, it ends there. It also ends, and the
+// process with it, where a sink has held it up for 5 s: what SIGALRM does is changed for that.
 
 // Takes the signals, once a process; a second call does nothing. Threads: any.
 void InstallCrashHandler();

@@ -172,7 +172,8 @@ class Registers {
   void* GetProgramCounter() const { return reinterpret_cast<void*>(_machine.pc); }
   void StepOut() { _machine.pc = _machine.regs[30]; }
 #else
-  // Not known of this processor: the frames are reported with the handler's own before them.
+  // Not known of this processor: the first frame is told as 0, those behind it with the handler's
+  // own before them.
   void* GetProgramCounter() const { return nullptr; }
   void StepOut() {}
 #endif
@@ -209,19 +210,22 @@ void ReportCrash(siginfo_t const& info, void* context) noexcept {
   WriteSignal(info);
   Registers registers(context);
   mcontext_t const saved = registers.Save();
-  std::size_t index = 0;
+  // From the registers alone: the unwinder may crash where the stack is overwritten.
+  WriteFrame(0, registers.GetProgramCounter());
+  std::ptrdiff_t told = 1;
   if (FindFile(registers.GetProgramCounter()) == nullptr) {
     // A call through a wild pointer: there is nothing to unwind from but the place of the call.
-    WriteFrame(index++, registers.GetProgramCounter());
     registers.StepOut();
+    told = 0;
   }
   std::array<void*, maxFrames> storage;
   auto const count = backtrace(storage.data(), static_cast<int>(storage.size()));
   auto const frames = std::span(storage).first(static_cast<std::size_t>(count));
   // The handler's own frames come first.
-  auto first = std::ranges::find(frames, registers.GetProgramCounter());
-  if (first == frames.end()) first = frames.begin();
-  for (void* const address : std::span(first, frames.end())) WriteFrame(index++, address);
+  auto const hit = std::ranges::find(frames, registers.GetProgramCounter());
+  auto const first = hit == frames.end() ? frames.begin() : hit + told;
+  std::size_t index = 0;
+  for (void* const address : std::span(first, frames.end())) WriteFrame(++index, address);
   registers.Restore(saved);
 }
 

@@ -57,9 +57,10 @@ class TraceFile {
   // `line` ends with a line feed. Lost where the file is not open or the write fails.
   void Write(std::string_view line) noexcept;
 
-  // As above, whatever has become of earlier lines. Opens a file that has not been opened yet, by
-  // the path of when this object was made, and does not truncate it: another process, which this
-  // one is a forked child of, may be writing to it.
+  // As above, whatever has become of earlier lines; from the first one on the file is no longer
+  // opened again. Opens a file that has not been opened yet, by the path of when this object was
+  // made, and does not truncate it: another process, which this one is a forked child of, may be
+  // writing to it.
   void WriteInSignalHandler(std::string_view line) noexcept;
 
  private:
@@ -72,6 +73,7 @@ class TraceFile {
   std::atomic<int> _fd{-1};
   std::atomic<bool> _bad{false};
   std::atomic<bool> _opening{false};
+  std::atomic<bool> _hasLastWords{false};
 };
 
 // The trace file, opened first where it is not; null while the file sink is off.

@@ -106,6 +106,7 @@ void TraceFile::Write(std::string_view line) noexcept {
 }
 
 void TraceFile::WriteInSignalHandler(std::string_view line) noexcept {
+  _hasLastWords = true;
   int fd = _fd.load();
   if (fd == -1) {
     fd = OpenTraceFile(_firstPath.c_str(), _isFolderOpenToAll).Release();
@@ -118,7 +119,7 @@ void TraceFile::WriteInSignalHandler(std::string_view line) noexcept {
 
 void TraceFile::EnsureOpen() noexcept {
   bool const isOpen = _fd.load(std::memory_order_acquire) != -1 && !_bad.load();
-  if (isOpen) return;
+  if (isOpen || _hasLastWords) return;
   if (!_opening.exchange(true)) {
     Reopen();
     _opening.store(false);
