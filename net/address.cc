@@ -195,7 +195,11 @@ Address Address::GetNetwork(unsigned prefixBits) const {
 
 std::string Address::GetInterfaceName() const {
   ifaddrs* found = nullptr;
-  if (getifaddrs(&found) == -1) throw Base::ExceptionPosix(errno);
+  if (getifaddrs(&found) == -1) {
+    int const error = errno;
+    TRACE_ERROR("Failed to list network interfaces", error);
+    throw Base::ExceptionPosix("Failed to list network interfaces", error);
+  }
   std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> const list(found, &freeifaddrs);
   std::string const text = ToText();
   std::string name;

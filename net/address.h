@@ -36,8 +36,10 @@ class Address {
   // cut.
   static Address FromUnixText(std::string_view text);
 
-  // What `ToText` writes, any address. Host names are not resolved, ports and scopes are numbers.
-  // Throws "Invalid Address" for any other text, such as a name that is too long.
+  // What `ToText` writes, any address; and what means the same, such as longer forms of an IPv6
+  // address, leading zeros, escapes that need not be, the bytes of a family with a text of its own.
+  // Host names are not resolved, ports and scopes are numbers. Throws "Invalid Address" for any
+  // other text, such as a name that is too long.
   static Address FromText(std::string_view text);
 
   // The wildcard address of AF_INET or AF_INET6.
@@ -50,8 +52,9 @@ class Address {
   // for "https". Throws "Unknown Address".
   static Address Resolve(std::string const& name, std::uint32_t port, std::string service = {});
 
-  // "name:port", split at the first ":". Of the port the low bits count. Throws "Invalid Address"
-  // for one that is no number.
+  // "name:port", split at the first ":". The port is a decimal number of up to 64 bits, whatever
+  // comes after it: the low 32 bits choose the service, the low 16 go into the address. Throws
+  // "Invalid Address" where it has no digits or too many.
   static Address FromNameAndPort(std::string_view nameAndPort, std::string const& service = {});
 
   // A copy whose address bits after the first `prefixBits` are zero, port and all else kept; the
@@ -61,7 +64,7 @@ class Address {
 
   // The name of the local interface that carries this address, the last of several; empty if none.
   // The port must be 0, as that of an interface's address is, and the scope its own. Throws
-  // ExceptionPosix.
+  // ExceptionPosix "Failed to list network interfaces".
   std::string GetInterfaceName() const;
 
   sockaddr const* GetData() const { return reinterpret_cast<sockaddr const*>(_storage.data()); }

@@ -46,18 +46,21 @@ void AppendName(std::string& out, std::string_view name) {
   }
 }
 
-std::string UnixText(Address const& address) {
+// Empty, like the next two, for a record that is no whole one, or has something in it that the text
+// would not tell.
+std::optional<std::string> UnixText(Address const& address) {
   std::string text(unixPrefix);
   if (address.GetLength() <= pathOffset) return text;
   auto const record = ReadRecord<sockaddr_un>(address);
-  std::size_t const length =
-      std::min<std::size_t>(address.GetLength() - pathOffset, sizeof record.sun_path);
-  std::string_view path(record.sun_path, length);
+  if (address.GetLength() > sizeof record) return {};
+  std::string_view path(record.sun_path, address.GetLength() - pathOffset);
   if (path.front() == '\0') {
     AppendName(text.append("@"), path.substr(1));
     return text;
   }
-  path = path.substr(0, path.find('\0'));
+  std::size_t const end = std::min(path.find('\0'), path.size());
+  if (path.find_first_not_of('\0', end) != std::string_view::npos) return {};
+  path = path.substr(0, end);
   if (path.front() == '@') {
     AppendEscaped(text, '@');
     path.remove_prefix(1);
@@ -73,7 +76,6 @@ std::string LiteralText(int family, Binary const& ip) {
   return text.data();
 }
 
-// Empty for a record that is not whole, or has something in it that the text would not tell.
 std::optional<std::string> IPv4Text(Address const& address) {
   auto const record = ReadRecord<sockaddr_in>(address);
   bool const isPlain = address.GetLength() == sizeof record &&
@@ -200,16 +202,21 @@ Address Address::FromText(std::string_view text) {
 }
 
 std::string Address::ToText() const {
+  std::optional<std::string> text;
   switch (GetFamily()) {
     case AF_UNIX:
-      return UnixText(*this);
+      text = UnixText(*this);
+      break;
     case AF_INET:
-      return IPv4Text(*this).value_or(BytesText(*this));
+      text = IPv4Text(*this);
+      break;
     case AF_INET6:
-      return IPv6Text(*this).value_or(BytesText(*this));
+      text = IPv6Text(*this);
+      break;
     default:
-      return BytesText(*this);
+      break;
   }
+  return text ? *text : BytesText(*this);
 }
 
 void RenderTraceValue(std::string& out, Address const& address) {

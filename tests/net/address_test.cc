@@ -64,6 +64,8 @@ TEST(AddressTest, TextIsReadBack) {
         Address::FromUnixAbstract(""), Address::FromUnixAbstract(std::string(106, 'n')),
         Address(("\x01" + std::string(109, '\0')).data(), 110),
         Address(("\x01" + std::string(1, '\0') + std::string(108, 'p')).data(), 110),
+        Address("\x01\x00/x\x00y", 6),
+        Address(std::string("\x01\x00/x", 4).append(108, '\0').data(), 112),
         Address::Any(AF_INET, 80), Address::FromLiteral(AF_INET6, "2001:db8::1", 65535),
         Address(&scoped, sizeof scoped), Address(&labelled, sizeof labelled),
         Address(&scoped, sizeof scoped - 1), Address("\x11\x00\x03", 3)}) {
