@@ -1,5 +1,6 @@
 #include "trace/time_text.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "base/exception.h"

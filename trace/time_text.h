@@ -17,7 +17,8 @@ void AppendTimePoint(std::string& out, std::chrono::system_clock::time_point tim
 
 // The point in time of a text as above; the fraction may have one to nine digits, or be left away
 // with its point. Throws Base::Exception "Failed to parse time" for anything else, a day or time
-// that does not exist included, and for what a time point cannot hold: it ends in 2262.
+// that does not exist included, second 60 too, and for what a time point cannot hold: it begins in
+// 1677 and ends in 2262.
 std::chrono::system_clock::time_point ParseTimePoint(std::string_view text);
 
 // "20260503_173041", for file names
