@@ -10,7 +10,8 @@ namespace Base {
 // Runs tasks later, on threads of its own. May be called from any thread.
 class TaskRunner : public Shareable {
  public:
-  // Queues `task`. What it throws is caught and logged by the runner.
+  // Queues `task`. What it throws is caught and logged by the runner. An empty one is let go of,
+  // here and below.
   virtual void PostTask(Task task) = 0;
 
   // Queues `task` to run once `delayMs` milliseconds have passed on the system clock; tasks that

@@ -19,6 +19,7 @@ ScheduledTaskStore::TimePoint AddMilliseconds(ScheduledTaskStore::TimePoint now,
 }  // namespace
 
 void TaskQueue::Push(Task task) {
+  if (!task) return;  // would be taken for the queue's end
   std::lock_guard const lock(_mutex);
   _tasks.push_back(std::move(task));
 }
@@ -37,6 +38,7 @@ std::deque<Task> TaskQueue::TakeAll() {
 }
 
 void ScheduledTaskStore::Insert(std::int64_t delayMs, Task task) {
+  if (!task) return;
   TimePoint const wakeTime = AddMilliseconds(std::chrono::system_clock::now(), delayMs);
   std::lock_guard const lock(_mutex);
   auto const later = std::ranges::upper_bound(_entries, wakeTime, {}, &Entry::wakeTime);

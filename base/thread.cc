@@ -16,13 +16,13 @@ thread_local Thread* current = nullptr;
 
 Shared<Thread> Thread::GetCurrent() { return Shared<Thread>(current); }
 
-Thread::CurrentScope::CurrentScope(Shared<Thread> thread) {
+Thread::CurrentScope::CurrentScope(Shared<Thread> thread) : _outer(current) {
   Trace::EnsureCrashStack();
   current = thread.Detach();
 }
 
 Thread::CurrentScope::~CurrentScope() {
-  Thread* const last = std::exchange(current, nullptr);
+  Thread* const last = std::exchange(current, _outer);
   if (last->ReleaseReference() == 0) delete last;
 }
 

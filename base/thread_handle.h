@@ -10,6 +10,13 @@ namespace Base {
 // from several at once.
 class ThreadHandle {
  public:
+  ThreadHandle() = default;
+  ThreadHandle(ThreadHandle const&) = delete;
+  ThreadHandle& operator=(ThreadHandle const&) = delete;
+
+  // A thread that let itself go before `Start` had stored it is still here.
+  ~ThreadHandle() { End(); }
+
   // Runs `entry` on a new thread. Returns 0, or the errno when there can be none. Only after `End`.
   int Start(std::function<void()> entry);
 

@@ -82,7 +82,9 @@ void ThreadLinuxGlib::Stop() {
   _thread.End();
 }
 
-bool ThreadLinuxGlib::IsCurrentThread() const { return GetCurrent().Get() == this; }
+bool ThreadLinuxGlib::IsCurrentThread() const {
+  return _loopThreadId.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
 
 void ThreadLinuxGlib::Run() {
   Stop();
@@ -95,6 +97,7 @@ void ThreadLinuxGlib::RunLoop() {
   Shared const self(this);
   {
     CurrentScope const current{Shared<Thread>(this)};
+    _loopThreadId = std::this_thread::get_id();
     g_main_context_push_thread_default(_context.get());
     while (!_stopping) {
       TRACE_DEBUG("Processing tasks", this);
@@ -106,6 +109,7 @@ void ThreadLinuxGlib::RunLoop() {
     }
     _timer.reset();
     LetGo();
+    _loopThreadId = std::thread::id();
     g_main_context_pop_thread_default(_context.get());
   }
   TRACE_VERBOSE("Thread entry point stopped.", this);

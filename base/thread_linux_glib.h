@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <thread>
 
 #include "base/callback.h"
 #include "base/glib_support.h"
@@ -19,7 +20,8 @@ namespace Base {
 //   1. runs the scheduled tasks that are due, then the posted ones until there are none left, those
 //      that are posted meanwhile too;
 //   2. runs a GLib main loop on the context until there is a post, a stop or a scheduled task to
-//      run. A scheduled task is waited for at least 10 ms, also when it is due sooner.
+//      run. The timer for a scheduled task is never shorter than 10 ms; a round that something else
+//      causes sooner runs what is due by then.
 //
 // When the loop ends it lets go of its tasks without running them. What is posted after that is
 // kept for the next run. Sources of others stay attached.
@@ -59,6 +61,7 @@ class ThreadLinuxGlib final : public Thread {
   GlibSource const _wakeSource;
   GlibSource _timer;  // the loop's thread's; empty while nothing is scheduled
   std::atomic<bool> _stopping{false};
+  std::atomic<std::thread::id> _loopThreadId{};  // of no thread while the loop does not run
 };
 
 }  // namespace Base

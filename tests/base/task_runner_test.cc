@@ -59,6 +59,7 @@ TYPED_TEST(TaskRunnerTest, ScheduledTasksKeepTheirOrder) {
 TYPED_TEST(TaskRunnerTest, AnExceptionEndsItsTaskOnly) {
   TypeParam executor;
   auto const fail = Base::MakeCallback([] { throw Base::Exception("thrown"); });
+  executor.runner->PostTask({});
   executor.runner->PostTask(fail);
   executor.runner->PostTask(Base::MakeCallback([] { throw 1; }));
   executor.runner->PostTask(this->Note("posted"));
@@ -137,6 +138,31 @@ TYPED_TEST(ThreadTest, StopIsSafeInEveryState) {
   EXPECT_EQ(this->events.Take(), "runs again;");
   Base::PostStop(started, [this] { this->events.Add("stopped by itself"); });
   EXPECT_EQ(this->events.Take(), "stopped by itself;");
+}
+
+// Before `Start` has stored it, now and then.
+TYPED_TEST(ThreadTest, ALoopMayStopItselfAtOnceAndBeLetGoOf) {
+  for (int i = 0; i < 2000; ++i) {
+    auto thread = Base::MakeShared<TypeParam>();
+    thread->PostTask(Base::MakeCallback([thread] { thread->Stop(); }));
+    thread->Start();
+  }
+}
+
+TYPED_TEST(ThreadTest, ALoopRunsInsideATaskOfAnother) {
+  auto const outer = Base::MakeShared<Base::ThreadLinux>();
+  auto const inner = Base::MakeShared<TypeParam>();
+  outer->PostTask(Base::MakeCallback([&] {
+    inner->PostTask(Base::MakeCallback([&] {
+      EXPECT_TRUE(outer->IsCurrentThread());
+      inner->Stop();
+    }));
+    inner->Run();
+    EXPECT_TRUE(Base::Thread::GetCurrent() == Base::Shared<Base::Thread>(outer));
+    outer->Stop();
+  }));
+  outer->Run();
+  EXPECT_FALSE(Base::Thread::GetCurrent());
 }
 
 // Each post, and each stop, comes when the loop is about to wait, a bit later every time. One that
