@@ -68,6 +68,8 @@ void ThreadLinux::PostScheduledTask(std::int64_t delayMs, Task task) {
   Wake();
 }
 
+void ThreadLinux::PostToNextRound(Task task) { _nextRoundTasks.push_back(std::move(task)); }
+
 void ThreadLinux::Wake() {
   std::uint64_t const one = 1;
   if (write(_wakeEvent.Get(), &one, sizeof one) == -1) {
@@ -156,6 +158,7 @@ void ThreadLinux::RunLoop() {
     _loopThreadId = std::this_thread::get_id();
     do {
       ++_round;
+      for (Task& task : std::exchange(_nextRoundTasks, {})) _tasks.Push(std::move(task));
       RunTasks();
       Wait();
       if (!_children.empty()) CheckChildren();
@@ -178,6 +181,7 @@ void ThreadLinux::RunTasks() {
 }
 
 int ThreadLinux::GetTimeoutMs() {
+  if (!_nextRoundTasks.empty()) return 0;
   auto const wakeTime = _scheduledTasks.GetEarliestWakeTime();
   if (!wakeTime) return -1;
   // Rounded toward zero. There is no lower bound: a task that became due more than a millisecond
@@ -303,6 +307,7 @@ void ThreadLinux::LetGo() {
   bool isEmpty = false;
   while (!isEmpty) {
     auto const tasks = _tasks.TakeAll();
+    auto const nextRoundTasks = std::exchange(_nextRoundTasks, {});
     auto const scheduledTasks = _scheduledTasks.TakeAll();
     auto const watches = std::exchange(_watches, {});
     auto const children = std::exchange(_children, {});
@@ -310,7 +315,8 @@ void ThreadLinux::LetGo() {
       // Else the kernel would go on reporting it if the loop ran again.
       epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, fd, nullptr);
     }
-    isEmpty = tasks.empty() && scheduledTasks.empty() && watches.empty() && children.empty();
+    isEmpty = tasks.empty() && nextRoundTasks.empty() && scheduledTasks.empty() &&
+              watches.empty() && children.empty();
   }
 }
 

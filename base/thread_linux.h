@@ -8,6 +8,7 @@
 #include <map>
 #include <span>
 #include <thread>
+#include <vector>
 
 #include "base/callback.h"
 #include "base/shared.h"
@@ -23,7 +24,7 @@ namespace Base {
 //
 //   1. runs the scheduled tasks that are due, then the posted ones until there are none left, those
 //      that are posted meanwhile too: who posts to the loop from its own tasks without end holds up
-//      everything else, and has to let the loop poll in between (see `GetRound`);
+//      everything else, and has to let the loop poll in between (see `PostToNextRound`);
 //   2. waits for an event, a post or the next scheduled task;
 //   3. posts the callback of every watch that is ready and of every child that has exited.
 //
@@ -63,6 +64,10 @@ class ThreadLinux final : public Thread {
   // loop with scheduled tasks does so at least once a second.
   void MonitorChildProcess(pid_t pid, ChildCallback callback);
 
+  // Queues `task` for the next round, which does not wait for anything but looks at what is ready.
+  // On the loop's thread only.
+  void PostToNextRound(Task task);
+
   // The number of the current round. A task that finds the number unchanged since some earlier step
   // knows that the loop has not polled since. On the loop's thread only.
   std::uint64_t GetRound() const { return _round; }
@@ -82,6 +87,7 @@ class ThreadLinux final : public Thread {
   void LetGo();
 
   TaskQueue _tasks;
+  std::vector<Task> _nextRoundTasks;
   ScheduledTaskStore _scheduledTasks;
   std::map<int, WatchCallback> _watches;
   std::map<pid_t, ChildCallback> _children;

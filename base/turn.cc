@@ -11,8 +11,7 @@ void Turn::Take(Task const& step) {
   if (GoesOn()) {
     step->Call();
   } else {
-    // A scheduled task waits for the next round, a posted one would not.
-    _loop->PostScheduledTask(0, step);
+    _loop->PostToNextRound(step);
   }
 }
 
@@ -20,7 +19,7 @@ void Turn::Post(Task const& step) {
   if (GoesOn()) {
     _loop->PostTask(step);
   } else {
-    _loop->PostScheduledTask(0, step);
+    _loop->PostToNextRound(step);
   }
 }
 
