@@ -9,7 +9,10 @@
 namespace Process {
 
 // An external program that runs as a child of this process, with a stream on the other end of each
-// of its standard streams. See the implementation for threads and errors.
+// of its standard streams.
+//
+// Threads: callbacks run on the thread of the loop that the program was started with.
+// Errors:  the getters of streams throw Base::ExceptionPosix after `Close`.
 class ProcessExec : public Base::Shareable {
  public:
   // The program's standard input: closing the stream is its end.
@@ -32,8 +35,8 @@ class ProcessExec : public Base::Shareable {
   // that a signal ended.
   virtual std::int32_t GetExitCode() const = 0;
 
-  // Closes the three streams, whoever else holds them. The program is neither signalled nor waited
-  // for; a second call does nothing.
+  // Closes the three streams, whoever else holds them; a second call finds none. The program is
+  // neither signalled nor waited for.
   virtual void Close() = 0;
 
   virtual std::int32_t GetPid() const = 0;

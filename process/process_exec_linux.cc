@@ -98,7 +98,13 @@ Base::Shared<ProcessExec> ProcessExecLinux::Execute(Base::Shared<Base::ThreadLin
     words.push_back(i);
   }
   std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
+  for (std::string& word : words) {
+    if (word.find('\0') != std::string::npos) {
+      TRACE_ERROR("Zero byte in a process argument", executableFilename);
+      throw Base::Exception("Invalid Argument");
+    }
+    argv.push_back(word.data());
+  }
   argv.push_back(nullptr);
 
   pid_t const pid = StartChild(argv.data(), {input.readEnd.Get(), output.writeEnd.Get(),
@@ -183,8 +189,8 @@ void ProcessExecLinux::AddExitCallback(Base::Task callback) {
   if (_exitCallbacks.empty()) {
     WakeLoopOnExit();  // first, while the process id is certainly the child's
     _thread->MonitorChildProcess(
-        _pid, Base::MakeCallback([self = Base::Shared(this)](int /*pid*/, int status) {
-          self->OnExited(status);
+        _pid, Base::MakeCallback([hold = Base::WatchHold(*this)](int /*pid*/, int status) {
+          hold.GetOwner().OnExited(status);
         }));
   }
   _exitCallbacks.push_back(std::move(callback));
@@ -195,15 +201,19 @@ void ProcessExecLinux::WakeLoopOnExit() {
   // The wake is all that the event is for. It goes on until `OnExited`: a child that a signal ended
   // is reported only when the loop looks at it for the second time.
   auto const onExitEvent = Base::MakeCallback([](int /*fd*/, int /*events*/) {});
+  _exitEvent = Base::OpenPidfd(_pid);
+  int error = errno;
   try {
-    _exitEvent = Base::OpenPidfd(_pid);
-    if (!_exitEvent) throw Base::ExceptionPosix(errno);
-    _thread->AddWatch(_exitEvent.Get(), EPOLLIN, onExitEvent);
+    if (_exitEvent) {
+      _thread->AddWatch(_exitEvent.Get(), EPOLLIN, onExitEvent);
+      return;
+    }
   } catch (Base::ExceptionPosix const& err) {
-    TRACE_WARNING("Failed to watch process exit. Will look regularly.", this, _pid, err);
+    error = err.GetErrorCode();
     _exitEvent.Reset();
-    WakeLoopRegularly();
   }
+  TRACE_WARNING("Failed to watch process exit. Will look regularly.", this, _pid, error);
+  WakeLoopRegularly();
 }
 
 void ProcessExecLinux::WakeLoopRegularly() {
@@ -223,6 +233,12 @@ void ProcessExecLinux::OnExited(int status) {
   for (Base::Task& callback : std::exchange(_exitCallbacks, {})) {
     if (callback) _thread->PostTask(std::move(callback));
   }
+}
+
+void ProcessExecLinux::OnWatchDropped() noexcept {
+  // Out of the field first: what goes with them may come back to this object. None are left after
+  // the exit.
+  auto const callbacks = std::exchange(_exitCallbacks, {});
 }
 
 bool ProcessExecLinux::HasExited() const { return _hasExited; }
@@ -248,7 +264,6 @@ void ProcessExecLinux::Close() {
 }
 
 int ExecuteSyncCommand(std::string const& commandLine, std::string& output) {
-  output.clear();
   Base::ShellResult const result = Base::RunInShell(commandLine);
   if (result.errorCode != 0) {
     int const errorCode = result.errorCode;
@@ -260,7 +275,7 @@ int ExecuteSyncCommand(std::string const& commandLine, std::string& output) {
   int const status = result.status;
   // For a command that a signal ended these bits are 0: kept as it is.
   int const exitCode = WEXITSTATUS(status);
-  output = std::string(Base::TrimWhiteSpace(result.output));
+  output = std::string(Base::TrimWhiteSpace(output + result.output));
   TRACE_VERBOSE("Sync command executed", commandLine, status, exitCode, output);
   return exitCode;
 }

@@ -9,6 +9,7 @@
 #include "base/shared.h"
 #include "base/thread_linux.h"
 #include "base/unique_fd.h"
+#include "base/watch_hold.h"
 #include "io/file_stream.h"
 #include "io/file_stream_linux.h"
 #include "process/process_exec.h"
@@ -25,16 +26,18 @@ namespace Process {
 //           callbacks of `WaitForExit`. All else may be called, and the last handle let go of, on
 //           any thread; `Close` and the three getters of streams on one at a time. Streams that are
 //           closed on another thread than the loop's are closed by a task of the loop.
-// Lifetime: a child that is waited for holds its object until it exits or the loop ends. The end of
-//           the object closes the streams. It should come before the end of a loop that does not
-//           run again, which would keep them open.
+// Lifetime: a child that is waited for holds its object until it exits or the loop ends, which lets
+//           go of the callbacks. The end of the object closes the streams. A loop that does not run
+//           again never lets go of what is closed or waited for after its end: the streams, the
+//           object and the loop itself stay.
 // Errors:   after `Close` the getters of streams throw Base::ExceptionPosix "Input stream
 //           unavailable.", "Output stream unavailable.", "Error stream unavailable.", number -1.
 class ProcessExecLinux final : public ProcessExec {
  public:
   // Starts `executableFilename`, a path or a name that is looked for in PATH, with `arguments`, the
   // first of which is the first after the program's name. Returns once the program runs; the wait
-  // for that blocks the calling thread.
+  // for that blocks the calling thread. Throws Base::Exception "Invalid Argument" for a text with a
+  // zero byte in it, which no program could be given.
   // Throws Base::ExceptionPosix, after an ERROR line: "Failed to create standard input pipe for
   // child process", the same with output and error; "Failed to create child prcess exec pipe",
   // "Failed to manipulate child prcess exec pipe", "Failed to fork process"; and with the errno of
@@ -55,6 +58,8 @@ class ProcessExecLinux final : public ProcessExec {
   std::int32_t GetPid() const override;
 
  private:
+  friend Base::WatchHold<ProcessExecLinux>;
+
   ProcessExecLinux(std::int32_t pid, Base::Shared<IO::FileWriteStreamLinux> processInput,
                    Base::Shared<IO::FileReadStreamLinux> processOutput,
                    Base::Shared<IO::FileReadStreamLinux> processError,
@@ -64,6 +69,7 @@ class ProcessExecLinux final : public ProcessExec {
   void WakeLoopOnExit();
   void WakeLoopRegularly();
   void OnExited(int status);
+  void OnWatchDropped() noexcept;
 
   std::int32_t const _pid;
   Base::Shared<IO::FileWriteStreamLinux> _processInput;  // like the next two empty once closed
@@ -76,10 +82,11 @@ class ProcessExecLinux final : public ProcessExec {
   Base::UniqueFd _exitEvent;
 };
 
-// Runs `commandLine` in a shell (`sh -c`) to its end, on the calling thread, and puts what it
-// printed on standard output into `output`, without the white space at its start and end. Returns
-// the command's exit code; 1, and no output, where no shell could be started, and for a command
-// that passed a limit of base/shell_command.h or was cancelled; 0 for one that a signal ended.
+// Runs `commandLine` in a shell (`sh -c`) to its end, on the calling thread, appends what it
+// printed on standard output to `output`, and trims the white space at the start and end of that.
+// Returns the command's exit code; 0 for one that a signal ended; 1, and leaves `output` alone,
+// where no shell could be started, and for a command that passed a limit of base/shell_command.h or
+// was cancelled.
 int ExecuteSyncCommand(std::string const& commandLine, std::string& output);
 
 }  // namespace Process

@@ -164,6 +164,8 @@ TEST_F(ProcessExecTest, AProgramThatCannotRunLeavesNothing) {
             "Parent detected that child process exec failed - No such file or directory (Err 2)");
   EXPECT_EQ(ErrorOfExecute(loop, "/etc/passwd", EACCES),
             "Parent detected that child process exec failed - Permission denied (Err 13)");
+  std::string const cut("true\0", 5);
+  EXPECT_EQ(ErrorOf([&] { Execute(cut, {}); }), "Invalid Argument");
   EXPECT_FALSE(HasChildren());
 }
 
@@ -257,12 +259,22 @@ TEST_F(ProcessExecTest, CloseTakesTheStreamsAway) {
 TEST_F(ProcessExecTest, NothingOutlivesTheLoop) {
   auto process = Execute("cat", {});
   int const pid = process->GetPid();
-  NoteExit(process);
+  process->WaitForExit(Base::MakeCallback([process] { FAIL() << "nobody looks"; }));
   ReadAll(process->GetOutputStream());
   process.Reset();
   loop->Stop();
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
   loop->Start();
+}
+
+TEST_F(ProcessExecTest, AnExitIsReportedByALoopThatRunsAgain) {
+  auto const process = Execute("cat", {});
+  NoteExit(process);
+  OnLoop([] {});
+  loop->Stop();
+  loop->Start();
+  CloseInput(process);
+  WaitForExit(process);
 }
 
 TEST_F(ProcessExecTest, ManyRunAtOnce) {
@@ -295,6 +307,7 @@ TEST_F(ProcessExecTest, ProgramsStartedAtATimeDoNotGetEachOthersPipes) {
   std::thread other([&] {
     while (!isDone) {
       FILE* const pipe = popen("exec ls /proc/self/fd", "re");  // NOLINT(cert-env33-c): its fork
+      ASSERT_NE(pipe, nullptr);
       std::array<char, 256> output{};
       output[fread(output.data(), 1, output.size() - 1, pipe)] = '\0';
       EXPECT_EQ(pclose(pipe), 0);
@@ -318,6 +331,11 @@ class ForkedChildTest : public ProcessExecTest {
       if (inForkedChild) inForkedChild();
     });
     ASSERT_EQ(error, 0);
+  }
+
+  void TearDown() override {
+    inForkedChild = {};
+    ProcessExecTest::TearDown();
   }
 };
 
@@ -350,7 +368,6 @@ TEST_F(ForkedChildTest, TheWaitForItsExecSleeps) {
   EXPECT_TRUE(isReading());
   EXPECT_EQ(write(release[1], "x", 1), 1);
   thread.join();
-  inForkedChild = {};
 }
 
 TEST_F(ForkedChildTest, ASignalBeforeItsExecDoesNotRunOurHandler) {
@@ -363,7 +380,6 @@ TEST_F(ForkedChildTest, ASignalBeforeItsExecDoesNotRunOurHandler) {
   signal(SIGWINCH, [](int) { static_cast<void>(!write(handledFd, "x", 1)); });
   inForkedChild = [] { raise(SIGWINCH); };
   WaitForExit(Execute("true", {}));
-  inForkedChild = {};
   signal(SIGWINCH, SIG_DFL);
   char byte = 0;
   EXPECT_EQ(read(handled[0], &byte, 1), -1);
