@@ -27,6 +27,17 @@ bool Has(int events, std::uint32_t bits) {
   return (static_cast<std::uint32_t>(events) & bits) != 0;
 }
 
+// Reads or writes once, by `call`. A signal is no outcome: a terminal looks for one even where it
+// does not wait.
+template <typename Call, typename Bytes>
+ssize_t Transfer(Call call, Base::UniqueFd const& fd, Bytes const& data) {
+  ssize_t length = -1;
+  do {
+    length = call(fd.Get(), data.GetData(), data.GetLength());
+  } while (length == -1 && errno == EINTR);
+  return length;
+}
+
 Base::Status StatusOf(int error) { return Base::Exception(Base::ErrnoText(error)); }
 
 }  // namespace
@@ -78,7 +89,7 @@ void FileStreamLinux::Read(Buffer data, ReadCallback callback) {
     TRACE_ERROR("Attempt to read with invalid callback", this);
     throw Base::Exception("Invalid Callback");
   }
-  ssize_t const bytesRead = read(_fd.Get(), data.GetData(), data.GetLength());
+  ssize_t const bytesRead = Transfer(&read, _fd, data);
   int const error = errno;
   if (bytesRead >= 0) {
     TRACE_VERBOSE("Read succeeded", this, data, bytesRead);
@@ -106,7 +117,7 @@ void FileStreamLinux::Write(Buffer data, WriteCallback callback) {
     TRACE_ERROR("Attempt to write with invalid callback", this);
     throw Base::Exception("Invalid Callback");
   }
-  ssize_t const bytesWritten = write(_fd.Get(), data.GetData(), data.GetLength());
+  ssize_t const bytesWritten = Transfer(&write, _fd, data);
   int const error = errno;
   if (bytesWritten >= 0) {
     TRACE_VERBOSE("Write succeeded", this, data, bytesWritten);
@@ -152,7 +163,7 @@ void FileStreamLinux::OnEvents(int events) {
 }
 
 void FileStreamLinux::OnReadable(int events) {
-  ssize_t const bytesRead = read(_fd.Get(), _readBuffer.GetData(), _readBuffer.GetLength());
+  ssize_t const bytesRead = Transfer(&read, _fd, _readBuffer);
   int const error = errno;
   if (bytesRead == -1 && error == EAGAIN) return;  // somebody else was faster; it still waits
   Disarm(EPOLLIN);
@@ -171,7 +182,7 @@ void FileStreamLinux::OnReadable(int events) {
 }
 
 void FileStreamLinux::OnWritable(int events) {
-  ssize_t const bytesWritten = write(_fd.Get(), _writeBuffer.GetData(), _writeBuffer.GetLength());
+  ssize_t const bytesWritten = Transfer(&write, _fd, _writeBuffer);
   int const error = errno;
   if (bytesWritten == -1 && error == EAGAIN) return;
   Disarm(EPOLLOUT);
@@ -262,7 +273,10 @@ FileWriteStreamLinux::FileWriteStreamLinux(Base::Shared<FileStreamLinux> file)
 }
 
 void FileWriteStreamLinux::WriteOnce(Base::Buffer<unsigned char> data, Callback callback) {
-  if (!_file) throw Base::Exception("Write Stream Closed");
+  if (!_file) {
+    TRACE_ERROR("Attempt to write to closed stream", this);
+    throw Base::Exception("Write Stream Closed");
+  }
   _file->Write(std::move(data), std::move(callback));
 }
 

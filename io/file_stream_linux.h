@@ -24,7 +24,8 @@ namespace IO {
 //
 // Reads and writes are tried at once; what would block waits for a watch on the IO thread's loop,
 // which is there for only as long. Either way the callback is posted, never called from inside the
-// operation, and exactly once: also by `Close` and by an error, which end whatever is pending.
+// operation, and exactly once: also by `Close` and by an error, which end whatever is pending; but
+// the loop's end lets go of what is pending without calling back.
 // There is no way back from either: "File closed" is what every later operation throws. A
 // descriptor that is always ready takes turns: after a few completions in a row the loop polls
 // before the next. One that epoll(7) refuses, such as a regular file, is always ready; the thread

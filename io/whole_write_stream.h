@@ -22,7 +22,8 @@ class WholeWriteStream : public FileWriteStream {
   // Logs as `log`, the derived stream's module.
   explicit WholeWriteStream(Base::Shared<Trace::Log> log);
 
-  // Writes once; calls back with the part of `data` that was taken, which may be all.
+  // Writes once; calls back with the part of `data` that was taken, which may be all. Where there
+  // is something to take, nothing taken would be tried again without end.
   virtual void WriteOnce(Base::Buffer<unsigned char> data, Callback callback) = 0;
 
  private:
