@@ -201,7 +201,7 @@ std::optional<ThreadPoolLinuxGlib::Wake> ThreadPoolLinuxGlib::SetTimer() {
 
 void ThreadPoolLinuxGlib::LogWake(std::optional<Wake> const& wake) {
   if (!wake) {
-    TRACE_DEBUG("ThreadPool is not scheduled to wake", this);
+    TRACE_DEBUG("ThreadPool is not scheduled to wake");
     return;
   }
   auto const [wakeTimeMs, timerId] = *wake;

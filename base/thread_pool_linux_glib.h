@@ -29,14 +29,15 @@ namespace Base {
 class ThreadPoolLinuxGlib final : public ThreadPool {
  public:
   // Sets its timers on `context`, on the default one when that is null. Has up to `maximumThreads`
-  // workers, -1 being without limit; an `exclusive` pool has workers of its own, all of them from
-  // the start, and needs a limit. Throws Exception "ThreadPool Failed".
+  // workers, -1 being without limit; with 0 posted tasks wait for `Close`. An `exclusive` pool has
+  // workers of its own, all of them from the start, and needs a limit. Throws Exception "ThreadPool
+  // Failed".
   ThreadPoolLinuxGlib(GMainContext* context, int maximumThreads, bool exclusive);
   ~ThreadPoolLinuxGlib() override;
 
-  // Throw Exception "ThreadPool Closed" after `Close`, which never loses a task that was posted
-  // before. PostTask throws "ThreadPool Failed" when there can be no thread; the task stays queued
-  // then, and runs if the pool gets a worker later.
+  // Throw Exception "ThreadPool Closed" after `Close`, which loses no task that was posted before,
+  // but those that its `cancelTasks` takes away. PostTask throws "ThreadPool Failed" when there can
+  // be no thread; the task stays queued then, and runs if the pool gets a worker later.
   void PostTask(Task task) override;
   void PostScheduledTask(std::int64_t delayMs, Task task) override;
 

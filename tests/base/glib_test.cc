@@ -74,7 +74,7 @@ using Base::MakeCallback;
 using Base::Shared;
 
 // First, as these fork: no thread may be there yet.
-TEST(GlibProcessTest, ALoopWaitsAtLeastTenMilliseconds) {
+TEST(GlibProcessTest, TheShortestTimerOfALoopIsTenMilliseconds) {
   TemporaryDirectory const directory;
   std::string const path = directory.path / "trace";
   int const status = RunInChild([&] {
