@@ -1,5 +1,6 @@
 #include "process/process_exec_linux.h"
 
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,6 +34,12 @@ constexpr std::int64_t childLookMs = 1000;
   throw Base::ExceptionPosix(raised, errorNumber);
 }
 
+// The program would get what is before the zero byte.
+void RequireText(std::string const& argument) {
+  if (argument.find('\0') == std::string::npos) return;
+  ThrowLogged("Zero byte in a process argument", "Invalid Argument", EINVAL);
+}
+
 Pipe MakeStandardPipe(char const* failure) {
   Pipe pipe;
   int error = MakePipe(pipe);
@@ -59,14 +66,21 @@ Pipe MakeExecStatusPipe() {
 void WaitForExec(pid_t pid, Base::UniqueFd const& execStatus) {
   int childError = 0;
   ssize_t length = -1;
+  int error = 0;
   do {
     length = read(execStatus.Get(), &childError, sizeof childError);
-  } while (length == -1 && errno == EINTR);
+    error = errno;
+  } while (length == -1 && error == EINTR);
   if (length == 0) return;
+  if (length == -1) {
+    childError = error;
+    kill(pid, SIGKILL);  // whatever has become of it
+  } else {
+    // The child's own line, which it could not write: see process/child.cc.
+    TRACE_ERROR("Failed to exec process", Trace::As("error", childError));
+  }
   while (waitpid(pid, nullptr, 0) == -1 && errno == EINTR) {
   }
-  // The child's own line, which it could not write: see process/child.cc.
-  TRACE_ERROR("Failed to exec process", Trace::As("error", childError));
   TRACE_ERROR("Parent detected that child process exec failed", childError);
   throw Base::ExceptionPosix("Parent detected that child process exec failed", childError);
 }
@@ -86,6 +100,8 @@ void CloseQuietly(Base::Shared<Stream> const& stream) {
 Base::Shared<ProcessExec> ProcessExecLinux::Execute(Base::Shared<Base::ThreadLinux> thread,
                                                     std::string const& executableFilename,
                                                     std::vector<std::string> const& arguments) {
+  RequireText(executableFilename);
+  for (std::string const& argument : arguments) RequireText(argument);
   Pipe input = MakeStandardPipe("Failed to create standard input pipe for child process");
   Pipe output = MakeStandardPipe("Failed to create standard output pipe for child process");
   Pipe error = MakeStandardPipe("Failed to create standard error pipe for child process");
@@ -98,13 +114,7 @@ Base::Shared<ProcessExec> ProcessExecLinux::Execute(Base::Shared<Base::ThreadLin
     words.push_back(i);
   }
   std::vector<char*> argv;
-  for (std::string& word : words) {
-    if (word.find('\0') != std::string::npos) {
-      TRACE_ERROR("Zero byte in a process argument", executableFilename);
-      throw Base::Exception("Invalid Argument");
-    }
-    argv.push_back(word.data());
-  }
+  for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
 
   pid_t const pid = StartChild(argv.data(), {input.readEnd.Get(), output.writeEnd.Get(),

@@ -36,12 +36,13 @@ class ProcessExecLinux final : public ProcessExec {
  public:
   // Starts `executableFilename`, a path or a name that is looked for in PATH, with `arguments`, the
   // first of which is the first after the program's name. Returns once the program runs; the wait
-  // for that blocks the calling thread. Throws Base::Exception "Invalid Argument" for a text with a
-  // zero byte in it, which no program could be given.
-  // Throws Base::ExceptionPosix, after an ERROR line: "Failed to create standard input pipe for
-  // child process", the same with output and error; "Failed to create child prcess exec pipe",
-  // "Failed to manipulate child prcess exec pipe", "Failed to fork process"; and with the errno of
-  // exec(3) "Parent detected that child process exec failed".
+  // for that blocks the calling thread. A child that is killed before looks like a program that a
+  // signal ended.
+  // Throws Base::ExceptionPosix, after an ERROR line: "Invalid Argument" for a text with a zero
+  // byte in it, which no program could be given; "Failed to create standard input pipe for child
+  // process", the same with output and error; "Failed to create child prcess exec pipe", "Failed to
+  // manipulate child prcess exec pipe", "Failed to fork process"; and with the errno of exec(3)
+  // "Parent detected that child process exec failed".
   static Base::Shared<ProcessExec> Execute(Base::Shared<Base::ThreadLinux> thread,
                                            std::string const& executableFilename,
                                            std::vector<std::string> const& arguments);
