@@ -27,6 +27,9 @@ bool Has(int events, std::uint32_t bits) {
   return (static_cast<std::uint32_t>(events) & bits) != 0;
 }
 
+// A terminal whose other side is gone would still block, and be reported without end.
+bool IsOver(int events) { return Has(events, EPOLLHUP | EPOLLERR); }
+
 // Reads or writes once, by `call`. A signal is no outcome: a terminal looks for one even where it
 // does not wait.
 template <typename Call, typename Bytes>
@@ -164,8 +167,11 @@ void FileStreamLinux::OnEvents(int events) {
 
 void FileStreamLinux::OnReadable(int events) {
   ssize_t const bytesRead = Transfer(&read, _fd, _readBuffer);
-  int const error = errno;
-  if (bytesRead == -1 && error == EAGAIN) return;  // somebody else was faster; it still waits
+  int error = errno;
+  if (bytesRead == -1 && error == EAGAIN) {
+    if (!IsOver(events)) return;  // somebody else was faster; it still waits
+    error = EIO;
+  }
   Disarm(EPOLLIN);
   // Out of their fields first: what follows ends what is pending.
   ReadCallback callback = std::exchange(_readCallback, {});
@@ -183,8 +189,11 @@ void FileStreamLinux::OnReadable(int events) {
 
 void FileStreamLinux::OnWritable(int events) {
   ssize_t const bytesWritten = Transfer(&write, _fd, _writeBuffer);
-  int const error = errno;
-  if (bytesWritten == -1 && error == EAGAIN) return;
+  int error = errno;
+  if (bytesWritten == -1 && error == EAGAIN) {
+    if (!IsOver(events)) return;
+    error = EIO;
+  }
   Disarm(EPOLLOUT);
   WriteCallback callback = std::exchange(_writeCallback, {});
   Buffer const data = std::exchange(_writeBuffer, {});

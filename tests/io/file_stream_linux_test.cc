@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <termios.h>
 
 #include <fstream>
 #include <functional>
@@ -186,6 +187,21 @@ TEST_F(FileStreamLinuxTest, PendingOperationsDoNotOutliveTheLoop) {
   Write(MakeSink(source), "waits");
 }
 
+// The master's side goes on to say that it would block.
+TEST_F(FileStreamLinuxTest, ATerminalWhoseOtherSideIsGoneEndsItsWrite) {
+  int const master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_EQ(grantpt(master) | unlockpt(master), 0);
+  Base::UniqueFd terminal(open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC));
+  termios mode{};
+  tcgetattr(terminal.Get(), &mode);
+  cfmakeraw(&mode);
+  ASSERT_EQ(tcsetattr(terminal.Get(), TCSANOW, &mode), 0);
+  auto const sink = Base::MakeShared<IO::FileWriteStreamLinux>(Attach(master));
+  Write(sink, std::string(1U << 20U, 'x'));
+  terminal.Reset();
+  EXPECT_EQ(events.Take(), "written Input/output error (Err 5) 1048576;");
+}
+
 // Both wait at once for one descriptor, and neither's end may be lost by the other's.
 TEST_F(FileStreamLinuxTest, ATerminalIsReadAndWrittenAtATime) {
   Base::UniqueFd const master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -233,8 +249,10 @@ TEST_F(FileStreamLinuxTest, ARegularFileIsWrittenAndReadWithoutAWatch) {
 // Work that is always ready, and that nothing but the watch would ever end.
 TEST_F(FileStreamLinuxTest, WhatIsAlwaysReadyLetsTheLoopPoll) {
   WorkUntilPolled([this](bool const& isPolled) {
-    ReadOn(MakeReader(Open("/dev/zero", O_RDONLY), 16),
-           [&](std::string_view, bool) { return isPolled; });
+    loop->PostScheduledTask(0, Base::MakeCallback([this, &isPolled] {
+                              ReadOn(MakeReader(Open("/dev/zero", O_RDONLY), 16),
+                                     [&](std::string_view, bool) { return isPolled; });
+                            }));
   });
   auto const sink = Open("/dev/null", O_WRONLY);
   std::function<void()> writeOn;
