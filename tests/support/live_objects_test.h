@@ -6,6 +6,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdlib>
+#include <iostream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,8 +28,12 @@ class EventLog {
   // Waits until there are `count` events more than the ones taken before, and takes all: "a;b;".
   std::string Take(int count = 1) {
     std::unique_lock lock(_mutex);
-    _changed.wait_for(lock, std::chrono::seconds(60),
-                      [&] { return std::count(_events.begin(), _events.end(), ';') >= count; });
+    auto const isThere = [&] { return std::count(_events.begin(), _events.end(), ';') >= count; };
+    if (!_changed.wait_for(lock, std::chrono::seconds(60), isThere)) {
+      // What has not come yet may still come, to a test that has ended.
+      std::cerr << "only \"" << _events << "\" came" << std::endl;
+      std::abort();
+    }
     return std::exchange(_events, {});
   }
 
