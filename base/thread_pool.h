@@ -26,7 +26,8 @@ class ThreadPool : public TaskRunner {
 // with the first pool. Both throw Exception "ThreadPool has been shutdown" once they have been.
 //
 // The general one shares idle workers with the process's other users of GLib pools. Its scheduled
-// tasks run on the GLib thread itself, one at a time: they must not block.
+// tasks run on the GLib thread itself, one at a time: they must not block, and one that schedules
+// the next without a delay keeps everybody else from it.
 Shared<ThreadPool> GetThreadPool();
 
 // The exclusive one keeps its workers to itself, from the start, and runs its scheduled tasks on

@@ -244,18 +244,17 @@ void ThreadPoolLinuxGlib::RunDue() {
 }
 
 void ThreadPoolLinuxGlib::RunScheduled(Task& task) {
-  auto const onError = [this](std::exception const& err) {
-    TRACE_ERROR("ThreadPool exception thrown processing scheduled task", this, err);
-  };
   try {
     // Only an exclusive pool keeps the context's thread free of its tasks.
     if (_exclusive && Push(task)) return;
-  } catch (Exception const& err) {
-    onError(err);
-    return;
+  } catch (Exception const&) {
+    return;  // already logged; it stays queued
   }
   TRACE_DEBUG("ThreadPool executing scheduled task...", this);
-  if (RunCaught(task, onError)) TRACE_DEBUG("ThreadPool done executing scheduled task.", this);
+  bool const succeeded = RunCaught(task, [this](std::exception const& err) {
+    TRACE_ERROR("ThreadPool exception thrown processing scheduled task", this, err);
+  });
+  if (succeeded) TRACE_DEBUG("ThreadPool done executing scheduled task.", this);
 }
 
 void ThreadPoolLinuxGlib::FreePool(GThreadPool* pool, bool wait) {
