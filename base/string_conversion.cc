@@ -4,6 +4,9 @@
 
 #include "base/exception.h"
 
+// Written out: GLib's functions would link GLib to every program that traces, the C library's ask
+// the locale.
+
 namespace Base {
 
 namespace {
