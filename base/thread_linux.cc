@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "base/exception.h"
-#include "base/run_tasks.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("thread_linux");
@@ -30,7 +29,7 @@ constexpr int childPollMs = 1000;
 
 }  // namespace
 
-ThreadLinux::ThreadLinux() {
+ThreadLinux::ThreadLinux() : LoopThread(traceModule) {
   _epoll.Reset(epoll_create1(EPOLL_CLOEXEC));
   if (!_epoll) {
     int const error = errno;
@@ -56,13 +55,13 @@ ThreadLinux::ThreadLinux() {
 }
 
 void ThreadLinux::PostTask(Task task) {
-  _tasks.Push(std::move(task));
+  Enqueue(std::move(task));
   // The loop looks at its queue before it waits again.
   if (!IsCurrentThread()) Wake();
 }
 
 void ThreadLinux::PostScheduledTask(std::int64_t delayMs, Task task) {
-  _scheduledTasks.Insert(delayMs, std::move(task));
+  Schedule(delayMs, std::move(task));
   // From the loop's own thread too: a task that is overdue by the time the loop waits would not
   // end the wait (see GetTimeoutMs).
   Wake();
@@ -76,31 +75,6 @@ void ThreadLinux::Wake() {
     int const error = errno;
     TRACE_WARNING("Failed to wake thread", this, error);
   }
-}
-
-void ThreadLinux::Start() {
-  Stop();
-  _stopping = false;
-  if (int const error = _thread.Start([self = Shared(this)] { self->RunLoop(); })) {
-    TRACE_ERROR("Failed to start thread", this, error);
-    throw ExceptionPosix(error);
-  }
-}
-
-void ThreadLinux::Stop() {
-  _stopping = true;
-  Wake();
-  _thread.End();
-}
-
-bool ThreadLinux::IsCurrentThread() const {
-  return _loopThreadId.load(std::memory_order_relaxed) == std::this_thread::get_id();
-}
-
-void ThreadLinux::Run() {
-  Stop();
-  _stopping = false;
-  RunLoop();
 }
 
 void ThreadLinux::AddWatch(int fd, std::uint32_t events, WatchCallback callback) {
@@ -151,38 +125,19 @@ void ThreadLinux::MonitorChildProcess(pid_t pid, ChildCallback callback) {
 }
 
 void ThreadLinux::RunLoop() {
-  TRACE_VERBOSE("Thread entry point started.", this);
-  Shared const self(this);
-  {
-    CurrentScope const current{Shared<Thread>(this)};
-    _loopThreadId = std::this_thread::get_id();
-    do {
-      ++_round;
-      for (Task& task : std::exchange(_nextRoundTasks, {})) _tasks.Push(std::move(task));
-      RunTasks();
-      Wait();
-      if (!_children.empty()) CheckChildren();
-    } while (!_stopping);
-    LetGo();
-    _loopThreadId = std::thread::id();
-  }
-  TRACE_VERBOSE("Thread entry point stopped.", this);
-}
-
-void ThreadLinux::RunTasks() {
-  Base::RunTasks(
-      _scheduledTasks, _tasks,
-      [this](std::exception const& err) {
-        TRACE_ERROR("Thread exception thrown whilst processing scheduled task", this, err);
-      },
-      [this](std::exception const& err) {
-        TRACE_ERROR("Thread exception thrown whilst processing task", this, err);
-      });
+  do {
+    ++_round;
+    for (Task& task : std::exchange(_nextRoundTasks, {})) Enqueue(std::move(task));
+    RunTasks();
+    Wait();
+    if (!_children.empty()) CheckChildren();
+  } while (!IsStopping());
+  LetGo();
 }
 
 int ThreadLinux::GetTimeoutMs() {
   if (!_nextRoundTasks.empty()) return 0;
-  auto const wakeTime = _scheduledTasks.GetEarliestWakeTime();
+  auto const wakeTime = GetEarliestWakeTime();
   if (!wakeTime) return -1;
   // Rounded toward zero. There is no lower bound: a task that became due more than a millisecond
   // ago makes this a wait without end, which only another event ends; kept as it is.
@@ -304,19 +259,16 @@ void ThreadLinux::DispatchChildCallback(pid_t pid, int status) {
 
 void ThreadLinux::LetGo() {
   // Destructors of what is let go of may post, or touch a watch: until nothing is left.
-  bool isEmpty = false;
-  while (!isEmpty) {
-    auto const tasks = _tasks.TakeAll();
+  bool mayBeMore = true;
+  while (mayBeMore) {
     auto const nextRoundTasks = std::exchange(_nextRoundTasks, {});
-    auto const scheduledTasks = _scheduledTasks.TakeAll();
     auto const watches = std::exchange(_watches, {});
     auto const children = std::exchange(_children, {});
     for (auto const& [fd, callback] : watches) {
       // Else the kernel would go on reporting it if the loop ran again.
       epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, fd, nullptr);
     }
-    isEmpty = tasks.empty() && nextRoundTasks.empty() && scheduledTasks.empty() &&
-              watches.empty() && children.empty();
+    mayBeMore = LetGoOfTasks() || !nextRoundTasks.empty() || !watches.empty() || !children.empty();
   }
 }
 

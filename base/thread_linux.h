@@ -3,18 +3,14 @@
 #include <sys/epoll.h>
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <span>
-#include <thread>
 #include <vector>
 
 #include "base/callback.h"
+#include "base/loop_thread.h"
 #include "base/shared.h"
-#include "base/task_store.h"
-#include "base/thread.h"
-#include "base/thread_handle.h"
 #include "base/unique_fd.h"
 
 namespace Base {
@@ -34,7 +30,7 @@ namespace Base {
 // Threads: PostTask, PostScheduledTask, Stop and IsCurrentThread may be called from any thread.
 //          Watches and children belong to the loop's thread while it runs.
 // Errors:  what a task or callback throws is logged. Failed system calls throw ExceptionPosix.
-class ThreadLinux final : public Thread {
+class ThreadLinux final : public LoopThread {
  public:
   using WatchCallback = Shared<CallbackNoCopy<int, int>>;  // descriptor, epoll event bits
   using ChildCallback = Shared<CallbackNoCopy<int, int>>;  // process id, wait status
@@ -43,10 +39,6 @@ class ThreadLinux final : public Thread {
 
   void PostTask(Task task) override;
   void PostScheduledTask(std::int64_t delayMs, Task task) override;
-  void Start() override;
-  void Stop() override;
-  bool IsCurrentThread() const override;
-  void Run() override;
 
   // Watches `fd` for `events`, epoll_ctl(2)'s bits, handed to the kernel as they are. The callback
   // is called with the bits that the kernel reports, each time it does, until `RemoveWatch`; it may
@@ -73,9 +65,8 @@ class ThreadLinux final : public Thread {
   std::uint64_t GetRound() const { return _round; }
 
  private:
-  void Wake();
-  void RunLoop();
-  void RunTasks();
+  void Wake() override;
+  void RunLoop() override;
   int GetTimeoutMs();
   void Wait();
   void ProcessWatches(std::span<epoll_event const> events);
@@ -86,17 +77,12 @@ class ThreadLinux final : public Thread {
   void DispatchChildCallback(pid_t pid, int status);
   void LetGo();
 
-  TaskQueue _tasks;
   std::vector<Task> _nextRoundTasks;
-  ScheduledTaskStore _scheduledTasks;
   std::map<int, WatchCallback> _watches;
   std::map<pid_t, ChildCallback> _children;
-  ThreadHandle _thread;
   UniqueFd _epoll;
   UniqueFd _wakeEvent;
   int _childSignalFd = -1;  // no source of child signals is in use: exits are found by polling
-  std::atomic<bool> _stopping{false};
-  std::atomic<std::thread::id> _loopThreadId{};  // of no thread while the loop does not run
   std::uint64_t _round = 0;
 };
 

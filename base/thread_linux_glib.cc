@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <utility>
 
-#include "base/exception.h"
-#include "base/run_tasks.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("thread_linux_glib");
@@ -49,86 +46,44 @@ GlibSource MakeWakeSource(GMainContext* context, GMainLoop* loop) {
 }  // namespace
 
 ThreadLinuxGlib::ThreadLinuxGlib()
-    : _context(g_main_context_new()),
+    : LoopThread(traceModule),
+      _context(g_main_context_new()),
       _loop(g_main_loop_new(_context.get(), FALSE)),
       _wakeSource(MakeWakeSource(_context.get(), _loop.get())) {}
 
 void ThreadLinuxGlib::PostTask(Task task) {
-  _tasks.Push(std::move(task));
+  Enqueue(std::move(task));
   TRACE_DEBUG("A task was posted", this);
   Wake();
 }
 
 void ThreadLinuxGlib::PostScheduledTask(std::int64_t delayMs, Task task) {
-  _scheduledTasks.Insert(delayMs, std::move(task));
+  Schedule(delayMs, std::move(task));
   TRACE_DEBUG("A scheduled task was posted", this, Trace::As("timeout", delayMs));
   Wake();
 }
 
 void ThreadLinuxGlib::Wake() { g_source_set_ready_time(_wakeSource.get(), 0); }
 
-void ThreadLinuxGlib::Start() {
-  Stop();
-  _stopping = false;
-  if (int const error = _thread.Start([self = Shared(this)] { self->RunLoop(); })) {
-    TRACE_ERROR("Failed to start thread", this, error);
-    throw ExceptionPosix(error);
-  }
-}
-
-void ThreadLinuxGlib::Stop() {
-  _stopping = true;
-  Wake();
-  _thread.End();
-}
-
-bool ThreadLinuxGlib::IsCurrentThread() const {
-  return _loopThreadId.load(std::memory_order_relaxed) == std::this_thread::get_id();
-}
-
-void ThreadLinuxGlib::Run() {
-  Stop();
-  _stopping = false;
-  RunLoop();
-}
-
 void ThreadLinuxGlib::RunLoop() {
-  TRACE_VERBOSE("Thread entry point started.", this);
-  Shared const self(this);
-  {
-    CurrentScope const current{Shared<Thread>(this)};
-    _loopThreadId = std::this_thread::get_id();
-    g_main_context_push_thread_default(_context.get());
-    while (!_stopping) {
-      TRACE_DEBUG("Processing tasks", this);
-      RunTasks();
-      if (_stopping) break;
-      ScheduleWake();
-      TRACE_DEBUG("Running main loop", this);
-      g_main_loop_run(_loop.get());
-    }
-    _timer.reset();
-    LetGo();
-    _loopThreadId = std::thread::id();
-    g_main_context_pop_thread_default(_context.get());
+  g_main_context_push_thread_default(_context.get());
+  while (!IsStopping()) {
+    TRACE_DEBUG("Processing tasks", this);
+    RunTasks();
+    if (IsStopping()) break;
+    ScheduleWake();
+    TRACE_DEBUG("Running main loop", this);
+    g_main_loop_run(_loop.get());
   }
-  TRACE_VERBOSE("Thread entry point stopped.", this);
-}
-
-void ThreadLinuxGlib::RunTasks() {
-  Base::RunTasks(
-      _scheduledTasks, _tasks,
-      [this](std::exception const& err) {
-        TRACE_ERROR("Thread exception thrown whilst processing scheduled task", this, err);
-      },
-      [this](std::exception const& err) {
-        TRACE_ERROR("Thread exception thrown whilst processing task", this, err);
-      });
+  _timer.reset();
+  while (LetGoOfTasks()) {
+  }
+  g_main_context_pop_thread_default(_context.get());
 }
 
 void ThreadLinuxGlib::ScheduleWake() {
   _timer.reset();
-  auto const wakeTime = _scheduledTasks.GetEarliestWakeTime();
+  auto const wakeTime = GetEarliestWakeTime();
   if (!wakeTime) return;
   auto const delay = std::max<std::chrono::nanoseconds>(
       *wakeTime - std::chrono::system_clock::now(), shortestWait);
@@ -142,16 +97,6 @@ gboolean ThreadLinuxGlib::OnWake(gpointer thread) {
   Shared const self(static_cast<ThreadLinuxGlib*>(thread));
   g_main_loop_quit(self->_loop.get());
   return G_SOURCE_REMOVE;
-}
-
-void ThreadLinuxGlib::LetGo() {
-  // Destructors of what is let go of may post: until nothing is left.
-  bool isEmpty = false;
-  while (!isEmpty) {
-    auto const tasks = _tasks.TakeAll();
-    auto const scheduledTasks = _scheduledTasks.TakeAll();
-    isEmpty = tasks.empty() && scheduledTasks.empty();
-  }
 }
 
 }  // namespace Base

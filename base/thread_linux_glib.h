@@ -2,15 +2,11 @@
 
 #include <glib.h>
 
-#include <atomic>
 #include <cstdint>
-#include <thread>
 
 #include "base/callback.h"
 #include "base/glib_support.h"
-#include "base/task_store.h"
-#include "base/thread.h"
-#include "base/thread_handle.h"
+#include "base/loop_thread.h"
 
 namespace Base {
 
@@ -29,16 +25,12 @@ namespace Base {
 // Threads: PostTask, PostScheduledTask, Stop, IsCurrentThread and GetContext may be called from any
 //          thread.
 // Errors:  what a task throws is logged. Nothing may be thrown from the callback of a source.
-class ThreadLinuxGlib final : public Thread {
+class ThreadLinuxGlib final : public LoopThread {
  public:
   ThreadLinuxGlib();
 
   void PostTask(Task task) override;
   void PostScheduledTask(std::int64_t delayMs, Task task) override;
-  void Start() override;
-  void Stop() override;
-  bool IsCurrentThread() const override;
-  void Run() override;
 
   // The context to attach sources to, never null. It lives as long as this object; who needs it for
   // longer takes a reference of its own.
@@ -47,21 +39,14 @@ class ThreadLinuxGlib final : public Thread {
  private:
   static gboolean OnWake(gpointer thread);
 
-  void Wake();
-  void RunLoop();
-  void RunTasks();
+  void Wake() override;
+  void RunLoop() override;
   void ScheduleWake();
-  void LetGo();
 
-  ThreadHandle _thread;
-  TaskQueue _tasks;
-  ScheduledTaskStore _scheduledTasks;
   GlibContext const _context;
   GlibLoop const _loop;
   GlibSource const _wakeSource;
   GlibSource _timer;  // the loop's thread's; empty while nothing is scheduled
-  std::atomic<bool> _stopping{false};
-  std::atomic<std::thread::id> _loopThreadId{};  // of no thread while the loop does not run
 };
 
 }  // namespace Base

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "base/exception.h"
-#include "base/run_tasks.h"
+#include "base/run_caught.h"
 #include "trace/crash_stack.h"
 #include "trace/trace.h"
 
