@@ -16,6 +16,7 @@
 #include "base/thread_pool.h"
 #include "base/thread_pool_linux_glib.h"
 #include "tests/support/child.h"
+#include "tests/support/error_text.h"
 #include "tests/support/live_objects_test.h"
 #include "trace/trace.h"
 #include "utilities/arguments.h"
@@ -294,19 +295,11 @@ TEST_F(GlibTest, TheLastHandleMayGoInsideATask) {
 
 TEST_F(GlibTest, APoolWithoutThreadsFailsAndStillCloses) {
   auto const pool = MakePool(0);
-  auto const text = [](auto const& function) -> std::string {
-    try {
-      function();
-    } catch (Base::Exception const& err) {
-      return err.what();
-    }
-    return "";
-  };
   isOutOfThreads = true;
-  EXPECT_EQ(text([&] { pool->PostTask(MakeCallback([pool] {})); }), "ThreadPool Failed");
-  EXPECT_EQ(text([&] { MakePool(1, true); }), "ThreadPool Failed");
+  EXPECT_EQ(ErrorOf([&] { pool->PostTask(MakeCallback([pool] {})); }), "ThreadPool Failed");
+  EXPECT_EQ(ErrorOf([&] { MakePool(1, true); }), "ThreadPool Failed");
   isOutOfThreads = false;
-  EXPECT_EQ(text([&] { MakePool(-1, true); }), "ThreadPool Failed");  // GLib returns no pool
+  EXPECT_EQ(ErrorOf([&] { MakePool(-1, true); }), "ThreadPool Failed");  // GLib returns no pool
   pool->Close(false);
 }
 
@@ -322,15 +315,14 @@ TEST_F(GlibTest, PostsTimersAndCloseMayMeet) {
     std::vector<std::thread> posters;
     for (int poster = 0; poster < 2; ++poster) {
       posters.emplace_back([&] {
-        try {
+        std::string const error = ErrorOf([&] {
           for (int i = 0;; ++i) {
             pool->PostScheduledTask(i % 3 - 1, MakeCallback([pool] {}));
             pool->PostTask(MakeCallback([pool, &ran] { ++ran; }));
             ++posted;
           }
-        } catch (Base::Exception const& err) {
-          if (err.what() == std::string("ThreadPool Closed")) ++rejected;
-        }
+        });
+        if (error == "ThreadPool Closed") ++rejected;
       });
     }
     while (ran < round % 20) std::this_thread::yield();

@@ -12,6 +12,7 @@
 #include "base/exception.h"
 #include "base/maybe.h"
 #include "base/shared.h"
+#include "tests/support/error_text.h"
 
 namespace {
 
@@ -38,12 +39,7 @@ TEST(ExceptionTest, PosixTextsNameTheErrno) {
 TEST(MaybeTest, AnEmptyOneHasNoValue) {
   Base::Maybe<Base::Exception> status;
   EXPECT_FALSE(status);
-  try {
-    status.Get();
-    FAIL();
-  } catch (Base::Exception const& err) {
-    EXPECT_STREQ(err.what(), "Value Not Set");
-  }
+  EXPECT_EQ(ErrorOf([&] { status.Get(); }), "Value Not Set");
   status = Base::Exception("no");
   EXPECT_STREQ(status.Get().what(), "no");
 }

@@ -7,20 +7,11 @@
 #include <cstring>
 #include <string>
 
-#include "base/exception.h"
+#include "tests/support/error_text.h"
 
 namespace {
 
 using Net::Address;
-
-std::string ErrorOf(auto make) {
-  try {
-    make();
-  } catch (Base::Exception const& err) {
-    return err.what();
-  }
-  return "none";
-}
 
 TEST(AddressTest, UnixLengthsAreTheKernels) {
   EXPECT_EQ(Address().GetLength(), 0U);

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "base/buffer.h"
-#include "base/exception.h"
 #include "base/io_thread.h"
 #include "base/run_and_wait.h"
 #include "base/shared.h"
@@ -20,6 +19,7 @@
 #include "base/thread_linux.h"
 #include "base/unique_fd.h"
 #include "net/socket_linux.h"
+#include "tests/support/error_text.h"
 #include "tests/support/live_objects_test.h"
 
 // A running loop and connected sockets.
@@ -71,14 +71,8 @@ class LoopTest : public LiveObjectsTest {
 
   // What `operation` throws on the loop's thread, or "none".
   std::string ErrorOf(std::function<void()> operation) {
-    std::string text = "none";
-    OnLoop([&] {
-      try {
-        operation();
-      } catch (Base::Exception const& err) {
-        text = err.what();
-      }
-    });
+    std::string text;
+    OnLoop([&] { text = ::ErrorOf(operation); });
     return text;
   }
 

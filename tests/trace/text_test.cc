@@ -6,21 +6,12 @@
 #include <string>
 #include <string_view>
 
-#include "base/exception.h"
+#include "tests/support/error_text.h"
 #include "trace/guid.h"
 #include "trace/hex.h"
 #include "trace/time_text.h"
 
 namespace {
-
-std::string ErrorOf(auto parse) {
-  try {
-    parse();
-  } catch (Base::Exception const& err) {
-    return err.what();
-  }
-  return "none";
-}
 
 TEST(HexTest, BytesGoBothWays) {
   std::array<unsigned char, 256> bytes;
