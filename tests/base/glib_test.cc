@@ -1,6 +1,5 @@
 #include <dlfcn.h>
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <future>
@@ -18,8 +17,8 @@
 #include "tests/support/child.h"
 #include "tests/support/error_text.h"
 #include "tests/support/live_objects_test.h"
+#include "tests/support/settings.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
 
 namespace {
 
@@ -79,9 +78,7 @@ TEST(GlibProcessTest, TheShortestTimerOfALoopIsTenMilliseconds) {
   TemporaryDirectory const directory;
   std::string const path = directory.path / "trace";
   int const status = RunInChild([&] {
-    std::string const file = "--trace-file=" + path;
-    std::array const argv{"program", file.c_str(), "--trace-level=5"};
-    ParseArguments(argv.size(), argv.data());
+    SetArguments({"--trace-file=" + path, "--trace-level=5"});
     Trace::InitializeTrace(true, "unused");
     auto const thread = Base::MakeShared<Base::ThreadLinuxGlib>();
     thread->PostTask(MakeCallback([&] {

@@ -64,18 +64,6 @@ TEST_F(ThreadLinuxTest, ChildrenAreReportedHoweverTheyEnd) {
   EXPECT_NE(seen.find("1:0;"), std::string::npos);
 }
 
-// The fixture finds what is left alive.
-TEST_F(ThreadLinuxTest, AnEndedLoopLetsGoOfWhatItHolds) {
-  Base::UniqueFd const fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  OnLoop([&] {
-    loop->AddWatch(fd.Get(), EPOLLIN, Base::MakeCallback([loop = loop](int, int) {}));
-    loop->MonitorChildProcess(Fork(0), Base::MakeCallback([loop = loop](int, int) {}));
-  });
-  loop->Stop();
-  while (waitpid(-1, nullptr, 0) > 0) {
-  }
-}
-
 TEST(ProcessThreadsTest, TheIOThreadIsOneAndDoesNotComeBack) {
   int const status = RunInChild([] {
     auto const ioThread = Base::GetIOThread();

@@ -2,28 +2,14 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "base/buffer.h"
-#include "base/callback.h"
 #include "base/exception.h"
 #include "base/maybe.h"
-#include "base/shared.h"
 #include "tests/support/error_text.h"
 
 namespace {
-
-class Node : public Base::Shareable {
- public:
-  explicit Node(int* destroyed) : _destroyed(destroyed) {}
-  ~Node() override { ++*_destroyed; }
-
- private:
-  int* _destroyed;
-};
 
 TEST(ExceptionTest, PosixTextsNameTheErrno) {
   EXPECT_STREQ(Base::ExceptionPosix(ENOENT).what(), "No such file or directory (Err 2)");
@@ -42,38 +28,6 @@ TEST(MaybeTest, AnEmptyOneHasNoValue) {
   EXPECT_EQ(ErrorOf([&] { status.Get(); }), "Value Not Set");
   status = Base::Exception("no");
   EXPECT_STREQ(status.Get().what(), "no");
-}
-
-TEST(SharedTest, TheLastHandleDeletes) {
-  int destroyed = 0;
-  std::size_t const before = Base::Shareable::GetLiveObjectCount();
-  {
-    auto node = Base::MakeShared<Node>(&destroyed);
-    Base::Shared<Base::Shareable> base = node;
-    Base::Shared<Base::Shareable> const moved = std::move(base);
-    node.Reset();
-    EXPECT_EQ(destroyed, 0);
-    EXPECT_EQ(Base::Shareable::GetLiveObjectCount(), before + 1);
-    auto self = moved;
-    self = *&self;
-    EXPECT_TRUE(self == moved);
-  }
-  EXPECT_EQ(destroyed, 1);
-  EXPECT_EQ(Base::Shareable::GetLiveObjectCount(), before);
-}
-
-TEST(CallbackTest, MovesItsArgumentsAndItsCallable) {
-  auto owned = std::make_unique<int>(40);
-  int sum = 0;
-  auto const callback = Base::MakeCallback(
-      [owned = std::move(owned), &sum](std::unique_ptr<int> more) { sum = *owned + *more; });
-  callback->Call(std::make_unique<int>(2));
-  EXPECT_EQ(sum, 42);
-  Base::Callback<int> const first = [&sum](int value) { sum = value; };
-  std::vector<Base::Callback<int>> const copies(2, first);
-  copies[1].Call(7);
-  EXPECT_EQ(sum, 7);
-  EXPECT_FALSE(Base::Callback<>());
 }
 
 TEST(BufferTest, SlicesShareStorageAndStayInside) {

@@ -26,6 +26,7 @@ BIN = pathlib.Path(os.environ["KTCLIENTD_BIN"]).resolve()
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 SANITIZED = os.environ.get("KTCLIENTD_SANITIZED") == "1"
 DEADLINE = 60  # seconds, for what takes none unless it is broken
+PATIENCE = DEADLINE if SANITIZED else 10  # seconds from a SIGTERM to the end
 MAX_PAYLOAD = 131072
 SEQPACKET, STREAM = socket.SOCK_SEQPACKET, socket.SOCK_STREAM
 HARDWARE = {"sensor": {"hardware": None}}
@@ -95,9 +96,13 @@ def clean_environment(changes):
             if not name.startswith(("KESTREL_", "LISTEN_"))} | changes
 
 
-def ctl(*arguments, environment={}, **options):
-    return subprocess.run([BIN / "ktclientctl", *arguments], capture_output=True, timeout=DEADLINE,
-                          text=True, env=clean_environment(environment), **options)
+def run(*command, environment={}, **options):
+    return subprocess.run(command, timeout=DEADLINE, text=True, env=clean_environment(environment),
+                          **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+
+
+def ctl(*arguments, **options):
+    return run(BIN / "ktclientctl", *arguments, **options)
 
 
 class Client(socket.socket):

@@ -1,7 +1,6 @@
 import re
-import subprocess
 
-from harness import BIN, DEADLINE, DOCS, Case, clean_environment
+from harness import BIN, DOCS, Case, run
 
 # Calls what `complete` registered, as bash does with the words of a line. Outside of a completion
 # compopt fails.
@@ -21,17 +20,15 @@ class CompletionTest(Case):
         """The candidates, and whether a space is to follow."""
         words = re.findall(r"[=:]|[^\s=:]+|(?<=\s)\Z", line)  # as COMP_WORDBREAKS has it
         script = DOCS.parent / "packaging/completion" / words[0]
-        result = subprocess.run(["bash", "--norc", "-c", COMPLETE, "bash", script, line, *words],
-                                capture_output=True, text=True, timeout=DEADLINE, cwd=self.folder,
-                                env=clean_environment({}))
+        result = run("bash", "--norc", "-c", COMPLETE, "bash", script, line, *words,
+                     cwd=self.folder)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         space, *candidates = result.stdout.split()
         return sorted(candidates), space == "yes"
 
     def test_options_are_those_of_the_programs(self):
         for program in ("ktclientd", "ktclientctl"):
-            usage = subprocess.run([BIN / program, "--help"], capture_output=True, text=True,
-                                   check=True, timeout=DEADLINE).stdout.partition("\n")[2]
+            usage = run(BIN / program, "--help", check=True).stdout.partition("\n")[2]
             options = set(re.findall(r"(?<= )--[\w-]+=?", usage))
             options -= {option.removesuffix("=") for option in options if option[-1] == "="}
             self.assertEqual(self.complete(f"{program} --")[0], sorted(options))

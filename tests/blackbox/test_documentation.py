@@ -1,10 +1,9 @@
 import json
 import re
-import subprocess
 import sys
 
 import jsonschema
-from harness import BIN, DEADLINE, DOCS, RESPONSE, Case, clean_environment, in_thread, read_schema
+from harness import BIN, DOCS, RESPONSE, Case, in_thread, read_schema, run
 
 ROOT = DOCS.parent
 PROTOCOL = (DOCS / "protocol.md").read_text()
@@ -13,8 +12,7 @@ REQUEST = read_schema("request")
 
 
 def help_of(program):
-    return subprocess.run([BIN / program, "--help"], capture_output=True, text=True, check=True,
-                          timeout=DEADLINE).stdout
+    return run(BIN / program, "--help", check=True).stdout
 
 
 def manual(name):
@@ -73,10 +71,7 @@ class ProtocolDocumentTest(Case):
         silent = self.listen(f"{self.folder}/silent")
         for command in ([BIN / "example"], [sys.executable, DOCS / "example.py"]):
             with self.subTest(command=command):
-                def run(*arguments):
-                    return subprocess.run([*command, *arguments], capture_output=True, text=True,
-                                          timeout=DEADLINE, env=clean_environment({}))
-                result = run(daemon.name)
+                result = run(*command, daemon.name)
                 self.assertIn("KT-0001-DEMO", result.stdout)
                 self.assertEqual((result.returncode, result.stderr), (0, ""))
 
@@ -84,7 +79,7 @@ class ProtocolDocumentTest(Case):
                     with silent.accept()[0] as connection:
                         connection.recv(4), connection.recv(1000)
                 server = in_thread(hang_up)
-                result = run(f"{self.folder}/silent")
+                result = run(*command, f"{self.folder}/silent")
                 server.join()
                 self.assertEqual((result.returncode, result.stdout), (1, ""))
                 self.assertIn("no answer", result.stderr)
@@ -99,9 +94,7 @@ class ManualTest(Case):
         for page in MANUALS:
             for complaints, command in checks.items():
                 with self.subTest(page=page.name, command=command[0]):
-                    result = subprocess.run([*command, page], capture_output=True, text=True,
-                                            timeout=DEADLINE,
-                                            env=clean_environment({"LC_ALL": "C.UTF-8"}))
+                    result = run(*command, page, environment={"LC_ALL": "C.UTF-8"})
                     self.assertEqual((result.returncode, getattr(result, complaints)), (0, ""))
 
     def test_settings_are_those_that_the_daemon_lists(self):

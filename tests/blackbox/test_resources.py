@@ -4,7 +4,7 @@ import resource
 import time
 import unittest
 
-from harness import GENERIC, HARDWARE, MAX_PAYLOAD, NOT_IMPLEMENTED, SANITIZED, Case, serial
+from harness import GENERIC, HARDWARE, MAX_PAYLOAD, NOT_IMPLEMENTED, SANITIZED, Case
 
 
 def processor_time(daemon):
@@ -14,15 +14,6 @@ def processor_time(daemon):
 
 
 class ResourceTest(Case):
-    def test_connections_leave_nothing_behind(self):
-        daemon = self.start("--trace-level=1", dmidecode="echo S1")
-        descriptors = daemon.count_when_idle()
-        for _ in range(40):
-            self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
-            for _ in range(49):
-                self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
-        self.assertEqual(daemon.count_when_idle(), descriptors)
-
     @unittest.skipIf(SANITIZED, "sanitizers take memory of their own")
     def test_announced_packets_take_no_memory(self):
         _, limit = resource.getrlimit(resource.RLIMIT_NOFILE)

@@ -1,9 +1,6 @@
 import os
 
-from harness import (DEADLINE, GENERIC, HARDWARE, SANITIZED, STREAM, Case, serial,
-                     wait_until)
-
-PATIENCE = DEADLINE if SANITIZED else 10  # seconds from a SIGTERM to the end
+from harness import GENERIC, HARDWARE, PATIENCE, STREAM, Case, serial, wait_until
 
 
 def complaints_of_commands(daemon):

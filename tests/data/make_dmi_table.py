@@ -3,7 +3,7 @@
 
   offset  size  content
   0       32    SMBIOS 3.0 entry point, padded with zeros
-  32            the structures it points to: BIOS (0), system (1), chassis (3), end of table (127)
+  32            the structures it points to: system (1), end of table (127)
 
 A structure is a header, its fields, and the texts they refer to by number, counted from 1; number 0
 is no text. Each text ends with a zero byte, and so does the list; an empty list is two zero bytes.
@@ -16,78 +16,24 @@ import uuid
 TABLE_OFFSET = 32
 
 
-class Texts:
-    """The texts of one structure, as they are referred to."""
-
-    def __init__(self):
-        self._texts = []
-
-    def add(self, text):
-        if not text:
-            return 0
-        self._texts.append(text.encode() + b"\0")
-        return len(self._texts)
-
-    def encode(self):
-        return b"".join(self._texts) + (b"\0" if self._texts else b"\0\0")
-
-
 def encode_structure(kind, handle, fields, texts):
     header_size = 4
     header = struct.pack("<BBH", kind, header_size + len(fields), handle)
-    return header + fields + texts.encode()
-
-
-def encode_bios():
-    texts = Texts()
-    fields = struct.pack(
-        "<BBHBBQHBBBB",
-        texts.add("Example Firmware Maker"),
-        texts.add("1.0"),
-        0xF000,  # segment of the start address
-        texts.add("01/01/2024"),
-        0,  # ROM size: 64 KiB
-        1 << 3,  # characteristics: not given
-        0,
-        1, 0,  # BIOS release
-        0xFF, 0xFF,  # release of the embedded controller: none
-    )
-    return encode_structure(0, 0x0000, fields, texts)
+    return header + fields + b"".join(text.encode() + b"\0" for text in texts or [""]) + b"\0"
 
 
 def encode_system(serial):
-    texts = Texts()
+    texts = ["Example Maker", "Example Terminal", "1", *([serial] if serial else [])]
     fields = struct.pack(
         "<BBBB16sBBB",
-        texts.add("Example Maker"),
-        texts.add("Example Terminal"),
-        texts.add("1"),
-        texts.add(serial),
+        1, 2, 3,
+        4 if serial else 0,
         uuid.UUID("00112233-4455-6677-8899-aabbccddeeff").bytes_le,
         6,  # woken up by its power switch
         0,
         0,
     )
     return encode_structure(1, 0x0100, fields, texts)
-
-
-def encode_chassis():
-    texts = Texts()
-    fields = struct.pack(
-        "<BBBBBBBBBIBBBB",
-        texts.add("Example Maker"),
-        3,  # desktop
-        0,
-        texts.add("EXAMPLE-CHASSIS"),  # not the system's serial number
-        0,
-        3, 3, 3, 3,  # states: safe; security: none
-        0,
-        0,
-        0,
-        0,
-        0,
-    )
-    return encode_structure(3, 0x0300, fields, texts)
 
 
 def encode_entry_point(table_size):
@@ -104,8 +50,7 @@ def main():
     parser.add_argument("--output", required=True, help="the file to write")
     arguments = parser.parse_args()
 
-    end = encode_structure(127, 0x7F00, b"", Texts())
-    table = encode_bios() + encode_system(arguments.serial) + encode_chassis() + end
+    table = encode_system(arguments.serial) + encode_structure(127, 0x7F00, b"", [])
     with open(arguments.output, "wb") as output:
         output.write(encode_entry_point(len(table)) + table)
 

@@ -1,8 +1,6 @@
 #include <cstdint>
 #include <cstring>
-#include <memory>
 
-#include "base/exception.h"
 #include "io/native_messaging_host_read_stream.h"
 #include "io/native_messaging_host_write_stream.h"
 #include "net/socket.h"
@@ -85,22 +83,6 @@ TEST_F(NativeMessagingTest, HeaderAndPayloadAreTwoRecords) {
   EXPECT_EQ(events.Take(3), "ok 5;ok 0;ok 1;");
   EXPECT_EQ(Receive(peer), Header(0));
   EXPECT_EQ(Receive(peer), Header(1)) << "no empty record follows an empty packet";
-}
-
-TEST_F(NativeMessagingTest, AWriteIsContinuedUntilAllIsSent) {
-  Open(SOCK_STREAM);
-  int const small = 4096;
-  OnLoop([&] { socket->SetOption(SOL_SOCKET, SO_SNDBUF, &small, sizeof small); });
-  std::string const payload(1'000'000, 'x');
-  WritePacket(Base::CopyOfText(payload));
-  std::string received;
-  while (received.size() < payload.size() + 4) received += Receive(peer);
-  EXPECT_EQ(received, Header(1'000'000) + payload);
-  EXPECT_EQ(events.Take(), "ok 1000000;");
-  Open(SOCK_STREAM);
-  peer.Reset();
-  WritePacket(Base::CopyOfText("x"));
-  EXPECT_EQ(events.Take(), "Broken pipe (Err 32) 1;");
 }
 
 }  // namespace

@@ -12,15 +12,15 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <sstream>
 #include <thread>
 #include <vector>
 
+#include "process/pipe.h"
 #include "tests/support/child.h"
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/loop_fixture.h"
+#include "tests/support/settings.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
 
 namespace {
 
@@ -44,6 +44,15 @@ std::string ErrorOfExecute(Base::Shared<Base::ThreadLinux> const& loop, std::str
     return err.what();
   }
   return "none";
+}
+
+// Gives a program all of its input, and then its end.
+void WriteAll(Base::Shared<IO::FileWriteStream> const& input, std::string_view text) {
+  input->Write(Base::CopyOfText(text),
+               Base::MakeCallback([input](Base::Status const& status, Base::ByteBuffer) {
+                 EXPECT_FALSE(status);
+                 input->Close();
+               }));
 }
 
 class ProcessExecTest : public LoopTest {
@@ -117,14 +126,7 @@ TEST_F(ProcessExecTest, AProgramGivesBackAllThatItIsGiven) {
   EXPECT_EQ(process->GetExitCode(), 1) << "the exit is not known";
   std::string const text(1U << 20U, 'x');
   ReadAll(process->GetErrorStream());
-  auto const input = process->GetInputStream();
-  OnLoop([&] {
-    input->Write(Base::CopyOfText(text),
-                 Base::MakeCallback([input](Base::Status const& status, Base::ByteBuffer) {
-                   EXPECT_EQ(StatusText(status), "ok");
-                   input->Close();
-                 }));
-  });
+  OnLoop([&] { WriteAll(process->GetInputStream(), text); });
   ReadAll(process->GetOutputStream());
   std::string const seen = events.Take(2);
   EXPECT_NE(seen.find("ok " + text + ";"), std::string::npos);
@@ -286,13 +288,9 @@ TEST_F(ProcessExecTest, ManyRunAtOnce) {
     NoteExit(processes.back());
   }
   for (int i = 0; i < count; ++i) {
-    auto const input = processes[static_cast<std::size_t>(i)]->GetInputStream();
-    OnLoop([&] {
-      input->Write(
-          Base::CopyOfText(std::to_string(i)),
-          Base::MakeCallback([input](Base::Status const&, Base::ByteBuffer) { input->Close(); }));
-    });
-    ReadAll(processes[static_cast<std::size_t>(i)]->GetOutputStream());
+    auto const& process = processes[static_cast<std::size_t>(i)];
+    OnLoop([&] { WriteAll(process->GetInputStream(), std::to_string(i)); });
+    ReadAll(process->GetOutputStream());
   }
   std::string const seen = ";" + events.Take(2 * count);
   for (int i = 0; i < count; ++i) {
@@ -340,14 +338,12 @@ class ForkedChildTest : public ProcessExecTest {
 };
 
 TEST_F(ForkedChildTest, TheWaitForItsExecSleeps) {
-  std::array<int, 2> release{};
-  ASSERT_EQ(pipe2(release.data(), O_CLOEXEC), 0);
-  Base::UniqueFd const readEnd(release[0]);
-  Base::UniqueFd const writeEnd(release[1]);
+  Process::Pipe release;
+  ASSERT_EQ(Process::MakePipe(release), 0);
   inForkedChild = [&] {
-    close(release[1]);  // so that it does not outlive a test that fails
+    close(release.writeEnd.Get());  // so that it does not outlive a test that fails
     char byte = 0;
-    static_cast<void>(!read(release[0], &byte, 1));
+    static_cast<void>(!read(release.readEnd.Get(), &byte, 1));
   };
   std::atomic<pid_t> starter{0};
   std::thread thread([&] {
@@ -366,23 +362,22 @@ TEST_F(ForkedChildTest, TheWaitForItsExecSleeps) {
   auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!isReading() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
   EXPECT_TRUE(isReading());
-  EXPECT_EQ(write(release[1], "x", 1), 1);
+  EXPECT_EQ(write(release.writeEnd.Get(), "x", 1), 1);
   thread.join();
 }
 
 TEST_F(ForkedChildTest, ASignalBeforeItsExecDoesNotRunOurHandler) {
-  std::array<int, 2> handled{};
-  ASSERT_EQ(pipe2(handled.data(), O_CLOEXEC | O_NONBLOCK), 0);
-  Base::UniqueFd const readEnd(handled[0]);
-  Base::UniqueFd const writeEnd(handled[1]);
+  Process::Pipe handled;
+  ASSERT_EQ(Process::MakePipe(handled), 0);
   static int handledFd = 0;
-  handledFd = handled[1];
+  handledFd = handled.writeEnd.Get();
   signal(SIGWINCH, [](int) { static_cast<void>(!write(handledFd, "x", 1)); });
   inForkedChild = [] { raise(SIGWINCH); };
   WaitForExit(Execute("true", {}));
   signal(SIGWINCH, SIG_DFL);
+  handled.writeEnd.Reset();
   char byte = 0;
-  EXPECT_EQ(read(handled[0], &byte, 1), -1);
+  EXPECT_EQ(read(handled.readEnd.Get(), &byte, 1), 0);
 }
 
 // In a process of its own, which prints nothing: it says by its status how it went.
@@ -394,10 +389,7 @@ TEST(ClosedStreamsTest, AProgramGetsItsPipesThereToo) {
       auto const process =
           ProcessExecLinux::Execute(loop, "sh", {"-c", "cat; echo error >&2; exit 7"});
       loop->PostTask(Base::MakeCallback([&] {
-        auto const input = process->GetInputStream();
-        input->Write(
-            Base::CopyOfText("input"),
-            Base::MakeCallback([input](Base::Status const&, Base::ByteBuffer) { input->Close(); }));
+        WriteAll(process->GetInputStream(), "input");
         process->WaitForExit(Base::MakeCallback([&] { loop->Stop(); }));
       }));
       loop->Run();
@@ -434,17 +426,13 @@ TEST(ClosedStreamsTest, APipeThatCannotBeMovedHasItsText) {
 [[noreturn]] void LogAFailedExec() {
   {
     TemporaryDirectory const directory;
-    std::string const folder = "--trace-folder=" + directory.path.string();
-    std::array<char const*, 2> const argv{"program", folder.c_str()};
-    ParseArguments(static_cast<int>(argv.size()), argv.data());
+    SetArguments({"--trace-folder=" + directory.path.string()});
     Trace::InitializeTrace(true, "test.log");
     auto const loop = Base::MakeShared<Base::ThreadLinux>();
     EXPECT_EQ(ErrorOfExecute(loop, "/nowhere", ENOENT).substr(0, 15), "Parent detected");
-    std::istringstream log(ReadFile(directory.path / "test.log"));
     std::string const origin = " process_exec_linux(" + std::to_string(getpid()) + ":";
     std::string messages;
-    for (std::string line; std::getline(log, line);) {
-      if (line.find(" process_exec_linux(") == std::string::npos) continue;
+    for (std::string const& line : ReadLines(directory.path / "test.log", " process_exec_linux(")) {
       EXPECT_NE(line.find(origin), std::string::npos) << line;
       messages += line.substr(line.find(" - ") + 3) + "\n";
     }

@@ -2,18 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <string>
 
-#include "utilities/arguments.h"
+#include "tests/support/settings.h"
 
 namespace {
 
 class CertificateInfoTest : public testing::Test {
  protected:
-  void SetUp() override { Configure("test"); }
-
-  static void Configure(char const* argument) { ParseArguments(1, &argument); }
+  void SetUp() override { SetArguments({}); }
 
   static Certificate Parse(std::string const& output) {
     Certificate certificate;
@@ -42,7 +39,7 @@ TEST_F(CertificateInfoTest, FieldsAsTheyWerePrinted) {
 TEST_F(CertificateInfoTest, FingerprintKeyOfOpenssl3CountsOnlyWhenWanted) {
   EXPECT_EQ(Parse(openssl3).thumbprintSha256, "");
   EXPECT_EQ(Parse(openssl3).serial, "0A1B");
-  Configure("--openssl-fingerprint-any-case");
+  SetArguments({"--openssl-fingerprint-any-case"});
   EXPECT_EQ(Parse(openssl3).thumbprintSha256, "01AbFF");
   EXPECT_EQ(Parse(openssl1).thumbprintSha256, "01AbFF");
 }

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <vector>
 
 // A directory that is there for one test.
 class TemporaryDirectory {
@@ -28,6 +30,17 @@ inline std::string ReadFile(std::filesystem::path const& path) {
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
   return text.str();
+}
+
+// Those that contain `part`.
+inline std::vector<std::string> ReadLines(std::filesystem::path const& path,
+                                          std::string_view part = {}) {
+  std::vector<std::string> lines;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    if (line.find(part) != std::string::npos) lines.push_back(line);
+  }
+  return lines;
 }
 
 // Runs `function` in a process of its own, for what can be done only once in one; returns its wait

@@ -19,7 +19,6 @@
 #include <filesystem>
 #include <functional>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -30,9 +29,9 @@
 #include "base/thread_linux.h"
 #include "base/thread_pool_linux_glib.h"
 #include "tests/support/child.h"
+#include "tests/support/settings.h"
 #include "trace/crash_stack.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
 
 TRACE_MODULE("crash_handler_test");
 
@@ -124,20 +123,16 @@ class CrashTest : public testing::Test {
   int Run(std::function<void()> crash, std::vector<std::string> arguments, bool skipHandler) {
     TemporaryDirectory const directory;
     arguments.insert(arguments.begin(),
-                     {"program", "--trace-level=1", "--trace-folder=" + directory.path.string()});
+                     {"--trace-level=1", "--trace-folder=" + directory.path.string()});
     int const status = RunInChild([&] {
       std::filesystem::current_path(directory.path);  // where a core goes
       dup2(open("err", O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
-      std::vector<char const*> argv;
-      for (std::string const& argument : arguments) argv.push_back(argument.c_str());
-      ParseArguments(static_cast<int>(argv.size()), argv.data());
+      SetArguments(arguments);
       Trace::InitializeTrace(skipHandler, "crash.log");
       crash();
     });
     err = ReadFile(directory.path / "err");
-    lines.clear();
-    std::istringstream file(ReadFile(directory.path / "crash.log"));
-    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    lines = ReadLines(directory.path / "crash.log");
     return status;
   }
 

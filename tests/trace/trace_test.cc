@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,10 +17,10 @@
 #include "base/buffer.h"
 #include "base/maybe.h"
 #include "tests/support/child.h"
+#include "tests/support/settings.h"
 #include "trace/guid.h"
 #include "trace/sinks.h"
 #include "trace/time_text.h"
-#include "utilities/arguments.h"
 
 TRACE_MODULE("trace_test");
 
@@ -34,23 +33,16 @@ class TraceTest : public testing::Test {
   std::vector<std::string> Log(std::vector<std::string> arguments, std::function<void()> write,
                                char const* logFileName = "test.log") {
     arguments.insert(arguments.begin(),
-                     {"program", "--trace-folder=" + directory.path.string(), "--trace-console"});
+                     {"--trace-folder=" + directory.path.string(), "--trace-console"});
     int const status = RunInChild([&] {
       Redirect("out", STDOUT_FILENO);
       Redirect("err", STDERR_FILENO);
-      std::vector<char const*> argv;
-      for (std::string const& argument : arguments) argv.push_back(argument.c_str());
-      ParseArguments(static_cast<int>(argv.size()), argv.data());
+      SetArguments(arguments);
       Trace::InitializeTrace(true, logFileName);
       write();
     });
     EXPECT_EQ(status, 0) << ReadFile(directory.path / "err");
-    std::vector<std::string> lines;
-    std::istringstream file(ReadFile(directory.path / "test.log"));
-    for (std::string line; std::getline(file, line);) {
-      if (line.find(" trace_test(") != std::string::npos) lines.push_back(line);
-    }
-    return lines;
+    return ReadLines(directory.path / "test.log", " trace_test(");
   }
 
   void Redirect(char const* name, int fd) const {
@@ -195,8 +187,7 @@ TEST_F(TraceTest, TheDefaultFolderYieldsNoOthersFile) {
   std::filesystem::path const target = directory.path / "target";
   auto const log = [&] {
     return RunInChild([&] {
-      char const* const program = "program";
-      ParseArguments(1, &program);
+      SetArguments({});
       Trace::InitializeTrace(true, name.c_str());
     });
   };
@@ -218,8 +209,8 @@ TEST_F(TraceTest, TheDefaultFolderYieldsNoOthersFile) {
 }
 
 TEST(TracePathTest, IsBuiltFromTheSettings) {
-  auto const pathFor = [](std::vector<char const*> arguments, std::string const& name) {
-    ParseArguments(static_cast<int>(arguments.size()), arguments.data());
+  auto const pathFor = [](std::vector<std::string> const& arguments, std::string const& name) {
+    SetArguments(arguments);
     return Trace::GetTraceFilePath(name);
   };
   EXPECT_EQ(pathFor({}, "a.log"), "/tmp/a.log");

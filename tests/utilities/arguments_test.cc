@@ -4,17 +4,13 @@
 #include <stdlib.h>
 
 #include <string>
-#include <vector>
+
+#include "tests/support/settings.h"
 
 namespace {
 
 class ArgumentsTest : public testing::Test {
  protected:
-  static void Parse(std::vector<char const*> arguments) {
-    arguments.insert(arguments.begin(), "program");
-    ParseArguments(static_cast<int>(arguments.size()), arguments.data());
-  }
-
   static void SetVariable(std::string const& name, char const* value) {
     setenv(name.c_str(), value, 1);
   }
@@ -27,7 +23,7 @@ class ArgumentsTest : public testing::Test {
 };
 
 TEST_F(ArgumentsTest, FormsOfAnArgument) {
-  Parse({"--a:1", "--b=x=y:z", "--C-d", "-x", "word", "--", "--=v", "--e.f=1", "--g="});
+  SetArguments({"--a:1", "--b=x=y:z", "--C-d", "-x", "word", "--", "--=v", "--e.f=1", "--g="});
   EXPECT_EQ(GetArgument("a", "?"), "1");
   EXPECT_EQ(GetArgument("b", "?"), "x=y:z");
   EXPECT_TRUE(HasArgument("c_D"));
@@ -46,7 +42,7 @@ TEST_F(ArgumentsTest, TheLaterEntryAndTheEnvironmentWin) {
   SetVariable("KESTREL_PERIOD", "60");
   SetVariable("KESTREL_Trace-Level", "");
   SetVariable("KESTREL_", "nameless");
-  Parse({"--period=300", "--trace_level=2", "--twice=1", "--TWICE=2"});
+  SetArguments({"--period=300", "--trace_level=2", "--twice=1", "--TWICE=2"});
   EXPECT_EQ(GetIntArgument("Period", 5), 60);
   EXPECT_EQ(GetIntArgument("twice", 0), 2);
   EXPECT_TRUE(GetBoolArgument("trace-level", false)) << "an empty variable is a flag";
@@ -58,8 +54,8 @@ TEST_F(ArgumentsTest, TheLaterEntryAndTheEnvironmentWin) {
 }
 
 TEST_F(ArgumentsTest, MalformedValuesReadAsTheDefault) {
-  Parse({"--yes", "--no=FALSE", "--zero=0", "--true=True", "--odd=yes", "--word=abc", "--tail=12x",
-         "--space= 12", "--plus=+1", "--big=99999999999", "--minus=-7"});
+  SetArguments({"--yes", "--no=FALSE", "--zero=0", "--true=True", "--odd=yes", "--word=abc",
+                "--tail=12x", "--space= 12", "--plus=+1", "--big=99999999999", "--minus=-7"});
   EXPECT_TRUE(GetBoolArgument("yes", false));
   EXPECT_FALSE(GetBoolArgument("no", true));
   EXPECT_FALSE(GetBoolArgument("zero", true));

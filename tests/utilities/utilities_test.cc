@@ -3,19 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <string>
 
-#include "utilities/arguments.h"
+#include "tests/support/settings.h"
 
 namespace {
-
-void Configure(char const* argument) {
-  std::array<char const*, 2> const argv{"test", argument};
-  ParseArguments(static_cast<int>(argv.size()), argv.data());
-}
 
 TEST(ExecuteCommandTest, AppendsWhatWasPrintedAsItIs) {
   std::string output = "before";
@@ -34,7 +28,7 @@ TEST(ExecuteCommandTest, CommandThatRunsAndFailsIsNoFailure) {
 }
 
 TEST(ExecuteCommandTest, CommandThatPassesALimitIsAFailureAndPrintsNothing) {
-  Configure("--command-timeout=1");
+  SetArguments({"--command-timeout=1"});
   std::string output = "before";
   EXPECT_FALSE(ExecuteCommand("echo after; exec sleep 1000", output));
   EXPECT_FALSE(ExecuteCommand("exec yes", output));
