@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -46,6 +47,19 @@ class LoopTest : public LiveObjectsTest {
   template <typename Function>
   void OnLoop(Function function) {
     Base::RunAndWait(*loop, std::move(function));
+  }
+
+  // Waits until the loop has polled so often. Not by scheduled tasks: one that is overdue when the
+  // loop comes to wait does not end the wait.
+  void AwaitRounds(std::uint64_t count) {
+    auto const getRound = [this] {
+      std::uint64_t round = 0;
+      OnLoop([&] { round = loop->GetRound(); });
+      return round;
+    };
+    std::uint64_t const end = getRound() + count;
+    while (getRound() < end) {
+    }
   }
 
   // A connected pair: a socket on the loop, and the plain descriptor of its peer.
