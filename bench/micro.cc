@@ -6,14 +6,14 @@
 #include <utility>
 
 #include "base/callback.h"
+#include "base/glib/thread_linux_glib.h"
+#include "base/glib/thread_pool_linux_glib.h"
+#include "base/loop/task_runner.h"
+#include "base/loop/thread_linux.h"
+#include "base/loop/thread_pool.h"
 #include "base/shared.h"
-#include "base/task_runner.h"
-#include "base/thread_linux.h"
-#include "base/thread_linux_glib.h"
-#include "base/thread_pool.h"
-#include "base/thread_pool_linux_glib.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 TRACE_MODULE("micro");
 

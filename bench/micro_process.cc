@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "base/callback.h"
+#include "base/loop/thread_linux.h"
 #include "base/shared.h"
-#include "base/thread_linux.h"
 #include "process/process_exec_linux.h"
 
 namespace {

@@ -15,7 +15,7 @@
 
 #include "base/exception.h"
 #include "base/maybe.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 namespace {
 

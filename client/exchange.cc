@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "base/exception.h"
-#include "base/io_thread.h"
+#include "base/loop/io_thread.h"
 #include "io/native_messaging_host_read_stream.h"
 #include "io/native_messaging_host_write_stream.h"
 #include "net/socket.h"

@@ -13,12 +13,12 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/loop/thread_pool.h"
 #include "base/shared.h"
 #include "base/standard_streams.h"
-#include "base/thread_pool.h"
 #include "client/command_line.h"
 #include "client/exchange.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 namespace {
 

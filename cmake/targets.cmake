@@ -14,20 +14,22 @@ add_library(ktclientd::version ALIAS ktclientd_version)
 target_compile_definitions(ktclientd_version
                            INTERFACE "KTCLIENTD_VERSION=\"${PROJECT_VERSION}\"")
 
-# Library ktclientd::<name>: static, or only an interface when it has no SOURCES. HEADERS are all of
-# its headers; each must compile alone.
+# Library ktclientd::<name>, named as its folder: static, or only an interface when it has no SOURCES.
+# HEADERS are for every target that depends on it, PRIVATE_HEADERS for its own folder. Each header
+# must compile alone.
 function(ktclientd_library name)
-  ktclientd_parse_arguments("HEADERS;SOURCES;DEPENDS;PACKAGES" ${ARGN})
+  ktclientd_parse_arguments("HEADERS;PRIVATE_HEADERS;SOURCES;DEPENDS;PACKAGES" ${ARGN})
+  set(headers ${ARG_HEADERS} ${ARG_PRIVATE_HEADERS})
   set(library "ktclientd_${name}")
   if(ARG_SOURCES)
-    add_library("${library}" STATIC ${ARG_SOURCES} ${ARG_HEADERS})
+    add_library("${library}" STATIC ${ARG_SOURCES} ${headers})
     target_link_libraries("${library}" PUBLIC ${ARG_DEPENDS} ${ARG_PACKAGES})
   else()
-    add_library("${library}" INTERFACE ${ARG_HEADERS})
+    add_library("${library}" INTERFACE ${headers})
     target_link_libraries("${library}" INTERFACE ${ARG_DEPENDS} ${ARG_PACKAGES})
   endif()
   add_library("ktclientd::${name}" ALIAS "${library}")
-  ktclientd_check_headers("${library}" ${ARG_HEADERS})
+  ktclientd_check_headers("${library}" ${headers})
 endfunction()
 
 # Program <name>.

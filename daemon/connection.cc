@@ -6,9 +6,9 @@
 
 #include "base/exception.h"
 #include "daemon/activity.h"
+#include "daemon/budget_read_stream.h"
 #include "daemon/dispatch.h"
 #include "daemon/response.h"
-#include "daemon/turn_read_stream.h"
 #include "io/native_messaging_host_read_stream.h"
 #include "trace/trace.h"
 
@@ -41,7 +41,7 @@ void OnNewConnection(Base::Status const& err, Net::Address const& address,
 
 void StartReading(Base::Shared<Net::Socket> const& socket) {
   auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-      Base::MakeShared<TurnReadStream>(Base::MakeShared<Net::SocketReadStream>(socket, readSize)),
+      Base::MakeShared<BudgetReadStream>(Base::MakeShared<Net::SocketReadStream>(socket, readSize)),
       maxPacketSize);
   stream->Read(
       Base::MakeCallback([socket](Base::Status const& err, Base::ByteBuffer buffer, bool complete) {

@@ -10,12 +10,12 @@
 #include <cstdint>
 
 #include "base/exception.h"
-#include "base/thread.h"
-#include "base/thread_pool.h"
+#include "base/loop/thread.h"
+#include "base/loop/thread_pool.h"
 #include "base/unique_fd.h"
 #include "daemon/activity.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 TRACE_MODULE("main");
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/thread_linux.h"
+#include "base/loop/thread_linux.h"
 
 // A socket-activated daemon leaves when no client has been heard of for "activated-period" seconds.
 

@@ -9,12 +9,12 @@
 #include <utility>
 
 #include "base/exception.h"
-#include "base/io_thread.h"
-#include "base/run_and_wait.h"
+#include "base/loop/io_thread.h"
+#include "base/loop/run_and_wait.h"
+#include "base/loop/thread_linux.h"
+#include "base/loop/thread_pool.h"
 #include "base/shared.h"
 #include "base/standard_streams.h"
-#include "base/thread_linux.h"
-#include "base/thread_pool.h"
 #include "base/unique_fd.h"
 #include "daemon/connection.h"
 #include "daemon/idle_shutdown.h"
@@ -24,7 +24,7 @@
 #include "net/address.h"
 #include "net/socket_linux.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 TRACE_MODULE("main");
 
@@ -163,7 +163,7 @@ void RunDaemon(int argc, char const* const* argv) {
   RelayTermination(*daemon.mainThread, Base::Callback<int>(&OnSignal));
   Listen();
   GetDaemon().folderLock.Reset();
-  ReleaseTermination();
+  UnblockTermination();
   TellServiceManager("READY=1");
   // A handle of its own: the shutdown empties the daemon's while the loop still runs.
   Base::Shared<Base::ThreadLinux> const mainThread = daemon.mainThread;
@@ -180,7 +180,7 @@ int main(int argc, char** argv) {
   if (IsWordOfCommandLine(argc, argv, "--version")) {
     return std::puts("ktclientd " KTCLIENTD_VERSION) == EOF || std::fflush(stdout) == EOF ? 1 : 0;
   }
-  HoldBackTermination();
+  BlockTermination();
   Base::OpenMissingStandardStreams();
   LimitHeap();
   try {

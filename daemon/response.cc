@@ -8,9 +8,9 @@
 
 #include "base/buffer.h"
 #include "base/exception.h"
-#include "base/io_thread.h"
+#include "base/loop/io_thread.h"
+#include "base/loop/step_budget.h"
 #include "base/stream.h"
-#include "base/turn.h"
 #include "daemon/packet_backlog.h"
 #include "io/native_messaging_host_write_stream.h"
 #include "trace/trace.h"
@@ -26,12 +26,12 @@ namespace {
 // What one connection may leave unread on top of what the kernel holds for it.
 constexpr std::size_t maxUnreadLength = std::size_t{1} << 20U;
 
-constexpr unsigned responsesInATurn = 16;
+constexpr unsigned responsesPerRound = 16;
 
 struct Outgoing {
   std::size_t underWay = 0;  // the length of the response that is being written
   PacketBacklog backlog;
-  Base::Turn turn{Base::GetIOThread(), responsesInATurn};
+  Base::StepBudget budget{Base::GetIOThread(), responsesPerRound};
   bool hasOverflowed = false;
   bool disconnectWhenWritten = false;
 };
@@ -82,7 +82,7 @@ void OnResponseWritten(Base::Shared<Net::Socket> const& socket, Base::Status con
   TRACE_VERBOSE("Successfully wrote packet", buffer);
   Outgoing& outgoing = GetOutgoing().at(socket.Get());
   if (!outgoing.backlog.IsEmpty()) {
-    outgoing.turn.Take(Base::MakeCallback([socket] { WriteNext(socket); }));
+    outgoing.budget.Run(Base::MakeCallback([socket] { WriteNext(socket); }));
     return;
   }
   bool const disconnect = outgoing.disconnectWhenWritten;

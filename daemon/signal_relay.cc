@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "base/exception.h"
-#include "base/shell_command.h"
+#include "process/shell_command.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("main");
@@ -26,7 +26,7 @@ static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler")
 void OnTermination(int signalNumber) {
   int const error = errno;
   // Here and not on the loop: it may already be waiting for the thread that runs a command.
-  Base::CancelShellCommands();
+  Process::CancelShellCommands();
   auto const byte = static_cast<unsigned char>(signalNumber);
   // A full pipe already holds more signals than anybody waits for.
   static_cast<void>(!write(relayFd.load(std::memory_order_relaxed), &byte, sizeof byte));
@@ -57,7 +57,7 @@ void ReadSignals(int fd, Base::Callback<int> const& onSignal) {
 
 }  // namespace
 
-void HoldBackTermination() { ChangeMask(SIG_BLOCK); }
+void BlockTermination() { ChangeMask(SIG_BLOCK); }
 
 void SurviveBrokenPipes() { SetHandler(SIGPIPE, &OnBrokenPipe); }
 
@@ -73,8 +73,8 @@ void RelayTermination(Base::ThreadLinux& loop, Base::Callback<int> onSignal) {
                 Base::MakeCallback([onSignal = std::move(onSignal)](int fd, int /*events*/) {
                   ReadSignals(fd, onSignal);
                 }));
-  Base::AllowCancelOfShellCommands();
+  Process::AllowCancelOfShellCommands();
   SetHandler(SIGTERM, &OnTermination);
 }
 
-void ReleaseTermination() { ChangeMask(SIG_UNBLOCK); }
+void UnblockTermination() { ChangeMask(SIG_UNBLOCK); }

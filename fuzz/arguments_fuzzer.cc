@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 // Any command line is taken, nothing of it is lost, and every getter answers.
 

@@ -5,12 +5,12 @@
 #include <span>
 
 #include "base/buffer.h"
-#include "base/io_thread.h"
-#include "base/run_and_wait.h"
+#include "base/loop/io_thread.h"
+#include "base/loop/run_and_wait.h"
 #include "base/shared.h"
 #include "io/file_stream.h"
 #include "io/native_messaging_host_read_stream.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 // What a client can send, cut into reads of any size: every packet that comes out of the stream is
 // inside the limit and was in the input, each read is reported once, and JSON parsing survives it.

@@ -11,7 +11,7 @@
 #include "trace/guid.h"
 #include "trace/hex.h"
 #include "trace/time_text.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 // Whatever a text is read as is written as a text that is read as the same; all else is refused by
 // an exception of this system's own.

@@ -21,7 +21,7 @@ namespace IO {
 
 namespace {
 
-constexpr unsigned completionsInATurn = 16;
+constexpr unsigned completionsPerRound = 16;
 
 bool Has(int events, std::uint32_t bits) {
   return (static_cast<std::uint32_t>(events) & bits) != 0;
@@ -76,8 +76,8 @@ void FileStreamLinux::ThrowIfClosed(std::string_view message, Buffer const& data
 
 template <typename Callback, typename... Results>
 void FileStreamLinux::Post(Callback callback, Results... results) {
-  if (!_turn) _turn.emplace(_ioThread, completionsInATurn);
-  _turn->Post(Base::MakeCallback(
+  if (!_budget) _budget.emplace(_ioThread, completionsPerRound);
+  _budget->Post(Base::MakeCallback(
       [self = Base::Shared(this), callback = std::move(callback),
        ... results = std::move(results)]() mutable { callback->Call(std::move(results)...); }));
 }

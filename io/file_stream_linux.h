@@ -8,12 +8,12 @@
 #include <string_view>
 
 #include "base/buffer.h"
+#include "base/loop/step_budget.h"
+#include "base/loop/thread_linux.h"
+#include "base/loop/watch_hold.h"
 #include "base/shared.h"
 #include "base/stream.h"
-#include "base/thread_linux.h"
-#include "base/turn.h"
 #include "base/unique_fd.h"
-#include "base/watch_hold.h"
 #include "io/file_stream.h"
 #include "io/whole_write_stream.h"
 
@@ -77,8 +77,8 @@ class FileStreamLinux final : public Base::Shareable {
 
   Base::UniqueFd _fd;  // empty once closed
   Base::Shared<Base::ThreadLinux> _ioThread;
-  std::optional<Base::Turn> _turn;  // made on the loop's thread
-  std::uint32_t _watchEvents = 0;   // the watch's interest; none: there is no watch
+  std::optional<Base::StepBudget> _budget;  // made on the loop's thread
+  std::uint32_t _watchEvents = 0;           // the watch's interest; none: there is no watch
   WriteCallback _writeCallback;
   Buffer _writeBuffer;
   ReadCallback _readCallback;

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "base/exception.h"
-#include "base/io_thread.h"
+#include "base/loop/io_thread.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("native_messaging_host_read_stream");

@@ -8,12 +8,12 @@
 
 #include "base/buffer.h"
 #include "base/callback.h"
+#include "base/loop/thread_linux.h"
+#include "base/loop/watch_hold.h"
 #include "base/maybe.h"
 #include "base/shared.h"
 #include "base/stream.h"
-#include "base/thread_linux.h"
 #include "base/unique_fd.h"
-#include "base/watch_hold.h"
 #include "net/address.h"
 #include "net/socket.h"
 

@@ -12,11 +12,11 @@
 #include <utility>
 
 #include "base/exception.h"
-#include "base/pidfd.h"
-#include "base/shell_command.h"
 #include "base/text.h"
 #include "process/child.h"
+#include "process/pidfd.h"
 #include "process/pipe.h"
+#include "process/shell_command.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("process_exec_linux");
@@ -211,7 +211,7 @@ void ProcessExecLinux::WakeLoopOnExit() {
   // The wake is all that the event is for. It goes on until `OnExited`: a child that a signal ended
   // is reported only when the loop looks at it for the second time.
   auto const onExitEvent = Base::MakeCallback([](int /*fd*/, int /*events*/) {});
-  _exitEvent = Base::OpenPidfd(_pid);
+  _exitEvent = Process::OpenPidfd(_pid);
   int error = errno;
   try {
     if (_exitEvent) {
@@ -274,14 +274,14 @@ void ProcessExecLinux::Close() {
 }
 
 int ExecuteSyncCommand(std::string const& commandLine, std::string& output) {
-  Base::ShellResult const result = Base::RunInShell(commandLine);
+  Process::ShellResult const result = Process::RunInShell(commandLine);
   if (result.errorCode != 0) {
     int const errorCode = result.errorCode;
     std::string const errorMessage = std::generic_category().message(errorCode);
     TRACE_VERBOSE("Sync command failed", commandLine, errorCode, errorMessage);
     return 1;
   }
-  if (result.wasCut) return 1;
+  if (result.wasStopped) return 1;
   int const status = result.status;
   // For a command that a signal ended these bits are 0: kept as it is.
   int const exitCode = WEXITSTATUS(status);

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "base/callback.h"
+#include "base/loop/thread_linux.h"
+#include "base/loop/watch_hold.h"
 #include "base/shared.h"
-#include "base/thread_linux.h"
 #include "base/unique_fd.h"
-#include "base/watch_hold.h"
 #include "io/file_stream.h"
 #include "io/file_stream_linux.h"
 #include "process/process_exec.h"
@@ -86,8 +86,8 @@ class ProcessExecLinux final : public ProcessExec {
 // Runs `commandLine` in a shell (`sh -c`) to its end, on the calling thread, appends what it
 // printed on standard output to `output`, and trims the white space at the start and end of that.
 // Returns the command's exit code; 0 for one that a signal ended; 1, and leaves `output` alone,
-// where no shell could be started, and for a command that passed a limit of base/shell_command.h or
-// was cancelled.
+// where no shell could be started, and for a command that passed a limit of process/shell_command.h
+// or was cancelled.
 int ExecuteSyncCommand(std::string const& commandLine, std::string& output);
 
 }  // namespace Process

@@ -4,7 +4,7 @@
 
 #include "base/text.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 #include "utilities/utilities.h"
 
 TRACE_MODULE("certificate");

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "base/shared.h"
-#include "net/socket.h"
+#include <nlohmann/json_fwd.hpp>
 
-// Answers a "hardware" request with the BIOS serial number, as dmidecode(8) tells it. Blocks while
-// the command runs. Throws what `WriteResponse` throws.
-void RunHardwareSensor(Base::Shared<Net::Socket> const& socket);
+// Returns the response to a "hardware" request: the BIOS serial number as dmidecode(8) prints it,
+// or "ErrorGeneric" where the command fails or prints nothing. Blocks while the command runs.
+nlohmann::json AskHardware();

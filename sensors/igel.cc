@@ -6,11 +6,10 @@
 #include <system_error>
 
 #include "base/exception.h"
-#include "base/shell_command.h"
-#include "daemon/response.h"
+#include "process/shell_command.h"
 #include "sensors/certificate.h"
 #include "trace/trace.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 #include "utilities/os.h"
 
 TRACE_MODULE("main");
@@ -44,7 +43,7 @@ void AppendCertificates(std::string const& folder, nlohmann::json& response) {
   std::error_code error;
   std::filesystem::directory_iterator entry(folder, error);
   for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-    if (Base::AreShellCommandsCancelled()) throw Base::Exception("Shutting down");
+    if (Process::AreShellCommandsCancelled()) throw Base::Exception("Shutting down");
     if (IsManagementCertificate(entry->path())) AppendCertificate(entry->path(), response);
   }
   if (error) {
@@ -54,19 +53,13 @@ void AppendCertificates(std::string const& folder, nlohmann::json& response) {
 
 }  // namespace
 
-void RunIgelSensor(Base::Shared<Net::Socket> const& socket) {
+nlohmann::json AskIgel() {
   if (!IsIgelDevice()) {
     TRACE_ERROR("Cannot handle IGEL request from non-IGEL device");
-    WriteErrorResponse(socket, "ErrorGeneric", "Not an IGEL device");
-    return;
+    return {{"status", "ErrorGeneric"}, {"error_message", "Not an IGEL device"}};
   }
-  try {
-    nlohmann::json response{{"status", "Success"}};
-    AppendCertificates(GetArgument("igel-management-cert-path", "/wfs/igel-rmagent/trust-store"),
-                       response);
-    WriteResponse(socket, response);
-  } catch (Base::Exception const& err) {
-    TRACE_ERROR("Error detecting igel management certificates", err);
-    WriteErrorResponse(socket, "ErrorGeneric", err.what());
-  }
+  nlohmann::json response{{"status", "Success"}};
+  AppendCertificates(GetArgument("igel-management-cert-path", "/wfs/igel-rmagent/trust-store"),
+                     response);
+  return response;
 }

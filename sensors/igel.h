@@ -1,10 +1,11 @@
 #pragma once
 
-#include "base/shared.h"
-#include "net/socket.h"
+#include <nlohmann/json_fwd.hpp>
 
-// Answers an "igel" request with the management certificates of an IGEL OS device: those of the
-// directory that the setting "igel-management-cert-path" names, default
-// "/wfs/igel-rmagent/trust-store", in the order in which it yields them. Blocks while a command
-// runs for each. Throws what `WriteResponse` throws.
-void RunIgelSensor(Base::Shared<Net::Socket> const& socket);
+// Returns the response to an "igel" request: the management certificates of an IGEL OS device, in
+// the order in which their folder lists them; "ErrorGeneric" on any other device. The setting
+// "igel-management-cert-path" names the folder, default "/wfs/igel-rmagent/trust-store".
+//
+// Blocks while openssl(1) runs, once for each certificate. Throws Base::Exception with a text for
+// the client when the folder cannot be read, and "Shutting down" when commands are cancelled.
+nlohmann::json AskIgel();

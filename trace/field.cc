@@ -8,7 +8,7 @@
 
 #include "base/string_conversion.h"
 #include "trace/time_text.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 namespace Trace {
 

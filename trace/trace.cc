@@ -18,12 +18,12 @@
 #include <string>
 #include <string_view>
 
-#include "trace/crash_handler.h"
-#include "trace/crash_report.h"
+#include "trace/crash/crash_handler.h"
+#include "trace/crash/crash_report.h"
 #include "trace/line_header.h"
 #include "trace/sinks.h"
 #include "trace/trace_arguments.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 namespace Trace {
 

@@ -1,7 +1,7 @@
 #include "trace/trace_arguments.h"
 
 #include "trace/trace.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 TRACE_MODULE("arguments");
 

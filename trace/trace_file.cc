@@ -14,7 +14,7 @@
 #include "base/unique_fd.h"
 #include "trace/sinks.h"
 #include "trace/time_text.h"
-#include "utilities/arguments.h"
+#include "utilities/arguments/arguments.h"
 
 namespace Trace {
 

@@ -9,9 +9,9 @@
 #include <system_error>
 
 #include "base/exception.h"
-#include "base/ini_reader.h"
 #include "base/text.h"
 #include "trace/trace.h"
+#include "utilities/ini_reader.h"
 
 TRACE_MODULE("os");
 
@@ -37,7 +37,7 @@ constexpr auto knownPlatforms = std::to_array<KnownPlatform>({
     {"Rangee", Platform::Rangee, "Detected platform as Rangee"},
 });
 
-std::string GetUnquoted(Base::IniReader const& file, std::string_view key) {
+std::string GetUnquoted(IniReader const& file, std::string_view key) {
   std::string value = file.GetValue("", key);
   std::erase(value, '"');
   return std::string(Base::TrimWhiteSpace(value));
@@ -55,7 +55,7 @@ PlatformFacts DetectPlatform(std::string const& filename) {
   std::error_code error;
   if (!std::filesystem::exists(filename, error)) return facts;
   try {
-    Base::IniReader const file(filename);
+    IniReader const file(filename);
     std::string const platformName = GetUnquoted(file, "NAME");
     std::string const platformVersion = GetUnquoted(file, "VERSION");
     facts.prettyName = GetUnquoted(file, "PRETTY_NAME");

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <system_error>
 
-#include "base/shell_command.h"
+#include "process/shell_command.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("utilities");
@@ -19,14 +19,14 @@ using SystemSeconds = std::chrono::time_point<std::chrono::system_clock, std::ch
 }  // namespace
 
 bool ExecuteCommand(std::string const& command, std::string& output) {
-  Base::ShellResult const result = Base::RunInShell(command);
+  Process::ShellResult const result = Process::RunInShell(command);
   if (result.errorCode != 0) {
     TRACE_ERROR("Command failed with error", command,
                 Trace::As("strerror((*__errno_location ()))",
                           std::generic_category().message(result.errorCode)));
     return false;
   }
-  if (result.wasCut) return false;
+  if (result.wasStopped) return false;
   output.append(result.output);
   int const status = result.status;
   int const exitCode = (status >> 8) & 255;

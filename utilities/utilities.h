@@ -8,9 +8,9 @@
 // Facts from commands and files. Threads: any.
 
 // Runs `command` in a shell to its end, on the calling thread, with the limits of
-// base/shell_command.h, and appends what it printed on standard output to `output`, unchanged. What
-// the command's exit status is does not count. False, and nothing appended, when it could not be
-// started, passed a limit, or was cancelled.
+// process/shell_command.h, and appends what it printed on standard output to `output`, unchanged.
+// What the command's exit status is does not count. False, and nothing appended, when it could not
+// be started, passed a limit, or was cancelled.
 //
 // Commands start with "LC_ALL=C ", so that the tools answer in the C locale.
 bool ExecuteCommand(std::string const& command, std::string& output);

@@ -7,7 +7,7 @@
 #include "base/buffer.h"
 #include "base/exception.h"
 #include "base/maybe.h"
-#include "tests/support/error_text.h"
+#include "tests/support/base/error_text.h"
 
 namespace {
 

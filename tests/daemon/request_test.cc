@@ -7,11 +7,12 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "daemon/budget_read_stream.h"
 #include "daemon/dispatch.h"
 #include "daemon/packet_backlog.h"
-#include "daemon/turn_read_stream.h"
 #include "io/native_messaging_host_read_stream.h"
-#include "tests/support/loop_fixture.h"
+#include "tests/support/base/loop/loop_fixture.h"
+#include "tests/support/net/socket_fixture.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ class DispatchTest : public IOThreadTest {
  protected:
   // What `text` is answered, parsed and dispatched on a thread with a stack of `stackSize` bytes.
   std::string Answer(std::string const& text, std::size_t stackSize) {
-    socket = MakePair(SOCK_SEQPACKET, peer);
+    socket = MakePair(loop, SOCK_SEQPACKET, peer);
     loop->Stop();  // nobody else touches the socket
     request = text;
     pthread_attr_t attributes;
@@ -81,13 +82,13 @@ class TurnReadStreamTest : public IOThreadTest {};
 TEST_F(TurnReadStreamTest, APacketInManyPiecesLetsTheLoopPollInBetween) {
   constexpr std::uint32_t pieces = 64;
   Base::UniqueFd peer;
-  auto const socket = MakePair(SOCK_SEQPACKET, peer);
+  auto const socket = MakePair(loop, SOCK_SEQPACKET, peer);
   Send(peer, std::string("\x40\0\0\0", 4));
   for (std::uint32_t i = 0; i < pieces; ++i) Send(peer, "x");
   std::uint64_t rounds = 0;
   OnLoop([&] {
     auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-        Base::MakeShared<TurnReadStream>(
+        Base::MakeShared<BudgetReadStream>(
             Base::MakeShared<Net::SocketReadStream>(socket, std::size_t{2048})),
         pieces);
     stream->Read(Base::MakeCallback(

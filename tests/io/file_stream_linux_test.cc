@@ -11,8 +11,8 @@
 #include <functional>
 #include <memory>
 
-#include "tests/support/child.h"
-#include "tests/support/loop_fixture.h"
+#include "tests/support/base/child.h"
+#include "tests/support/base/loop/loop_fixture.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <string>
 
-#include "tests/support/error_text.h"
+#include "tests/support/base/error_text.h"
 
 namespace {
 

@@ -7,9 +7,10 @@
 #include <vector>
 
 #include "base/exception.h"
-#include "tests/support/child.h"
-#include "tests/support/descriptor_limit.h"
-#include "tests/support/loop_fixture.h"
+#include "tests/support/base/child.h"
+#include "tests/support/base/descriptor_limit.h"
+#include "tests/support/base/loop/loop_fixture.h"
+#include "tests/support/net/socket_fixture.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ class SocketLinuxTest : public LoopTest {
 };
 
 TEST_F(SocketLinuxTest, ReadsAreReportedOnceAndOneAtATime) {
-  auto const socket = MakePair(SOCK_STREAM, peer);
+  auto const socket = MakePair(loop, SOCK_STREAM, peer);
   Send(peer, "now");
   Read(socket);
   EXPECT_EQ(events.Take(), "read ok now;");
@@ -55,7 +56,7 @@ TEST_F(SocketLinuxTest, ReadsAreReportedOnceAndOneAtATime) {
 }
 
 TEST_F(SocketLinuxTest, BytesBeforeAHangUpAreRead) {
-  auto const socket = MakePair(SOCK_STREAM, peer);
+  auto const socket = MakePair(loop, SOCK_STREAM, peer);
   OnLoop([&] {
     socket->Read(Base::ByteBuffer::Zeroed(16), NoteRead());
     Send(peer, "last");
@@ -68,7 +69,7 @@ TEST_F(SocketLinuxTest, BytesBeforeAHangUpAreRead) {
 }
 
 TEST_F(SocketLinuxTest, CloseReportsWhatIsPendingOnce) {
-  auto const socket = MakePair(SOCK_STREAM, peer);
+  auto const socket = MakePair(loop, SOCK_STREAM, peer);
   Read(socket);
   FillUp(socket);
   Close(socket);
@@ -85,7 +86,7 @@ TEST_F(SocketLinuxTest, CloseReportsWhatIsPendingOnce) {
 }
 
 TEST_F(SocketLinuxTest, AWaitingWriteGoesOnWhenThePeerReads) {
-  auto const socket = MakePair(SOCK_STREAM, peer);
+  auto const socket = MakePair(loop, SOCK_STREAM, peer);
   FillUp(socket);
   std::array<char, 65536> bytes;
   while (recv(peer.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
@@ -101,13 +102,13 @@ TEST_F(SocketLinuxTest, AWaitingWriteGoesOnWhenThePeerReads) {
 TEST_F(SocketLinuxTest, PendingOperationsDoNotOutliveTheLoop) {
   Base::UniqueFd otherPeer;
   for (Base::UniqueFd* const end : {&peer, &otherPeer}) {
-    auto const socket = MakePair(SOCK_STREAM, *end);
+    auto const socket = MakePair(loop, SOCK_STREAM, *end);
     OnLoop([&] {
       socket->Read(Base::ByteBuffer::Zeroed(1),
                    Base::MakeCallback([socket](Base::Status const&, Base::ByteBuffer, bool) {}));
     });
   }
-  FillUp(MakePair(SOCK_SEQPACKET, peer));
+  FillUp(MakePair(loop, SOCK_SEQPACKET, peer));
 }
 
 class ListenTest : public SocketLinuxTest {

@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "process/pipe.h"
-#include "tests/support/child.h"
-#include "tests/support/descriptor_limit.h"
-#include "tests/support/loop_fixture.h"
-#include "tests/support/settings.h"
+#include "tests/support/base/child.h"
+#include "tests/support/base/descriptor_limit.h"
+#include "tests/support/base/loop/loop_fixture.h"
+#include "tests/support/utilities/arguments/settings.h"
 #include "trace/trace.h"
 
 namespace {

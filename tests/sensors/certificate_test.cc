@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "tests/support/settings.h"
+#include "tests/support/utilities/arguments/settings.h"
 
 namespace {
 

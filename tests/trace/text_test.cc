@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "tests/support/error_text.h"
+#include "tests/support/base/error_text.h"
 #include "trace/guid.h"
 #include "trace/hex.h"
 #include "trace/time_text.h"

@@ -16,8 +16,8 @@
 
 #include "base/buffer.h"
 #include "base/maybe.h"
-#include "tests/support/child.h"
-#include "tests/support/settings.h"
+#include "tests/support/base/child.h"
+#include "tests/support/utilities/arguments/settings.h"
 #include "trace/guid.h"
 #include "trace/sinks.h"
 #include "trace/time_text.h"

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "base/exception.h"
-#include "base/ini_reader.h"
+#include "utilities/ini_reader.h"
 
 namespace {
 
@@ -67,15 +67,15 @@ TEST(PlatformNameTest, TwoGenerationsShareOne) {
 
 TEST_F(OsReleaseTest, IniFileWithSections) {
   std::ofstream(name) << "a=1=2\n=3\nb\n\nx [one] y=z\na= 4 \n]a[=5\n[]\nb=6\n[one]\na=7";
-  Base::IniReader const file(name);
+  IniReader const file(name);
   EXPECT_EQ(file.GetValue("", "a"), "1=2");
   EXPECT_EQ(file.GetValue("", ""), "3");
   EXPECT_EQ(file.GetValue("one", "a"), "7");
   EXPECT_EQ(file.GetValue("one", "]a["), "5");
   EXPECT_EQ(file.GetValue("", "b"), "6");
   EXPECT_EQ(file.GetValue("two", "a"), "");
-  EXPECT_THROW(Base::IniReader("/nonexistent"), Base::Exception);
-  EXPECT_THROW(Base::IniReader("/proc/self"), Base::Exception);
+  EXPECT_THROW(IniReader("/nonexistent"), Base::Exception);
+  EXPECT_THROW(IniReader("/proc/self"), Base::Exception);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tests/support/settings.h"
+#include "tests/support/utilities/arguments/settings.h"
 
 namespace {
 

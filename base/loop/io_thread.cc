@@ -1,0 +1,33 @@
+#include "base/loop/io_thread.h"
+
+#include "base/loop/process_threads.h"
+#include "trace/trace.h"
+
+TRACE_MODULE("thread_linux");
+
+namespace Base {
+
+Shared<ThreadLinux> GetIOThread() {
+  return GetProcessThreads().ioThread.Get([] {
+    auto const ioThread = MakeShared<ThreadLinux>();
+    ioThread->Start();
+    TRACE_INFO("This is the IO thread", Trace::As("this", ioThread));
+    return ioThread;
+  });
+}
+
+bool IsIOThread() {
+  Shared<ThreadLinux> const ioThread = GetProcessThreads().ioThread.Find();
+  return ioThread && ioThread->IsCurrentThread();
+}
+
+void ShutdownThreads() {
+  TRACE_VERBOSE("Thread is being shutdown...");
+  // Tasks of a thread's last round still find it.
+  auto const stop = [](Thread& thread) { thread.Stop(); };
+  GetProcessThreads().ioThread.Finish(stop);
+  GetProcessThreads().glibThread.Finish(stop);
+  TRACE_VERBOSE("Thread shutdown complete.");
+}
+
+}  // namespace Base

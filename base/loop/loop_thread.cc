@@ -1,0 +1,81 @@
+#include "base/loop/loop_thread.h"
+
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "base/exception.h"
+#include "base/loop/run_caught.h"
+
+namespace Base {
+
+LoopThread::LoopThread(Shared<Trace::Log> log) : _log(std::move(log)) {}
+
+void LoopThread::Start() {
+  Stop();
+  _stopping = false;
+  if (int const error = _thread.Start([self = Shared(this)] { self->RunHere(); })) {
+    Shared<Trace::Log> const& traceModule = _log;
+    TRACE_ERROR("Failed to start thread", this, error);
+    throw ExceptionPosix(error);
+  }
+}
+
+void LoopThread::Stop() {
+  _stopping = true;
+  Wake();
+  _thread.End();
+}
+
+bool LoopThread::IsCurrentThread() const {
+  return _loopThreadId.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+void LoopThread::Run() {
+  Stop();
+  _stopping = false;
+  RunHere();
+}
+
+void LoopThread::RunHere() {
+  Shared const self(this);
+  Shared<Trace::Log> const& traceModule = _log;
+  TRACE_VERBOSE("Thread entry point started.", this);
+  {
+    CurrentScope const current{Shared<Thread>(this)};
+    _loopThreadId = std::this_thread::get_id();
+    RunLoop();
+    _loopThreadId = std::thread::id();
+  }
+  TRACE_VERBOSE("Thread entry point stopped.", this);
+}
+
+void LoopThread::Schedule(std::int64_t delayMs, Task task) {
+  _scheduledTasks.Insert(delayMs, std::move(task));
+}
+
+std::optional<ScheduledTaskStore::TimePoint> LoopThread::GetEarliestWakeTime() {
+  return _scheduledTasks.GetEarliestWakeTime();
+}
+
+void LoopThread::RunTasks() {
+  Shared<Trace::Log> const& traceModule = _log;
+  while (Task const task = _scheduledTasks.TakeDue(std::chrono::system_clock::now())) {
+    RunCaught(task, [this, &traceModule](std::exception const& err) {
+      TRACE_ERROR("Thread exception thrown whilst processing scheduled task", this, err);
+    });
+  }
+  while (Task const task = _tasks.Pop()) {
+    RunCaught(task, [this, &traceModule](std::exception const& err) {
+      TRACE_ERROR("Thread exception thrown whilst processing task", this, err);
+    });
+  }
+}
+
+bool LoopThread::DiscardTasks() {
+  auto const tasks = _tasks.TakeAll();
+  auto const scheduledTasks = _scheduledTasks.TakeAll();
+  return !tasks.empty() || !scheduledTasks.empty();
+}
+
+}  // namespace Base

@@ -1,0 +1,275 @@
+#include "base/loop/thread_linux.h"
+
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "base/exception.h"
+#include "trace/trace.h"
+
+TRACE_MODULE("thread_linux");
+
+namespace Base {
+
+namespace {
+
+constexpr std::size_t maxEvents = 256;
+constexpr int childPollMs = 1000;
+
+}  // namespace
+
+ThreadLinux::ThreadLinux() : LoopThread(traceModule) {
+  _epoll.Reset(epoll_create1(EPOLL_CLOEXEC));
+  if (!_epoll) {
+    int const error = errno;
+    TRACE_ERROR("Failed to create epoll", error);
+    throw ExceptionPosix(error);
+  }
+  _wakeEvent.Reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (!_wakeEvent) {
+    int const error = errno;
+    TRACE_ERROR("Failed to create epoll wake event", error);
+    throw ExceptionPosix(error);
+  }
+  // Edge-triggered: every write is an event of its own, so the counter never has to be read.
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLET;
+  event.data.fd = _wakeEvent.Get();
+  if (epoll_ctl(_epoll.Get(), EPOLL_CTL_ADD, _wakeEvent.Get(), &event) == -1) {
+    int const error = errno;
+    TRACE_WARNING("Failed to watch wake event", this, error);
+    throw ExceptionPosix(error);
+  }
+  TRACE_VERBOSE("Thread created", this, _childSignalFd);
+}
+
+void ThreadLinux::PostTask(Task task) {
+  Enqueue(std::move(task));
+  // The loop looks at its queue before it waits again.
+  if (!IsCurrentThread()) Wake();
+}
+
+void ThreadLinux::PostScheduledTask(std::int64_t delayMs, Task task) {
+  Schedule(delayMs, std::move(task));
+  // From the loop's own thread too: a task that is overdue by the time the loop waits would not
+  // end the wait (see GetTimeoutMs).
+  Wake();
+}
+
+void ThreadLinux::PostToNextRound(Task task) { _nextRoundTasks.push_back(std::move(task)); }
+
+void ThreadLinux::Wake() {
+  std::uint64_t const one = 1;
+  if (write(_wakeEvent.Get(), &one, sizeof one) == -1) {
+    int const error = errno;
+    TRACE_WARNING("Failed to wake thread", this, error);
+  }
+}
+
+void ThreadLinux::AddWatch(int fd, std::uint32_t events, WatchCallback callback) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  if (epoll_ctl(_epoll.Get(), EPOLL_CTL_ADD, fd, &event) == -1) {
+    int const error = errno;
+    TRACE_ERROR("Failed to add watch", this, fd, events, error);
+    throw ExceptionPosix(error);
+  }
+  TRACE_VERBOSE("Added watch", this, fd, events);
+  _watches.insert_or_assign(fd, std::move(callback));
+}
+
+void ThreadLinux::UpdateWatch(int fd, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  if (epoll_ctl(_epoll.Get(), EPOLL_CTL_MOD, fd, &event) == -1) {
+    int const error = errno;
+    TRACE_ERROR("Failed to update watch", this, fd, events, error);
+    throw ExceptionPosix(error);
+  }
+  TRACE_VERBOSE("Updated watch", this, fd, events);
+}
+
+void ThreadLinux::RemoveWatch(int fd) {
+  _watches.erase(fd);
+  if (epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, fd, nullptr) == -1 && errno != ENOENT) {
+    int const error = errno;
+    TRACE_ERROR("Failed to remove watch", this, fd, error);
+    throw ExceptionPosix(error);
+  }
+  TRACE_VERBOSE("Removed watch", this, fd);
+}
+
+void ThreadLinux::MonitorChildProcess(pid_t pid, ChildCallback callback) {
+  int status = 0;
+  if (CheckProcessExit(pid, status)) {
+    TRACE_VERBOSE("Dispatching callback for child process immediately since process has exited",
+                  pid, status);
+    PostTask(MakeCallback([callback, pid, status] { callback->Call(pid, status); }));
+    return;
+  }
+  _children.insert_or_assign(pid, std::move(callback));
+  TRACE_VERBOSE("Monitoring child process", pid, status);
+}
+
+void ThreadLinux::RunLoop() {
+  do {
+    ++_round;
+    for (Task& task : std::exchange(_nextRoundTasks, {})) Enqueue(std::move(task));
+    RunTasks();
+    Wait();
+    if (!_children.empty()) CheckChildren();
+  } while (!IsStopping());
+  DiscardAll();
+}
+
+int ThreadLinux::GetTimeoutMs() {
+  if (!_nextRoundTasks.empty()) return 0;
+  auto const wakeTime = GetEarliestWakeTime();
+  if (!wakeTime) return -1;
+  // Rounded toward zero. There is no lower bound: a task that became due more than a millisecond
+  // ago makes this a wait without end, which only another event ends; kept as it is.
+  auto const remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
+      *wakeTime - std::chrono::system_clock::now());
+  auto const timeoutMs = static_cast<int>(std::clamp<std::int64_t>(
+      remaining.count(), std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+  return timeoutMs > childPollMs && !_children.empty() ? childPollMs : timeoutMs;
+}
+
+void ThreadLinux::Wait() {
+  std::array<epoll_event, maxEvents> events;
+  int const count =
+      epoll_wait(_epoll.Get(), events.data(), static_cast<int>(events.size()), GetTimeoutMs());
+  if (count == -1) {
+    int const error = errno;
+    if (error == EINTR) {
+      TRACE_DEBUG("Received interrupt", this);
+    } else {
+      TRACE_WARNING("Thread failed to wait. Will retry.", this, error);
+    }
+    return;
+  }
+  ProcessWatches(std::span(events).first(static_cast<std::size_t>(count)));
+}
+
+void ThreadLinux::ProcessWatches(std::span<epoll_event const> events) {
+  for (epoll_event const& event : events) {
+    try {
+      ProcessWatch(event);
+    } catch (std::exception const& err) {
+      TRACE_VERBOSE("Failed to ProcessWatches", this, err);
+    }
+  }
+}
+
+void ThreadLinux::ProcessWatch(epoll_event const& event) {
+  int const fd = event.data.fd;
+  auto const events = static_cast<int>(event.events);
+  if (fd == _wakeEvent.Get()) return;
+  if (fd == _childSignalFd) {
+    ProcessChildSignal();
+    return;
+  }
+  auto const found = _watches.find(fd);
+  if (found == _watches.end()) {
+    TRACE_VERBOSE("Watched file not found", this, fd, events);
+    return;
+  }
+  TRACE_DEBUG("Watched file ready", this, fd, events);
+  // A task, so that no callback changes the watches under the scan. It holds the callback: by the
+  // time it runs the watch may be gone, and its descriptor's number another file's.
+  PostTask(MakeCallback([callback = found->second, fd, events] { callback->Call(fd, events); }));
+}
+
+void ThreadLinux::ProcessChildSignal() {
+  signalfd_siginfo info{};
+  ssize_t const nr = read(_childSignalFd, &info, sizeof info);
+  if (nr != static_cast<ssize_t>(sizeof info)) {
+    TRACE_WARNING("Partial read of child signal", nr);
+    return;
+  }
+  if (info.ssi_signo != SIGCHLD) {
+    TRACE_WARNING("Received unexpected signal", Trace::As("ssi_signo", info.ssi_signo));
+    return;
+  }
+  auto const pid = static_cast<pid_t>(info.ssi_pid);
+  int status = 0;
+  if (CheckProcessExit(pid, status)) {
+    DispatchChildCallback(pid, status);
+  } else {
+    TRACE_VERBOSE("Child called back but has not exited yet", status);
+  }
+}
+
+void ThreadLinux::CheckChildren() {
+  std::vector<pid_t> pids;
+  pids.reserve(_children.size());
+  for (auto const& [pid, callback] : _children) pids.push_back(pid);
+  for (pid_t const pid : pids) {
+    try {
+      int status = 0;
+      if (CheckProcessExit(pid, status)) DispatchChildCallback(pid, status);
+    } catch (Exception const& err) {
+      TRACE_ERROR("Failed to check process exit", err, pid);
+    }
+  }
+}
+
+bool ThreadLinux::CheckProcessExit(pid_t pid, int& status) {
+  pid_t const waitResult = waitpid(pid, &status, WNOHANG);
+  if (waitResult == -1) {
+    int const error = errno;
+    if (error == ECHILD) {
+      TRACE_DEBUG("Process does not exist", pid, status);
+      return true;
+    }
+    TRACE_ERROR("Process wait failed", error, waitResult);
+    throw ExceptionPosix(error);
+  }
+  // A child that a signal ended does not count as exited here, although this call has reaped it: it
+  // is reported when it is next looked at and no longer exists. Kept as it is.
+  bool const exited = waitResult > 0 && WIFEXITED(status);
+  TRACE_DEBUG("Checked process has exited", waitResult, status, exited, pid);
+  return exited;
+}
+
+void ThreadLinux::DispatchChildCallback(pid_t pid, int status) {
+  auto const found = _children.find(pid);
+  if (found == _children.end()) {
+    TRACE_VERBOSE("No callback found for child process", pid);
+    return;
+  }
+  TRACE_VERBOSE("Dispatching callback for child process", pid, status);
+  PostTask(MakeCallback([callback = found->second, pid, status] { callback->Call(pid, status); }));
+  TRACE_VERBOSE("Removing child process", pid);
+  _children.erase(found);
+}
+
+void ThreadLinux::DiscardAll() {
+  // Destructors of what is let go of may post, or touch a watch: until nothing is left.
+  bool mayBeMore = true;
+  while (mayBeMore) {
+    auto const nextRoundTasks = std::exchange(_nextRoundTasks, {});
+    auto const watches = std::exchange(_watches, {});
+    auto const children = std::exchange(_children, {});
+    for (auto const& [fd, callback] : watches) {
+      // Else the kernel would go on reporting it if the loop ran again.
+      epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, fd, nullptr);
+    }
+    mayBeMore = DiscardTasks() || !nextRoundTasks.empty() || !watches.empty() || !children.empty();
+  }
+}
+
+}  // namespace Base

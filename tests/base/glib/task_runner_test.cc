@@ -1,0 +1,196 @@
+#include "base/loop/task_runner.h"
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/exception.h"
+#include "base/glib/thread_linux_glib.h"
+#include "base/glib/thread_pool_linux_glib.h"
+#include "base/loop/run_and_wait.h"
+#include "base/loop/thread_linux.h"
+#include "base/loop/thread_pool.h"
+#include "tests/support/base/live_objects_test.h"
+
+namespace {
+
+template <typename Thread>
+struct OfThread {
+  OfThread() { runner->Start(); }
+  void End() { runner->Stop(); }
+
+  Base::Shared<Thread> runner = Base::MakeShared<Thread>();
+};
+
+// With one worker, so that there is an order.
+template <bool IsExclusive>
+struct OfPool {
+  OfPool() { thread->Start(); }
+  void End() {
+    runner->Close(false);
+    thread->Stop();
+  }
+
+  Base::Shared<Base::ThreadLinuxGlib> thread = Base::MakeShared<Base::ThreadLinuxGlib>();
+  Base::Shared<Base::ThreadPool> runner =
+      Base::MakeShared<Base::ThreadPoolLinuxGlib>(thread->GetContext(), 1, IsExclusive);
+};
+
+template <typename Executor>
+class TaskRunnerTest : public LiveObjectsTest {};
+
+using Executors = testing::Types<OfThread<Base::ThreadLinux>, OfThread<Base::ThreadLinuxGlib>,
+                                 OfPool<false>, OfPool<true>>;
+TYPED_TEST_SUITE(TaskRunnerTest, Executors);
+
+TYPED_TEST(TaskRunnerTest, ScheduledTasksKeepTheirOrder) {
+  TypeParam executor;
+  std::string expected;
+  for (int i = 0; i < 50; ++i) {
+    executor.runner->PostScheduledTask(0, this->Note(std::to_string(i)));
+    expected += std::to_string(i) + ";";
+  }
+  executor.runner->PostScheduledTask(3'000'000'000'000'000, this->Note("never"));
+  EXPECT_EQ(this->events.Take(50), expected);
+  executor.End();
+}
+
+TYPED_TEST(TaskRunnerTest, AnExceptionEndsItsTaskOnly) {
+  TypeParam executor;
+  auto const fail = Base::MakeCallback([] { throw Base::Exception("thrown"); });
+  executor.runner->PostTask({});
+  executor.runner->PostTask(fail);
+  executor.runner->PostTask(Base::MakeCallback([] { throw 1; }));
+  executor.runner->PostTask(this->Note("posted"));
+  EXPECT_EQ(this->events.Take(), "posted;");
+  executor.runner->PostScheduledTask(0, fail);
+  executor.runner->PostScheduledTask(0, this->Note("scheduled"));
+  EXPECT_EQ(this->events.Take(), "scheduled;");
+  executor.End();
+}
+
+TYPED_TEST(TaskRunnerTest, PostsFromManyThreadsArrive) {
+  TypeParam executor;
+  std::vector<std::thread> posters;
+  for (int i = 0; i < 4; ++i) {
+    posters.emplace_back([&] {
+      for (int k = 0; k < 250; ++k) {
+        executor.runner->PostTask(this->Note("x"));
+        executor.runner->PostScheduledTask(0, this->Note("x"));
+      }
+    });
+  }
+  for (std::thread& poster : posters) poster.join();
+  EXPECT_EQ(this->events.Take(2000).size(), 4000U);
+  executor.End();
+}
+
+// The fixture finds what is left alive.
+TYPED_TEST(TaskRunnerTest, AnEndedRunnerLetsGoOfItsTasks) {
+  TypeParam executor;
+  executor.runner->PostScheduledTask(
+      1'000'000, Base::MakeCallback([runner = executor.runner] { FAIL() << "not yet"; }));
+  executor.End();
+}
+
+template <typename Thread>
+class ThreadTest : public LiveObjectsTest {};
+
+using Threads = testing::Types<Base::ThreadLinux, Base::ThreadLinuxGlib>;
+TYPED_TEST_SUITE(ThreadTest, Threads);
+
+TYPED_TEST(ThreadTest, DueScheduledTasksComeBeforePostedOnes) {
+  auto const thread = Base::MakeShared<TypeParam>();
+  thread->Start();
+  Base::RunAndWait(*thread, [&] {
+    thread->PostTask(this->Note("posted"));
+    thread->PostTask(Base::MakeCallback([&] { thread->PostTask(this->Note("same drain")); }));
+    thread->PostScheduledTask(0, this->Note("next round"));
+    thread->PostScheduledTask(-5, this->Note("overdue"));
+  });
+  EXPECT_EQ(this->events.Take(4), "posted;same drain;overdue;next round;");
+  EXPECT_THROW(Base::RunAndWait(*thread, [] { throw Base::Exception("here"); }), Base::Exception);
+  thread->Stop();
+}
+
+TYPED_TEST(ThreadTest, StopIsSafeInEveryState) {
+  auto const inPlace = Base::MakeShared<TypeParam>();
+  inPlace->Stop();  // forgotten by Run
+  inPlace->PostTask(Base::MakeCallback([&] {
+    EXPECT_TRUE(inPlace->IsCurrentThread());
+    EXPECT_TRUE(Base::Thread::GetCurrent() == Base::Shared<Base::Thread>(inPlace));
+    inPlace->Stop();
+  }));
+  inPlace->Run();
+  EXPECT_FALSE(inPlace->IsCurrentThread());
+  EXPECT_FALSE(Base::Thread::GetCurrent());
+
+  auto const started = Base::MakeShared<TypeParam>();
+  started->Stop();
+  started->Stop();
+  std::vector<std::thread> stoppers;
+  started->Start();
+  for (int i = 0; i < 4; ++i) stoppers.emplace_back([&] { started->Stop(); });
+  for (std::thread& stopper : stoppers) stopper.join();
+  started->Start();
+  started->PostTask(this->Note("runs again"));
+  EXPECT_EQ(this->events.Take(), "runs again;");
+  Base::PostStop(started, [this] { this->events.Add("stopped by itself"); });
+  EXPECT_EQ(this->events.Take(), "stopped by itself;");
+}
+
+// Before `Start` has stored it, now and then.
+TYPED_TEST(ThreadTest, ALoopMayStopItselfAtOnceAndBeLetGoOf) {
+  for (int i = 0; i < 2000; ++i) {
+    auto thread = Base::MakeShared<TypeParam>();
+    thread->PostTask(Base::MakeCallback([thread] { thread->Stop(); }));
+    thread->Start();
+  }
+}
+
+TYPED_TEST(ThreadTest, ALoopRunsInsideATaskOfAnother) {
+  auto const outer = Base::MakeShared<Base::ThreadLinux>();
+  auto const inner = Base::MakeShared<TypeParam>();
+  outer->PostTask(Base::MakeCallback([&] {
+    inner->PostTask(Base::MakeCallback([&] {
+      EXPECT_TRUE(outer->IsCurrentThread());
+      inner->Stop();
+    }));
+    inner->Run();
+    EXPECT_TRUE(Base::Thread::GetCurrent() == Base::Shared<Base::Thread>(outer));
+    outer->Stop();
+  }));
+  outer->Run();
+  EXPECT_FALSE(Base::Thread::GetCurrent());
+}
+
+// Each post, and each stop, comes when the loop is about to wait, a bit later every time. One that
+// is missed hangs.
+TYPED_TEST(ThreadTest, NeitherPostNorStopIsMissed) {
+  auto const thread = Base::MakeShared<TypeParam>();
+  std::atomic<int> ran{0};
+  auto const count = Base::MakeCallback([&] { ++ran; });
+  auto const linger = [](int rounds) {
+    for (std::atomic<int> round{0}; round < rounds; ++round) {
+    }
+  };
+  for (int run = 0; run < 50; ++run) {
+    thread->Start();
+    int const before = ran;
+    for (int i = 1; i <= 100; ++i) {
+      thread->PostTask(count);
+      for (int spins = 0; ran != before + i; ++spins) {
+        if (spins > 1000) std::this_thread::yield();
+      }
+      linger(i);
+    }
+    thread->Stop();
+    thread->Start();
+    linger(run * 50);
+    thread->Stop();
+  }
+  EXPECT_EQ(ran, 5000);
+}
+
+}  // namespace

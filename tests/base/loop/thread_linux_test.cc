@@ -1,0 +1,85 @@
+#include "base/loop/thread_linux.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+
+#include "base/exception.h"
+#include "base/loop/io_thread.h"
+#include "base/loop/thread_pool.h"
+#include "tests/support/base/child.h"
+#include "tests/support/base/loop/loop_fixture.h"
+
+namespace {
+
+class ThreadLinuxTest : public LoopTest {
+ protected:
+  pid_t Fork(int exitStatus) {
+    pid_t const pid = fork();
+    if (pid == 0) {
+      if (exitStatus < 0) raise(SIGKILL);
+      _exit(exitStatus);
+    }
+    return pid;
+  }
+
+  void Monitor(pid_t pid) {
+    loop->MonitorChildProcess(pid, Base::MakeCallback([this](int child, int status) {
+                                events.Add(std::to_string(child) + ":" + std::to_string(status));
+                              }));
+  }
+};
+
+TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
+  Base::UniqueFd const fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  OnLoop([&] {
+    loop->AddWatch(fd.Get(), EPOLLOUT, Base::MakeCallback([this](int watched, int bits) {
+                     events.Add(std::to_string(bits));
+                     loop->UpdateWatch(watched, 0);
+                   }));
+  });
+  EXPECT_EQ(events.Take(), std::to_string(EPOLLOUT) + ";");
+  OnLoop([&] {
+    loop->RemoveWatch(fd.Get());
+    loop->RemoveWatch(fd.Get());
+    EXPECT_THROW(loop->UpdateWatch(fd.Get(), EPOLLOUT), Base::ExceptionPosix);
+    EXPECT_THROW(loop->AddWatch(-1, EPOLLIN, {}), Base::ExceptionPosix);
+  });
+}
+
+TEST_F(ThreadLinuxTest, ChildrenAreReportedHoweverTheyEnd) {
+  pid_t const exits = Fork(3);
+  pid_t const dies = Fork(-1);
+  OnLoop([&] {
+    Monitor(exits);
+    Monitor(dies);
+    Monitor(1);  // no child of ours
+  });
+  for (pid_t const child : {exits, dies}) {
+    siginfo_t info{};
+    // Fails with ECHILD where it has been seen already.
+    waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
+  }
+  AwaitRounds(4);  // children are looked at when the loop wakes
+  std::string const seen = events.Take(3);
+  EXPECT_NE(seen.find(std::to_string(exits) + ":" + std::to_string(3 << 8)), std::string::npos);
+  EXPECT_NE(seen.find(std::to_string(dies) + ":"), std::string::npos);
+  EXPECT_NE(seen.find("1:0;"), std::string::npos);
+}
+
+TEST(ProcessThreadsTest, TheIOThreadIsOneAndDoesNotComeBack) {
+  int const status = RunInChild([] {
+    auto const ioThread = Base::GetIOThread();
+    EXPECT_TRUE(ioThread == Base::GetIOThread());
+    EXPECT_FALSE(Base::IsIOThread());
+    Base::RunAndWait(*ioThread, [] { EXPECT_TRUE(Base::IsIOThread()); });
+    Base::ShutdownThreadPools();
+    Base::ShutdownThreadPools();
+    EXPECT_THROW(Base::GetIOThread(), Base::Exception);
+    EXPECT_FALSE(Base::IsIOThread());
+  });
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace

@@ -1,0 +1,447 @@
+#include "trace/crash/crash_handler.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <barrier>
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <regex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "base/callback.h"
+#include "base/glib/thread_pool_linux_glib.h"
+#include "base/loop/thread_linux.h"
+#include "base/shared.h"
+#include "tests/support/base/child.h"
+#include "tests/support/utilities/arguments/settings.h"
+#include "trace/crash/crash_stack.h"
+#include "trace/trace.h"
+
+TRACE_MODULE("crash_handler_test");
+
+// The sanitizers' own handlers would stay, and what is tested is this one.
+// NOLINTBEGIN(readability-identifier-naming): their names
+extern "C" char const* __asan_default_options() {
+  return "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:use_sigaltstack=0";
+}
+extern "C" char const* __tsan_default_options() { return __asan_default_options(); }
+// NOLINTEND(readability-identifier-naming)
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSanitized = true;
+#else
+constexpr bool isSanitized = false;
+#endif
+#if defined(__SANITIZE_THREAD__)
+constexpr int signalOfCrashedReport = SIGSEGV;  // it blocks all signals in all handlers
+#else
+constexpr int signalOfCrashedReport = SIGABRT;
+#endif
+
+namespace {
+
+char* closedPage = nullptr;
+
+[[gnu::noinline]] void WriteToClosedPage() { *static_cast<char volatile*>(closedPage) = 1; }
+
+struct Broken {};
+void RenderTraceValue(std::string& out, Broken /*value*/) {
+  out.append("half a line");
+  WriteToClosedPage();
+}
+
+// What is broken, in one way or another. The sanitizers have calls of their own in the place of
+// these.
+std::atomic<bool> isMallocBroken{false};
+enum class Write { Works, CrashesOnce, Waits, IsSignalled };
+std::atomic<Write> writing{Write::Works};
+
+}  // namespace
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+// NOLINTBEGIN(readability-*): the C library's names
+extern "C" void* __libc_malloc(std::size_t size);
+extern "C" ssize_t __write(int fd, void const* data, std::size_t length);
+
+extern "C" void* malloc(std::size_t size) {
+  if (isMallocBroken) {
+    // A crash handler that comes here as well is told apart by its exit status.
+    static bool hasCrashed = false;
+    if (std::exchange(hasCrashed, true)) _exit(99);
+    WriteToClosedPage();
+  }
+  return __libc_malloc(size);
+}
+
+extern "C" ssize_t write(int fd, void const* data, std::size_t length) {
+  Write way = Write::CrashesOnce;
+  if (writing.compare_exchange_strong(way, Write::Works)) WriteToClosedPage();
+  if (way == Write::Waits) pause();
+  if (way == Write::IsSignalled) kill(getpid(), SIGSEGV);
+  return __write(fd, data, length);
+}
+// NOLINTEND(readability-*)
+
+#endif
+
+namespace {
+
+// Each crash is that of a child, in a folder of its own.
+class CrashTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    void* const page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    closedPage = static_cast<char*>(page);
+    Trace::RenderTraceValue(pageText, page);
+  }
+
+  void TearDown() override { munmap(closedPage, 4096); }
+
+  // The wait status of the child; what it wrote is in `lines` and, on standard error, in "err".
+  int Crash(std::function<void()> crash, std::vector<std::string> arguments = {}) {
+    return Run(std::move(crash), std::move(arguments), false);
+  }
+
+  int Run(std::function<void()> crash, std::vector<std::string> arguments, bool skipHandler) {
+    TemporaryDirectory const directory;
+    arguments.insert(arguments.begin(),
+                     {"--trace-level=1", "--trace-folder=" + directory.path.string()});
+    int const status = RunInChild([&] {
+      std::filesystem::current_path(directory.path);  // where a core goes
+      dup2(open("err", O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+      SetArguments(arguments);
+      Trace::InitializeTrace(skipHandler, "crash.log");
+      crash();
+    });
+    err = ReadFile(directory.path / "err");
+    lines = ReadLines(directory.path / "crash.log");
+    return status;
+  }
+
+  // Whether the lines are those of one crash: of one thread, the signal first, then the frames.
+  testing::AssertionResult IsReportOf(std::string const& signal, std::string const& address) {
+    std::regex const first(
+        R"(\d\d:\d\d:\d\d\.\d{3}(Z FATAL    crash_handler\((\d+):(\d+)\) - )Received fatal signal )"
+        R"(\{ signal:")" +
+        signal + R"(" code:-?\d+ address:)" + address + R"( thread:\3 \})");
+    std::smatch match;
+    if (lines.empty()) return testing::AssertionFailure() << "no line; " << err;
+    if (!std::regex_match(lines[0], match, first)) return testing::AssertionFailure() << lines[0];
+    std::string const frame = match[1].str() + "Frame { index:";
+    pid = match[2];
+    isMainThread = match[2] == match[3];
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+      if (lines[i].find(frame + std::to_string(i - 1)) != std::string_view("09:05:33.042").size()) {
+        return testing::AssertionFailure() << lines[i];
+      }
+    }
+    return testing::AssertionSuccess();
+  }
+
+  // Whether frame `index` is in this program.
+  bool IsOwnFrame(std::size_t index) {
+    std::string const file = std::filesystem::read_symlink("/proc/self/exe").string();
+    return lines.size() > index + 1 &&
+           lines[index + 1].find(" file:\"" + file + "\" offset:0x") != std::string::npos;
+  }
+
+  std::string pageText;
+  std::vector<std::string> lines;
+  std::string err;
+  std::string pid;
+  bool isMainThread = false;
+};
+
+void TouchBeyondEndOfFile() {
+  int const file = open("empty", O_RDWR | O_CREAT, 0600);
+  void* const page = mmap(closedPage, 4096, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0);
+  static_cast<void>(*static_cast<char volatile*>(page));
+}
+
+int volatile zero = 0;
+
+__attribute__((noinline, no_sanitize("undefined"))) void DivideByZero() { zero = 7 / zero; }
+
+// The signal comes where it is let in for a moment only.
+void AbortInSigsuspend() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigset_t const none = set;
+  sigaddset(&set, SIGABRT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  kill(getpid(), SIGABRT);
+  sigsuspend(&none);
+}
+
+[[gnu::noinline]] void CallNowhere() {
+  std::uintptr_t volatile nowhere = 0x10;
+  std::bit_cast<void (*)()>(std::uintptr_t{nowhere})();
+  nowhere = 0;  // a call that is the last thing could become a jump
+}
+
+// Frames smaller than the page below a stack, and few enough for a thread checker's own stack.
+[[gnu::noinline]] int Overflow(int depth) {
+  char volatile frame[2048];
+  frame[0] = static_cast<char>(depth);
+  return depth < 0 ? 0 : Overflow(depth + 1) + frame[0];
+}
+
+TEST_F(CrashTest, ASignalIsReportedAndEndsTheProcessAsItDoesWithoutAHandler) {
+  struct {
+    std::function<void()> crash;
+    int signal;
+    std::string name;
+    std::string address;
+  } const cases[] = {
+      {&WriteToClosedPage, SIGSEGV, "SIGSEGV", pageText},
+      {&TouchBeyondEndOfFile, SIGBUS, "SIGBUS", pageText},
+      {&DivideByZero, SIGFPE, "SIGFPE", "0x[0-9a-f]+"},
+      {[] { __builtin_trap(); }, SIGILL, "SIGILL", "0x[0-9a-f]+"},
+      {[] { std::abort(); }, SIGABRT, "SIGABRT", "0"},
+      {[] { kill(getpid(), SIGSEGV); }, SIGSEGV, "SIGSEGV", "0"},
+      {&AbortInSigsuspend, SIGABRT, "SIGABRT", "0"},
+  };
+  rlimit core{};
+  getrlimit(RLIMIT_CORE, &core);
+  core.rlim_cur = isSanitized ? 0 : core.rlim_max;  // such a process is too large for one
+  setrlimit(RLIMIT_CORE, &core);
+  for (auto const& [crash, signal, name, address] : cases) {
+    int const status = Crash(crash, {"--trace-console"});
+    EXPECT_TRUE(IsReportOf(name, address)) << name;
+    EXPECT_TRUE(isMainThread);
+    bool hasOwnFrame = false;
+    for (std::size_t i = 0; i < 8; ++i) hasOwnFrame = hasOwnFrame || IsOwnFrame(i);
+    EXPECT_TRUE(hasOwnFrame) << name;
+    std::string all;
+    for (std::string const& line : lines) all += line + "\n";
+    EXPECT_EQ(err, all);
+    EXPECT_EQ(WTERMSIG(status), signal);
+    EXPECT_EQ(status, Run(crash, {}, true)) << "with the core's bit";
+  }
+  core.rlim_cur = 0;
+  setrlimit(RLIMIT_CORE, &core);
+}
+
+TEST_F(CrashTest, NoSinkNoReport) {
+  EXPECT_EQ(WTERMSIG(Crash(&WriteToClosedPage, {"--trace-console", "--trace-level=-1"})), SIGSEGV);
+  EXPECT_TRUE(lines.empty());
+  EXPECT_EQ(err, "");
+}
+
+TEST_F(CrashTest, ACallToNowhereIsTracedToItsCaller) {
+  EXPECT_EQ(WTERMSIG(Crash(&CallNowhere)), SIGSEGV);
+  EXPECT_TRUE(IsReportOf("SIGSEGV", "0x10"));
+  ASSERT_GT(lines.size(), 2U);
+  EXPECT_TRUE(lines[1].ends_with("{ index:0 address:0x10 }")) << lines[1];
+  EXPECT_TRUE(IsOwnFrame(1)) << lines[2];
+}
+
+TEST_F(CrashTest, AnOverflowOfTheStackIsReported) {
+  EXPECT_EQ(WTERMSIG(Crash([] { Overflow(0); })), SIGSEGV);
+  EXPECT_TRUE(IsReportOf("SIGSEGV", "0x[0-9a-f]+"));
+  EXPECT_TRUE(IsOwnFrame(20));
+
+  for (bool const isPool : {false, true}) {
+    int const status = Crash([isPool] {
+      auto const loop = Base::MakeShared<Base::ThreadLinux>();
+      auto const pool = Base::MakeShared<Base::ThreadPoolLinuxGlib>(nullptr, 1, true);
+      loop->Start();
+      Base::TaskRunner& runner = isPool ? static_cast<Base::TaskRunner&>(*pool) : *loop;
+      runner.PostTask(Base::MakeCallback([] { Overflow(0); }));
+      pause();
+    });
+    EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+    EXPECT_TRUE(IsReportOf("SIGSEGV", "0x[0-9a-f]+"));
+    EXPECT_FALSE(isMainThread);
+  }
+}
+
+TEST_F(CrashTest, ACrashInsideTheAllocatorIsReported) {
+  if (isSanitized) GTEST_SKIP();
+  int const status = Crash([] {
+    isMallocBroken = true;
+    std::vector<int>* volatile const numbers = new std::vector<int>(1000);
+    delete numbers;
+  });
+  EXPECT_EQ(WTERMSIG(status), SIGSEGV) << status;
+  EXPECT_TRUE(IsReportOf("SIGSEGV", pageText));
+}
+
+TEST_F(CrashTest, ACrashInsideTheTraceLogIsReported) {
+  EXPECT_EQ(WTERMSIG(Crash([] { TRACE_ERROR("Message", Trace::As("key", Broken())); })), SIGSEGV);
+  EXPECT_TRUE(IsReportOf("SIGSEGV", pageText));
+
+  if (isSanitized) return;
+  int const status = Crash([] {
+    writing = Write::CrashesOnce;
+    TRACE_ERROR("Not written");
+  });
+  EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+  EXPECT_TRUE(IsReportOf("SIGSEGV", pageText));
+}
+
+constexpr std::size_t frameSize = 65536;
+char* spinning = nullptr;
+
+// Once the frame is known nothing is called any more, which would use the stack below it: not even
+// a method of an atomic, or a thread checker.
+__attribute__((noinline, no_sanitize("thread"))) void SpinInFrame() {
+  char frame[frameSize];
+  __atomic_store_n(&spinning, &frame[0], __ATOMIC_RELEASE);
+  for (;;) asm volatile("" : : "r"(frame) : "memory");
+}
+
+TEST_F(CrashTest, ACrashOfTheReportEndsItAndTheProcessAsTheFirstSignal) {
+  int const status = Crash([] {
+    std::thread thread([] {
+      Trace::EnsureCrashStack();
+      char frame[frameSize];
+      asm volatile("" : : "r"(frame) : "memory");  // else there is none
+      SpinInFrame();
+    });
+    // The thread goes on without the lower one of its frames and what called it: all that the
+    // handler, which is on a stack of its own, would look at.
+    char* frame = nullptr;
+    while (frame == nullptr) frame = __atomic_load_n(&spinning, __ATOMIC_ACQUIRE);
+    char* const page = frame - reinterpret_cast<std::uintptr_t>(frame) % 4096;
+    mprotect(page - 4096, frameSize + frameSize / 2, PROT_NONE);
+    pthread_kill(thread.native_handle(), SIGABRT);
+    pause();
+  });
+  EXPECT_EQ(WTERMSIG(status), signalOfCrashedReport);
+  EXPECT_TRUE(IsReportOf("SIGABRT", "0"));
+  EXPECT_EQ(lines.size(), 2U) << "the frame that it was in can still be told";
+}
+
+TEST_F(CrashTest, AReportIsNeitherEndedBySentSignalsNorHeldUpForEver) {
+  if (isSanitized) GTEST_SKIP();
+  int const signalled = Crash([] {
+    writing = Write::IsSignalled;
+    std::abort();
+  });
+  EXPECT_EQ(WTERMSIG(signalled), SIGABRT);
+  EXPECT_TRUE(IsReportOf("SIGABRT", "0"));
+  EXPECT_GT(lines.size(), 3U);
+
+  int const waiting = Crash([] {
+    writing = Write::Waits;
+    WriteToClosedPage();
+  });
+  EXPECT_EQ(WTERMSIG(waiting), SIGSEGV);
+}
+
+TEST_F(CrashTest, OfThreadsThatCrashAtOnceOneIsReported) {
+  for (int round = 0; round < 20; ++round) {
+    int const status = Crash([] {
+      constexpr int count = 4;
+      std::barrier start(count);
+      std::vector<std::thread> threads;
+      for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&start, i] {
+          Trace::EnsureCrashStack();
+          start.arrive_and_wait();
+          if (i % 2 == 0) WriteToClosedPage();
+          Overflow(0);
+        });
+      }
+      pause();
+    });
+    EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+    EXPECT_TRUE(IsReportOf("SIGSEGV", "0x[0-9a-f]+"));
+    EXPECT_FALSE(isMainThread);
+    EXPECT_GT(lines.size(), 3U);
+  }
+}
+
+TEST_F(CrashTest, AForkedChildReportsItsOwnCrashAndTheParentGoesOn) {
+  int const status = Crash([] {
+    TRACE_ERROR("Here");
+    EXPECT_EQ(WTERMSIG(RunInChild(&WriteToClosedPage)), SIGSEGV);
+    TRACE_ERROR("Still here");
+  });
+  EXPECT_EQ(status, 0);
+  ASSERT_GT(lines.size(), 2U);
+  lines.erase(lines.begin());
+  EXPECT_TRUE(lines.back().ends_with(" - Still here"));
+  std::string const parent = lines.back().substr(lines.back().find('('));
+  lines.pop_back();
+  EXPECT_TRUE(IsReportOf("SIGSEGV", pageText));
+  EXPECT_NE(parent.find("(" + pid + ":"), 0U);
+}
+
+// Before the log is configured, which takes the signals.
+TEST_F(CrashTest, HandlersThatAreThereStay) {
+  int const status = RunInChild([] {
+    signal(SIGSEGV, [](int) { _exit(7); });
+    signal(SIGABRT, SIG_IGN);
+    Trace::InstallCrashHandler();
+    raise(SIGABRT);
+    raise(SIGSEGV);
+  });
+  EXPECT_EQ(WEXITSTATUS(status), 7) << status;
+}
+
+// In a mount namespace of the child's own, where /dev/log is the test's.
+TEST_F(CrashTest, SyslogGetsTheLines) {
+  TemporaryDirectory const directory;
+  int const log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (directory.path / "log").string().copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(log, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  std::vector<std::string> datagrams;
+  std::thread reader([&] {
+    std::array<char, 2048> datagram{};
+    ssize_t length = 0;
+    while ((length = recv(log, datagram.data(), datagram.size(), 0)) > 0) {
+      datagrams.emplace_back(datagram.data(), static_cast<std::size_t>(length));
+    }
+  });
+  int const status = Crash(
+      [&] {
+        bool const isMounted =
+            unshare(CLONE_NEWNS | (geteuid() == 0 ? 0 : CLONE_NEWUSER)) == 0 &&
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+            mount(directory.path.c_str(), "/dev", nullptr, MS_BIND, nullptr) == 0;
+        if (!isMounted) _exit(77);
+        WriteToClosedPage();
+      },
+      {"--trace-syslog"});
+  sendto(log, "", 0, 0, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  reader.join();
+  close(log);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "no mount namespaces here";
+  EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+  ASSERT_FALSE(lines.empty());
+  for (std::string& line : lines) {
+    line.insert(0, std::string("<10>").append(program_invocation_short_name).append(": "));
+  }
+  ASSERT_FALSE(datagrams.empty());
+  EXPECT_EQ(datagrams[0], lines[0]);
+  // A reader that is late may miss some.
+  auto line = lines.begin();
+  for (std::string const& datagram : datagrams) {
+    line = std::find(line, lines.end(), datagram);
+    EXPECT_NE(line, lines.end()) << datagram;
+  }
+}
+
+}  // namespace
