@@ -6,7 +6,7 @@ namespace {
 
 using Clock = std::chrono::system_clock;
 
-// Written by the IO thread, read by the main thread's idle check; nothing else hangs on it.
+// The IO thread writes it, the idle check on the main thread reads it. It orders no other memory.
 std::atomic<Clock::time_point> lastReadTime{Clock::now()};
 
 }  // namespace

@@ -2,9 +2,10 @@
 
 #include <chrono>
 
-// When a client was last heard of: an accepted connection or a completed read. Any thread.
+// The time of the last activity of a client: an accepted connection or a completed read. Any
+// thread.
 
-// Now; the process's start counts as well.
+// Sets the time to now. Before the first call it is the start of the process.
 void StampLastRead();
 
 std::chrono::system_clock::time_point GetLastReadTime();

@@ -7,7 +7,7 @@
 
 namespace {
 
-// The header and the payload of a packet, and some pieces if it comes in pieces.
+// Enough for the header and the payload of a packet, and for a payload in a few pieces.
 constexpr unsigned readsPerRound = 8;
 
 }  // namespace

@@ -5,9 +5,12 @@
 #include "base/shared.h"
 #include "io/file_stream.h"
 
-// A byte source that takes turns: reads whose bytes are there already are handed on a few at a
-// time. Made anew for every packet: when the first bytes of the next one are there before the loop
-// has polled, they wait for the next round. Otherwise as its source.
+// A byte source with a step budget, so that a client whose bytes are always there cannot keep the
+// loop from polling: a round of the loop hands on only a few reads, and the others wait for the
+// next round. In all else it is as its source.
+//
+// The daemon creates one for every packet. A new budget has no steps before the loop has polled, so
+// a client gains nothing by many small packets.
 class BudgetReadStream final : public IO::FileReadStream {
  public:
   // Runs on the process-wide IO thread.

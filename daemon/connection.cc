@@ -68,7 +68,7 @@ void ReadFromSocket(Base::Shared<Net::Socket> const& socket, Base::Status const&
     DispatchRequest(socket, nlohmann::json::parse(packet.begin(), packet.end()));
     StartReading(socket);
   } catch (...) {
-    // Without the exception's text, which quotes the client: kept as it is.
+    // Deliberate: the line has no text of the exception, which would quote the client.
     TRACE_ERROR("Failed to process request", socket);
     DisconnectSocket(socket);
   }

@@ -19,10 +19,10 @@
 
 TRACE_MODULE("main");
 
-// A loop that is preempted between its look at the due tasks and its wait can find the check
-// overdue in between, and then waits without end: on this loop nothing else may ever happen. So a
-// timer ends the wait soon after the check is due; where the check has run by then, it has set the
-// timer anew.
+// The check is a scheduled task. The loop may be preempted after it has looked for due tasks and
+// before it waits; a check that becomes overdue in between does not end the wait, and on this loop
+// nothing else may ever happen. So a timer ends the wait soon after the check is due. A check that
+// has run by then has set the timer anew.
 
 namespace {
 
@@ -30,7 +30,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds grace(100);
 
-// Never destroyed: the loop's watch may still name it.
+// Never destroyed: the watch of the loop may still use the descriptor.
 Base::UniqueFd& GetTimer() {
   static auto& timer = *new Base::UniqueFd;
   return timer;
@@ -62,7 +62,7 @@ void StartIdleShutdown(Base::ThreadLinux& mainThread) {
     throw Base::ExceptionPosix(errorNumber);
   }
   mainThread.AddWatch(GetTimer().Get(), EPOLLIN, Base::MakeCallback([](int fd, int /*events*/) {
-                        // To have woken the loop is all that it is for.
+                        // It only wakes the loop; its value means nothing.
                         std::uint64_t expirations = 0;
                         static_cast<void>(!read(fd, &expirations, sizeof expirations));
                       }));

@@ -2,12 +2,13 @@
 
 #include "base/loop/thread_linux.h"
 
-// A socket-activated daemon leaves when no client has been heard of for "activated-period" seconds.
+// A socket-activated daemon ends when no connection and no packet has come for "activated-period"
+// seconds.
 
-// Posts the first check to `mainThread`, for after one period. Called once, before the loop runs.
-// Throws Base::ExceptionPosix.
+// Schedules the first check on `mainThread`, one period from now. Called once, before the loop
+// runs. Throws Base::ExceptionPosix.
 void StartIdleShutdown(Base::ThreadLinux& mainThread);
 
-// Stops the loop that it runs on when no client has been heard of for the period; else posts itself
-// there for when that may be so.
+// Stops the loop that it runs on when the period has passed without activity; otherwise schedules
+// itself for the time when the period may have passed.
 void CheckIdleShutdown();

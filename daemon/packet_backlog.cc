@@ -14,7 +14,7 @@ std::string PacketBacklog::Pop() {
   _start += _bytes.copy(field.data(), field.size(), _start);
   std::string payload = _bytes.substr(_start, std::bit_cast<std::uint32_t>(field));
   _start += payload.size();
-  // Moved down only once half of it is free: each byte is then moved once on average.
+  // Moving the rest only once half of the memory is free moves each byte once on average.
   if (_start >= _bytes.size() / 2) {
     _bytes.erase(0, _start);
     _start = 0;

@@ -17,27 +17,43 @@
 
 TRACE_MODULE("main");
 
-// A connection's requests are read without waiting for its responses to be written, so a response
-// may find another one under way. It then waits in that connection's backlog: the packets of two
-// responses must not mix.
+// Responses on their way to the client. Each connection with a response under way has an
+// `Outgoing`:
+//
+//   none      -> WriteResponse starts the write and creates the `Outgoing`
+//   writing   -> WriteResponse appends to the backlog; at the end of the write the next response
+//                leaves the backlog, or the `Outgoing` goes when the backlog is empty
+//   overflown -> WriteResponse throws: the client leaves more than `maxUnreadLength` unread
+//
+// The daemon reads the next request without waiting for the response to be written, so a response
+// may find another one under way. A backlog is needed because a packet is two writes, header and
+// payload: the packets of two responses must not mix.
+//
+// The end of the stream does not lose responses: `DisconnectSocketWhenWritten` notes the wish, and
+// the end of the last write closes the connection. A failed write closes it at once.
+//
+// A client that always reads would keep the loop busy with a long backlog, so each response takes a
+// step of the connection's budget and otherwise waits for the next round of the loop.
+//
+// The states are in a map by connection and not in the connection itself, because a connection is
+// only a socket. The completion of each write holds the socket, so a key of the map is never stale.
 
 namespace {
 
-// What one connection may leave unread on top of what the kernel holds for it.
+// The bytes that one client may leave unread, beyond those that the kernel buffers.
 constexpr std::size_t maxUnreadLength = std::size_t{1} << 20U;
 
 constexpr unsigned responsesPerRound = 16;
 
 struct Outgoing {
-  std::size_t underWay = 0;  // the length of the response that is being written
+  std::size_t underWay = 0;  // length in bytes of the response that is being written
   PacketBacklog backlog;
   Base::StepBudget budget{Base::GetIOThread(), responsesPerRound};
   bool hasOverflowed = false;
   bool disconnectWhenWritten = false;
 };
 
-// By connection, those with a response under way; its completion holds the connection. Never
-// destroyed: the IO thread's last tasks may come late.
+// Never destroyed: the last tasks of the IO thread may run while static objects are destroyed.
 std::unordered_map<Net::Socket const*, Outgoing>& GetOutgoing() {
   static auto& outgoing = *new std::unordered_map<Net::Socket const*, Outgoing>;
   return outgoing;
@@ -106,7 +122,7 @@ void Send(Base::Shared<Net::Socket> const& socket, std::string const& text) {
   std::size_t const unread = outgoing.underWay + outgoing.backlog.GetLength();
   if (outgoing.hasOverflowed || unread + PacketBacklog::GetPacketLength(text) > maxUnreadLength) {
     TRACE_WARNING("Client leaves too many responses unread", socket, unread, maxUnreadLength);
-    // A shorter one, of the error for instance, may still fit, but the connection is to end.
+    // Without this a shorter response, such as that of the error, could still fit.
     outgoing.hasOverflowed = true;
     throw Base::Exception("Too Many Unread Responses");
   }

@@ -19,16 +19,18 @@ TRACE_MODULE("main");
 
 namespace {
 
-// The write end of the pipe to the loop. Never closed: a signal may come until the very end.
+// The write end of the pipe to the loop. Never closed: a signal may come until the process has
+// ended.
 std::atomic<int> relayFd{-1};
 static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler");
 
 void OnTermination(int signalNumber) {
   int const error = errno;
-  // Here and not on the loop: it may already be waiting for the thread that runs a command.
+  // In the handler and not on the loop: the loop may already wait for the thread that runs a
+  // command.
   Process::CancelShellCommands();
   auto const byte = static_cast<unsigned char>(signalNumber);
-  // A full pipe already holds more signals than anybody waits for.
+  // A full pipe already holds enough signals to end the daemon.
   static_cast<void>(!write(relayFd.load(std::memory_order_relaxed), &byte, sizeof byte));
   errno = error;
 }

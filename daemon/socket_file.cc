@@ -20,10 +20,10 @@ TRACE_MODULE("main");
 namespace {
 
 constexpr std::chrono::seconds lockPatience(1);
-constexpr std::chrono::milliseconds lockRest(5);
+constexpr std::chrono::milliseconds lockRetryInterval(5);
 
-// Only a refused connection says so: a listener that is busy, or of another type, answers
-// otherwise.
+// Only a refused connection proves it. A listener that is busy, or that has another socket type,
+// fails the connect with another error.
 bool IsAbandoned(std::string const& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) == -1 || !S_ISSOCK(status.st_mode)) return false;
@@ -34,14 +34,14 @@ bool IsAbandoned(std::string const& path) {
          errno == ECONNREFUSED;
 }
 
-// Anybody who can read the folder can hold such a lock, so it is not waited for without end.
+// Waits for the lock with a deadline: every user who can read the folder can hold such a lock.
 Base::UniqueFd LockFolder(std::string const& path) {
   std::string const folder = path.substr(0, path.rfind('/') + 1);
   Base::UniqueFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   auto const deadline = std::chrono::steady_clock::now() + lockPatience;
   while (lock && flock(lock.Get(), LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK &&
          std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(lockRest);
+    std::this_thread::sleep_for(lockRetryInterval);
   }
   return lock;
 }

@@ -9,18 +9,17 @@
 // The file of a Unix socket that this process binds itself.
 class SocketFile {
  public:
-  // Removes the socket file at `path` when nobody listens on it any more. Anything else there is
-  // left alone, for bind(2) to fail on. Returns a lock on the folder, to be held until somebody
-  // listens: between the two another daemon that starts would take the new file for an abandoned
-  // one.
+  // Removes the socket file at `path` when nobody listens on it any more. Leaves any other file
+  // alone; bind(2) then fails on it. Returns a lock on the folder. The caller holds the lock until
+  // it listens: another daemon that starts in between would take the new file for an abandoned one.
   static Base::UniqueFd RemoveStale(std::string const& path);
 
-  // Takes over the file that has just been bound at `path`.
+  // Becomes the owner of the file that this process has just bound at `path`.
   explicit SocketFile(std::string path);
   SocketFile(SocketFile const&) = delete;
   SocketFile& operator=(SocketFile const&) = delete;
 
-  // Removes it, unless another has taken its place.
+  // Removes the file, unless another file has taken its place.
   ~SocketFile();
 
  private:

@@ -44,7 +44,7 @@ constexpr auto settings = std::to_array<Setting>({
 
 }  // namespace
 
-std::string GetUsage() {
+std::string GetDaemonUsage() {
   std::string text =
       "Usage: ktclientd [--NAME=VALUE | --NAME:VALUE | --FLAG]...\n"
       "Answers device-posture questions on a Unix socket.\n"

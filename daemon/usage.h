@@ -2,5 +2,5 @@
 
 #include <string>
 
-// What `ktclientd --help` prints: every setting with its environment name and its default.
-std::string GetUsage();
+// The text of `ktclientd --help`: every setting with its environment variable and its default.
+std::string GetDaemonUsage();
