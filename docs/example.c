@@ -1,4 +1,4 @@
-// Asks ktclientd for the serial number: cc -o example example.c && ./example [SOCKET]
+// Prints the serial number that ktclientd reports: cc -o example example.c && ./example [SOCKET]
 #include <err.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
   ssize_t const header = sizeof length;
   int const fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (connect(fd, (struct sockaddr*)&address, sizeof address) == -1) err(1, "%s", path);
-  if (send(fd, &length, sizeof length, MSG_NOSIGNAL) != header ||  // a record of its own
+  if (send(fd, &length, sizeof length, MSG_NOSIGNAL) != header ||  // a separate record
       send(fd, request, length, MSG_NOSIGNAL) != length)
     err(1, "send");
   if (recv(fd, &length, sizeof length, 0) != header || length > sizeof answer ||
