@@ -1,4 +1,4 @@
-# How everything in the tree is compiled and linked. Imported targets are not affected.
+# How every target of the tree is compiled and linked. Imported targets are not affected.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_C_STANDARD 11)
@@ -25,7 +25,7 @@ add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 add_link_options(-Wl,--as-needed)
 
 if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
-  # Undefined first: some compilers come with a level of their own, and complain about another.
+  # Undefined first: some compilers predefine a level, and warn about a different one.
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong
                       -ffunction-sections -fdata-sections)
   add_link_options(-Wl,-z,relro,-z,now -Wl,--gc-sections)
@@ -43,8 +43,8 @@ endif()
 if(sanitizers)
   add_compile_options("-fsanitize=${sanitizers}" -fno-sanitize-recover=all
                       -fno-omit-frame-pointer -O1)
-  # The check of virtual pointers opens a pipe to look at memory, and takes not getting one, where a
-  # test leaves no descriptors, for an invalid object.
+  # The check of virtual pointers opens a pipe to look at memory. When a test has used up all
+  # descriptors, that fails, and the check then reports a valid object as invalid.
   add_compile_options(-fno-sanitize=vptr)
   add_link_options("-fsanitize=${sanitizers}")
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

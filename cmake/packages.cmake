@@ -1,4 +1,4 @@
-# What comes from the system: PkgConfig::systemd, PkgConfig::glib, PkgConfig::uuid,
+# Libraries from the system: PkgConfig::systemd, PkgConfig::glib, PkgConfig::uuid,
 # nlohmann_json::nlohmann_json and, for the tests, GTest::gtest_main.
 
 find_package(PkgConfig REQUIRED)

@@ -1,22 +1,22 @@
-# The kinds of target this tree consists of.
+# The functions that declare the targets of this tree. Their arguments:
 #
-#   DEPENDS   targets of this tree: ktclientd::base
-#   PACKAGES  targets from packages.cmake: PkgConfig::systemd
+#   DEPENDS   targets of this tree, such as ktclientd::base
+#   PACKAGES  targets from packages.cmake, such as PkgConfig::systemd
 #
-# File names are relative to the folder that makes the call. `scripts/check-layers` reads the calls
-# of the libraries and programs as they are written, so their lists hold plain names only.
+# File names are relative to the folder of the call. `scripts/check-layers` parses the calls for
+# libraries and programs, so their arguments must be plain names, without variables.
 
 include(GoogleTest)
 
-# Gives what depends on it the version, as the string literal KTCLIENTD_VERSION.
+# Defines the version as the string literal KTCLIENTD_VERSION, for each target that depends on this
+# one.
 add_library(ktclientd_version INTERFACE)
 add_library(ktclientd::version ALIAS ktclientd_version)
 target_compile_definitions(ktclientd_version
                            INTERFACE "KTCLIENTD_VERSION=\"${PROJECT_VERSION}\"")
 
-# Library ktclientd::<name>, named as its folder: static, or only an interface when it has no SOURCES.
-# HEADERS are for every target that depends on it, PRIVATE_HEADERS for its own folder. Each header
-# must compile alone.
+# Library ktclientd::<name>, named as its folder: static, or an interface library without SOURCES. HEADERS are for every target that depends on it, PRIVATE_HEADERS only for its own
+# folder. Each header must compile alone.
 function(ktclientd_library name)
   ktclientd_parse_arguments("HEADERS;PRIVATE_HEADERS;SOURCES;DEPENDS;PACKAGES" ${ARGN})
   set(headers ${ARG_HEADERS} ${ARG_PRIVATE_HEADERS})
@@ -39,7 +39,7 @@ function(ktclientd_program name)
   target_link_libraries("${name}" PRIVATE ${ARG_DEPENDS} ${ARG_PACKAGES})
 endfunction()
 
-# GoogleTest program <name>; each of its test cases is one for ctest, named <name>.<Suite>.<Case>.
+# GoogleTest program <name>. ctest runs each of its test cases as <name>.<Suite>.<Case>.
 function(ktclientd_test name)
   ktclientd_parse_arguments("SOURCES;DEPENDS;PACKAGES" ${ARGN})
   ktclientd_program("${name}" SOURCES ${ARG_SOURCES} DEPENDS ${ARG_DEPENDS}
@@ -48,7 +48,7 @@ function(ktclientd_test name)
                        DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
 
-# libFuzzer program <name>, for trees that are instrumented for it.
+# libFuzzer program <name>; only for builds with KTCLIENTD_FUZZ.
 function(ktclientd_fuzzer name)
   ktclientd_parse_arguments("SOURCES;DEPENDS;PACKAGES" ${ARGN})
   ktclientd_program("${name}" SOURCES ${ARG_SOURCES} DEPENDS ${ARG_DEPENDS}
@@ -56,7 +56,7 @@ function(ktclientd_fuzzer name)
   target_link_options("${name}" PRIVATE -fsanitize=fuzzer)
 endfunction()
 
-# Compiles each header as the only text of a source file.
+# Compiles each header alone: as the only include of a source file.
 function(ktclientd_check_headers library)
   if(NOT KTCLIENTD_CHECK_HEADERS OR NOT ARGN)
     return()
@@ -72,7 +72,7 @@ function(ktclientd_check_headers library)
   target_link_libraries("${library}_headers" PRIVATE "${library}")
 endfunction()
 
-# Sets ARG_<list> for each of `lists`; whatever belongs to none of them is a mistake.
+# Sets ARG_<list> for each of `lists`. An argument that belongs to no list is an error.
 macro(ktclientd_parse_arguments lists)
   cmake_parse_arguments(ARG "" "" "${lists}" ${ARGN})
   if(ARG_UNPARSED_ARGUMENTS)

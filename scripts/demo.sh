@@ -1,8 +1,8 @@
 #!/bin/bash
-# Builds the release preset and shows the daemon at work: on this machine as it is, on a machine
-# with prepared firmware tables, on an IGEL device with certificates made on the spot, and activated
-# by its socket. Fails when any step ends otherwise
-# than it should. Sockets and trace files are in a temporary folder, which goes at the end.
+# Builds the release preset and shows the daemon at work: on this machine, with prepared firmware
+# tables, on an invented IGEL device with new certificates, and started by socket activation. Fails
+# when a step does not end as expected. The sockets and trace files are in a temporary folder, which
+# the script removes at its end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -43,7 +43,7 @@ expect() {
   fi
 }
 
-# start SOCKET COMMAND...: runs the command until something can be connected to at the socket.
+# start SOCKET COMMAND...: runs the command in the background; returns once the socket file exists.
 start() {
   local socket=$1
   shift
@@ -53,20 +53,20 @@ start() {
   local deadline=$((SECONDS + patience))
   until [[ -S $socket ]]; do
     if ((SECONDS > deadline)) || ! kill -0 "$daemon" 2>/dev/null; then
-      echo "demo: there is no $socket" >&2
+      echo "demo: $socket does not exist" >&2
       exit 1
     fi
     sleep 0.05
   done
 }
 
-# ask SOCKET ARGUMENT...: asks the daemon and leaves the exit status in `status`.
+# ask SOCKET ARGUMENT...: sends a request with ktclientctl; sets `status` to its exit status.
 ask() {
   local socket=$1
   shift
   echo "\$ ktclientctl --socket=$socket $*"
   local deadline=$((SECONDS + patience))
-  # The socket is there a moment before it listens.
+  # The socket file exists a moment before the daemon listens on it.
   until
     status=0
     "$bin/ktclientctl" --socket="$socket" "$@" >"$folder/answer" 2>&1 || status=$?
@@ -77,7 +77,7 @@ ask() {
   cat "$folder/answer"
 }
 
-# Waits for the daemon to end; leaves its exit status in `status`.
+# Waits for the daemon to end; sets `status` to its exit status.
 waitForEnd() {
   status=0
   if timeout "$patience" tail --pid="$daemon" --follow /dev/null; then
@@ -107,11 +107,11 @@ cmake --build --preset release
 socket=$folder/ktclientd.sock
 mkdir "$folder/real" "$folder/prepared" "$folder/igel" "$folder/activated" "$folder/path"
 
-heading "This machine as it is"
+heading "This machine"
 start "$socket" "$bin/ktclientd" --socket="$socket" --trace-folder="$folder/real" --trace-level=4
 ask "$socket" hardware
-expect "ktclientctl has an answer" yes "$( ((status <= 1)) && echo yes || echo no)"
-echo "exit status of ktclientctl: $status (0 or 1: depends on the machine)"
+expect "ktclientctl has a response" yes "$( ((status <= 1)) && echo yes || echo no)"
+echo "exit status of ktclientctl: $status (0 or 1, depending on the machine)"
 ask "$socket" igel
 if ! grep --quiet 'IGEL OS 1[12]' /etc/os-release 2>/dev/null; then
   expect "exit status of ktclientctl" 1 "$status"
@@ -128,15 +128,15 @@ start "$socket" "$bin/ktclientd" --socket="$socket" --trace-folder="$folder/prep
   --trace-level=4
 ask "$socket" hardware
 expect "exit status of ktclientctl" 0 "$status"
-expect "serial numbers in the answer" "$serial" "$(grep -o "$serial" "$folder/answer" || true)"
+expect "serial numbers in the response" "$serial" "$(grep -o "$serial" "$folder/answer" || true)"
 ask "$socket" send "$unknownSensor"
 expect "exit status of ktclientctl" 1 "$status"
 stop
 
-heading "Its trace file"
+heading "The trace file of this run"
 cat "$folder/prepared/ktclientd.log"
 
-heading "An IGEL device, with certificates made on the spot"
+heading "An IGEL device with new certificates"
 store=$folder/trust-store
 mkdir "$store"
 for subject in "/C=DE/O=Example, Inc./CN=Management server" "/CN=Second"; do
@@ -144,7 +144,7 @@ for subject in "/C=DE/O=Example, Inc./CN=Management server" "/CN=Second"; do
     -subj "$subject" -out "$store/${subject##*=}.pem" 2>/dev/null
 done
 printf 'NAME="IGEL OS 12"\nVERSION="12.4"\n' >"$folder/os-release"
-# In a mount namespace of its own another file stands in the place of /etc/os-release.
+# The daemon's own mount namespace has another file in place of /etc/os-release.
 namespace=(unshare --mount)
 [[ $EUID -eq 0 ]] || namespace+=(--map-root-user)
 # shellcheck disable=SC2016 # expanded by the inner shell
@@ -154,12 +154,12 @@ start "$socket" "${namespace[@]}" sh -c 'mount --bind "$0" /etc/os-release && ex
 ask "$socket" igel
 expect "exit status of ktclientctl" 0 "$status"
 thumbprint=$(openssl x509 -in "$store/Second.pem" -outform DER | sha256sum | cut -d ' ' -f 1)
-expect "thumbprint of the second, by sha256sum" "${thumbprint^^}" \
+expect "thumbprint of the second certificate, as sha256sum computes it" "${thumbprint^^}" \
   "$(grep -o "${thumbprint^^}" "$folder/answer" || true)"
-expect "certificates in the answer" 2 "$(grep -c '"subject"' "$folder/answer")"
+expect "certificates in the response" 2 "$(grep -c '"subject"' "$folder/answer")"
 stop
 
-heading "Activated by its socket; leaves by itself when idle"
+heading "Started by socket activation; exits when idle"
 activated=$folder/activated.sock
 start "$activated" systemd-socket-activate --seqpacket --listen="$activated" -- \
   "$PWD/$bin/ktclientd" --activated --activated-period=1 --trace-folder="$folder/activated" \
@@ -171,7 +171,7 @@ expect "exit status of ktclientd" 0 "$status"
 
 heading "Result"
 if [[ $failed -ne 0 ]]; then
-  echo "A step ended otherwise than it should: see above."
+  echo "A step did not end as expected: see above."
   exit 1
 fi
-echo "Every step ended as it should."
+echo "Every step ended as expected."

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Formats the C and C++ files of the tree. With --check it changes none: it prints what is not
-# formatted, and fails when there is any.
+# Formats the C and C++ files of the tree. With --check it changes no file: it prints what is not
+# formatted, and fails if anything is.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

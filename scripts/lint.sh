@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs clang-tidy over the sources, and with them the headers they include; prints its findings and
-# fails when there is any. Only the files that are named, where some are: scripts/lint.sh net/*.cc
+# Runs clang-tidy over all sources and the headers that they include; prints the findings and fails
+# if there are any. With arguments, only over these sources: scripts/lint.sh net/*.cc
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,5 +13,5 @@ else
     -type f \( -name '*.c' -o -name '*.cc' \) -print0
 fi |
   xargs --null --max-args=1 --max-procs="$(nproc)" clang-tidy-14 --quiet -p build/clang 2>&1 |
-  # How many findings there are, with those in system headers, which are not shown.
+  # Drop the count of findings: it includes hidden ones, in system headers.
   sed -E '/^[0-9]+ warnings? generated\.$/d'

@@ -1,10 +1,10 @@
 #!/bin/bash
-# Builds the Debian package, and the archive for systems that have no package manager, from what is
-# committed; checks both, and leaves them in build/package/.
+# Builds the Debian package, and the archive for systems without a package manager, from the current
+# commit; checks both, and leaves them in build/package/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
-umask 022  # the archive holds folders with the modes that they are made with
+umask 022  # the archive keeps the modes of its folders
 
 results=$PWD/build/package
 source=$results/source/ktclientd
@@ -14,7 +14,7 @@ rm -rf "$results"
 mkdir -p "$source"
 git archive HEAD | tar --extract --directory="$source"
 if [[ -n $(git status --porcelain) ]]; then
-  echo "package: what is not committed is left out"
+  echo "package: uncommitted changes are left out"
 fi
 
 build() {
@@ -32,7 +32,7 @@ build() {
 mv "$results"/source/ktclientd*.* "$results"/source/archive/*.tar.gz "$results"
 rm -rf "$results/source"
 
-# Warnings are failures; what is below them is shown.
+# Warnings make it fail; findings of lower severity are only shown.
 lintian --allow-root --info --pedantic --display-info --fail-on=error,warning \
   "$results"/*.changes
 KTCLIENTD_PACKAGES=$results python3 -B -m unittest discover --start-directory tests/packaging

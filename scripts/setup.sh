@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs the Debian packages that building, testing and checking the tree takes; does and prints
-# nothing when they are all there.
+# Installs the missing Debian packages that are needed to build, test and check the tree. Does and
+# prints nothing when all are installed.
 set -euo pipefail
 
 packages=(
@@ -13,7 +13,7 @@ packages=(
   debhelper dpkg-dev fakeroot lintian mmdebstrap systemd-container
 )
 
-# A package that dpkg has never heard of makes the query fail, and is missing like the others.
+# The query fails when dpkg does not know one of the packages: that one is missing, too.
 installed=$(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "${packages[@]}" \
   2>/dev/null | sed -n 's/^installed //p' || true)
 missing=()

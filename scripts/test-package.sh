@@ -1,13 +1,13 @@
 #!/bin/bash
-# Installs the package that scripts/package.sh has left in build/package/ in a minimal Debian that
-# is booted in a container, and runs debian/tests/ there. The tree of that Debian stays in build/;
-# the container works on a copy in memory. Needs root.
+# Boots a minimal Debian in a container, installs the package from build/package/ there
+# (scripts/package.sh makes it) and runs debian/tests/. The tree of that Debian stays in build/; the
+# container works on a copy in memory. Needs root.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")/.."
 if [[ $EUID -ne 0 ]]; then
   exec sudo "$0" "$@"
 fi
-# What is mounted here ends with the script.
+# In a mount namespace of its own: its mounts end with the script.
 if [[ ${1-} != --in-namespace ]]; then
   exec unshare --mount --propagation=private "$0" --in-namespace </dev/null
 fi
@@ -19,11 +19,11 @@ serial=KT-0042-TEST
 scripts/setup.sh
 packages=(build/package/ktclientd_*.deb)
 if [[ ! -e ${packages[0]} ]]; then
-  echo "test-package: there is no package, see scripts/package.sh" >&2
+  echo "test-package: there is no package; run scripts/package.sh first" >&2
   exit 1
 fi
 
-# What the package and its tests depend on, in the Debian that this one is.
+# The packages that the package and its tests depend on, for the Debian release of this machine.
 suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 wanted=$({
   echo systemd-sysv,dbus,procps,dmidecode
@@ -56,8 +56,8 @@ trap 'exit 130' INT TERM
 
 cp "${packages[0]}" "$data/package.deb"
 echo "$serial" >"$data/serial"
-# A dump has the entry point, padded to 32 bytes, and the structures, as the kernel shows them in
-# two files.
+# The dump holds the entry point, padded to 32 bytes, and then the structures. The kernel shows the
+# two as separate files.
 tests/data/make_dmi_table.py --serial "$serial" --output "$data/dump"
 head --bytes=24 "$data/dump" >"$data/smbios_entry_point"
 tail --bytes=+33 "$data/dump" >"$data/DMI"
@@ -78,7 +78,7 @@ options=(
   --bind-ro="$PWD:/source" --bind-ro="$data:/data" --bind="$folder/results:/results"
   --bind-ro="$data/package-test.service:/etc/systemd/system/package-test.service"
 )
-# Where no systemd runs, nobody finds the container a place among the control groups.
+# Without a running systemd this script must create the control group of the container itself.
 if [[ ! -d /run/systemd/system ]]; then
   options+=(--register=no --keep-unit)
   if [[ $(stat --file-system --format=%T /sys/fs/cgroup) != cgroup2fs ]]; then
@@ -96,7 +96,7 @@ touch "$folder/results/output"
   if [[ -n $controlGroup ]]; then
     echo "$BASHPID" >"$controlGroup/cgroup.procs"
   fi
-  # Told to end, it shuts its Debian down.
+  # On SIGTERM systemd-nspawn shuts its Debian down.
   exec timeout --kill-after=30 "$patience" systemd-nspawn "${options[@]}" \
     systemd.wants=package-test.service
 ) >"$folder/results/console" 2>&1 &

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Builds a preset, "release" unless it is named, and runs its tests: scripts/test.sh asan -R address
+# Builds a preset and runs its tests: scripts/test.sh asan -R address. The default is "release".
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,7 +9,7 @@ if [[ $# -gt 0 && $1 != -* ]]; then
   shift
 fi
 
-# They would override the settings that the tests give on command lines.
+# These variables would override the settings that the tests pass as arguments.
 for name in "${!KESTREL_@}"; do
   unset "$name"
 done
