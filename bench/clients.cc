@@ -59,15 +59,15 @@ Descriptor Connect(ClientOptions const& options) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (name.empty() || name.size() >= sizeof address.sun_path) {
-    throw std::invalid_argument("No socket can have the name \"" + options.socket + "\"");
+    throw std::invalid_argument("Not a valid socket name: \"" + options.socket + "\"");
   }
   name.copy(std::next(address.sun_path, isPath ? 0 : 1), name.size());
-  // An abstract name ends with the address, a path with its NUL: both take one byte more.
+  // One byte more than the text: an abstract name has a leading NUL, a path a final NUL.
   auto const length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + 1);
 
   Descriptor connection(
       socket(AF_UNIX, (options.stream ? SOCK_STREAM : SOCK_SEQPACKET) | SOCK_CLOEXEC, 0));
-  // The socket blocks, for connect() to wait while the server's backlog is full, but not for ever.
+  // The socket is blocking with a timeout: connect() waits while the server's backlog is full.
   timeval const timeout{patienceMs / 1000, 0};
   if (!connection.IsOpen() ||
       setsockopt(connection.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == -1) {
@@ -79,13 +79,13 @@ Descriptor Connect(ClientOptions const& options) {
     if (!isAbsent || !options.wait || Clock::now() > deadline) {
       ThrowErrno("Failed to connect to " + options.socket);
     }
-    // Nothing tells that a server has begun to listen.
+    // No event reports that a server has begun to listen.
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return connection;
 }
 
-// One client, on one connection after another or on the same all the time.
+// One client. It uses one connection for all requests, or with `connectEach` a new one for each.
 class Clients::Client {
  public:
   enum class Arrival { Nothing, Data, End };
@@ -98,12 +98,12 @@ class Clients::Client {
   bool IsOpen() const { return _connection.IsOpen(); }
   int GetFd() const { return _connection.Get(); }
   std::size_t GetNumber() const { return _number; }
-  // Whether a request could not be sent whole yet.
+  // Whether a request has been sent in part only.
   bool IsAsking() const { return _isAsking; }
   std::uint64_t GetInFlight() const { return _asked - _answered; }
 
-  // Sends the next request, or what is left of the one that the last call could not send whole.
-  // Returns false when the socket takes no more for now.
+  // Sends the next request, or the remainder of a request that was sent in part only.
+  // Returns false when the socket is full.
   bool Ask() {
     if (!_isAsking) {
       _isAsking = true;
@@ -123,9 +123,9 @@ class Clients::Client {
     return true;
   }
 
-  // Takes what one recv() brings and adds the latency of each answer that is whole with it.
+  // Receives once, and adds the latency of each response that is now complete.
   Arrival Receive(std::span<char> scratch, Latencies& latencies) {
-    // On records, MSG_TRUNC has recv() return the length of one that exceeds the buffer.
+    // On records, MSG_TRUNC makes recv() return a record's whole length, even beyond the buffer.
     int const flags = MSG_DONTWAIT | (_options.stream ? 0 : MSG_TRUNC);
     ssize_t const received = recv(GetFd(), scratch.data(), scratch.size(), flags);
     if (received == -1) {
@@ -145,7 +145,7 @@ class Clients::Client {
     while (_arrived.size() >= headerSize) {
       std::size_t const payloadSize = GetPayloadSize(_arrived);
       if (payloadSize > maxAnswerSize) {
-        Fail("an answer of " + std::to_string(payloadSize) + " bytes is announced");
+        Fail("the length of a response is " + std::to_string(payloadSize) + " bytes");
       }
       if (_arrived.size() < headerSize + payloadSize) {
         break;
@@ -172,16 +172,16 @@ class Clients::Client {
            std::to_string(_asked) + " requests answered: " + what;
   }
 
-  // Both return how much was sent, 0 when the socket is full.
+  // Both return the number of bytes sent, 0 when the socket is full.
   std::size_t SendBytes(std::string const& request) const {
     ssize_t const size =
         send(GetFd(), &request[_sent], request.size() - _sent, MSG_DONTWAIT | MSG_NOSIGNAL);
     return size == -1 ? CheckSocketIsFull() : static_cast<std::size_t>(size);
   }
 
-  // One call for both records, so that the server is not woken by a header without its payload.
+  // One call for both records, so that the server does not wake up for a header without payload.
   std::size_t SendRecords(std::string const& request) const {
-    // The kernel does not write through these.
+    // sendmmsg() only reads this memory.
     char* const bytes = const_cast<char*>(request.data());
     std::array<iovec, 2> parts{
         {{bytes, headerSize}, {bytes + headerSize, request.size() - headerSize}}};
@@ -208,14 +208,14 @@ class Clients::Client {
   void CheckRecord(std::size_t size) const {
     std::size_t const expected = _arrived.empty() ? headerSize : GetPayloadSize(_arrived);
     if (size != expected) {
-      Fail("a record of " + std::to_string(size) + " bytes arrived where one of " +
-           std::to_string(expected) + " was due");
+      Fail("a record of " + std::to_string(size) + " bytes arrived, expected " +
+           std::to_string(expected));
     }
   }
 
   void CheckAnswer(std::size_t size) const {
     if (GetInFlight() == (_isAsking ? 1 : 0)) {
-      Fail("nobody asked for " + DescribePacket(_arrived.substr(0, size)));
+      Fail("no request for " + DescribePacket(_arrived.substr(0, size)));
     }
     std::string const& expected = GetExchange(_answered).answer;
     if (_arrived.compare(0, size, expected) != 0) {
@@ -228,12 +228,12 @@ class Clients::Client {
   std::vector<Exchange> const& _packets;
   std::size_t _number;
   Descriptor _connection;
-  std::uint64_t _asked = 0;  // counts a request from its first byte on
+  std::uint64_t _asked = 0;  // includes a request that is sent in part
   std::uint64_t _answered = 0;
   std::vector<Clock::time_point> _askedAt;  // by the request's number, modulo the window
   bool _isAsking = false;
-  std::size_t _sent = 0;  // of the request that is being sent
-  std::string _arrived;   // what has come of an answer that is not whole
+  std::size_t _sent = 0;  // bytes of the current request
+  std::string _arrived;   // the bytes of an incomplete response
 };
 
 Clients::Clients(ClientOptions const& options)

@@ -11,23 +11,23 @@
 
 namespace Bench {
 
-// A payload that is asked, and the exact payload that must answer it.
+// The payload of a request, and the exact payload of its response.
 struct Exchange {
   std::string request;  // neither is empty: an empty packet ends the connection
   std::string answer;
 };
 
 struct ClientOptions {
-  std::string socket;   // with a '/' a path, else an abstract name; a leading '@' is dropped
+  std::string socket;   // a path if it has a '/', else an abstract name; a leading '@' is dropped
   bool stream = false;  // SOCK_STREAM instead of SOCK_SEQPACKET
-  bool wait = false;    // for the server to listen, if it does not yet
+  bool wait = false;    // until the server listens
   std::uint64_t connections = 1;
-  std::uint64_t window = 1;         // requests that each connection keeps unanswered
-  bool connectEach = false;         // a connection for each request; `window` is 1 then
-  std::vector<Exchange> exchanges;  // not empty; each client asks them in turn
+  std::uint64_t window = 1;         // requests that each connection keeps in flight
+  bool connectEach = false;         // a new connection for each request; requires `window` 1
+  std::vector<Exchange> exchanges;  // not empty; each client sends them in turn
 };
 
-// How long a server may leave its clients without any news.
+// The longest time without any byte from the server.
 constexpr int patienceMs = 30'000;
 
 // Owns a descriptor, or none.
@@ -59,33 +59,33 @@ class Descriptor {
 [[noreturn]] void ThrowErrno(std::string const& what);
 
 // Returns a connected socket; waits while the server's backlog is full.
-// Throws std::system_error, or std::invalid_argument when no socket can have such a name.
+// Throws std::system_error, or std::invalid_argument when the name is not valid for a socket.
 Descriptor Connect(ClientOptions const& options);
 
-// Clients of one server, driven by one epoll loop on the calling thread. They check that every
-// answer is the expected one, byte for byte, and in the order of the requests of its connection.
+// Clients of one server, in one epoll loop on the calling thread. They check that every response is
+// the expected one, byte for byte, in the order of the requests of its connection.
 //
 //   offset  size  field
 //   0       4     n, the payload's length in bytes: unsigned, host byte order
 //   4       n     payload
 //
-// On a SOCK_SEQPACKET socket the two fields are records of their own, on a SOCK_STREAM socket just
-// bytes.
+// On a SOCK_SEQPACKET socket the two fields are separate records; on a SOCK_STREAM socket they are
+// just bytes.
 //
-// All operations throw std::runtime_error on whatever the server does that it should not, and when
-// it does nothing for `patienceMs`; the object is of no more use then.
+// All operations throw std::runtime_error when the server breaks the protocol, or sends nothing for
+// `patienceMs`. After that the object must not be used.
 class Clients {
  public:
-  // Connects, unless every request is to have a connection of its own. `options` must outlive this.
+  // Connects, unless `connectEach` is set. `options` must outlive this object.
   explicit Clients(ClientOptions const& options);
   ~Clients();
 
-  // Asks `count` requests. Returns the latency of each, in the order of the answers: from just
-  // before it is sent, which is after the connection is made, to the last byte of its answer.
+  // Sends `count` requests. Returns the latencies, in the order of the responses: the time from
+  // just before the request is sent to the last byte of its response. It never includes connecting.
   std::vector<std::chrono::nanoseconds> Run(std::uint64_t count);
 
-  // Ends every connection from this side and waits for the server to do the same; an answer on top
-  // of those asked for comes to light here. The last operation.
+  // Shuts down every connection and waits for the server to close it. Detects surplus responses.
+  // Must be the last operation.
   void Finish();
 
  private:

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Measures the daemon side by side with the yardstick: latency, throughput and processor time with
-# and without trace lines, system calls per request, and the time from activation to an answer.
+# Compares the daemon with the yardstick: latency, throughput and processor time, with and without
+# trace lines; system calls per request; the time from activation to the first response.
 set -euo pipefail
 
 usage="Usage: bench/compare.sh [-b DIRECTORY_OF_PROGRAMS] [-n REQUESTS] [-r ROUNDS]"
@@ -24,8 +24,8 @@ done
 directory=$(mktemp -d)
 declare -A pids=()
 
-# start NAME COMMAND...: has COMMAND serve the socket $directory/NAME. Its environment is bare: a
-# KESTREL_ variable would override the command line.
+# start NAME COMMAND...: runs COMMAND, which serves the socket $directory/NAME. The environment is
+# empty except for PATH: a KESTREL_ variable would override the command line.
 start() {
   env -i PATH="$PATH" "${@:2}" >"$directory/$1.output" 2>&1 &
   pids[$1]=$!
@@ -35,7 +35,7 @@ stop() {
   local pid=${pids[$1]}
   unset "pids[$1]"
   kill "$pid" 2>/dev/null || true
-  # One that ignores the signal must not hold up the rest.
+  # A process that ignores SIGTERM must not block the other measurements.
   for _ in {1..200}; do
     kill -0 "$pid" 2>/dev/null || break
     sleep 0.05
@@ -61,7 +61,7 @@ start_daemon() {  # NAME ARGUMENT...
 
 load() {  # NAME OPTION...
   "$bin/load" --wait --socket="$directory/$1" --pid="${pids[$1]}" "${@:2}" || {
-    echo "The load on $1 failed, which wrote:" >&2
+    echo "The load on $1 failed. Output of $1:" >&2
     cat "$directory/$1.output" >&2
     exit 1
   }
@@ -71,13 +71,13 @@ median() {
   sort -g | awk '{ v[NR] = $1 } END { print (v[int((NR + 1) / 2)] + v[int(NR / 2) + 1]) / 2 }'
 }
 
-# figure NAME KEY: the median over the rounds of what `load` reports as KEY.
+# figure NAME KEY: the median, over the rounds, of the figure KEY that `load` reports.
 figure() {
   awk -v key="$2" '$1 == key { print $2 }' "$directory/$1".round.* | median
 }
 
-# race TITLE YARDSTICK DAEMON: loads the two in turn, so that whatever else the machine does while
-# this runs slows down both.
+# race TITLE YARDSTICK DAEMON: loads the two servers in turn, so that other work of the machine
+# affects both.
 race() {
   local round name key
   for ((round = 1; round <= rounds; ++round)); do
@@ -91,8 +91,8 @@ race() {
   done | awk '{ printf "%-20s %12.1f %12.1f %8.2f\n", $1, $2, $3, $3 / $2 }'
 }
 
-# count_calls NAME REQUESTS FILE: what the server calls while it is asked that often. Fails when it
-# cannot be traced.
+# count_calls NAME REQUESTS FILE: writes the server's system calls for REQUESTS requests to FILE, as
+# strace counts them. Fails when strace cannot attach to the server.
 count_calls() {
   local pid=${pids[$1]} tracer
   strace -qq -c -f -o "$3" -p "$pid" 2>"$directory/strace.output" &
@@ -110,15 +110,15 @@ count_calls() {
   stop strace
 }
 
-# The system calls of 2000 requests: those of 2100 less those of 100. What starting, ending and
-# idling take is in both.
+# The system calls of 2000 requests: those of 2100 minus those of 100. Both counts include the calls
+# for starting, ending and idling, so these cancel out.
 print_calls() {  # NAME
   if ! count_calls "$1" 100 "$directory/few" || ! count_calls "$1" 2100 "$directory/many"; then
     echo "$1: strace cannot attach: $(cat "$directory/strace.output")"
     return
   fi
-  # Of a table's lines only those of calls have a number in the fourth column; the last one is the
-  # sum.
+  # In the table of strace the fourth column is a number only in the lines of calls and in the last
+  # line, "total".
   awk -v name="$1" '
     $4 ~ /^[0-9]+$/ && $NF != "total" {
       calls[$NF] += (FILENAME ~ /many$/ ? 1 : -1) * $4
@@ -134,7 +134,7 @@ print_calls() {  # NAME
     }' "$directory/few" "$directory/many"
 }
 
-# The daemon is executed when the request is already waiting for it.
+# systemd-socket-activate executes the daemon when the request is already waiting.
 print_start_time() {
   local round
   for round in {1..10}; do
@@ -145,7 +145,7 @@ print_start_time() {
     stop activated
     rm -f "$directory/activated"
   done
-  printf '\nFrom activation to the first answer, median of 10: %.0f us\n' \
+  printf '\nFrom activation to the first response, median of 10: %.0f us\n' \
     "$(figure activated max_us)"
 }
 
@@ -164,7 +164,7 @@ if command -v strace >/dev/null; then
   print_calls quiet_yardstick
   print_calls quiet_daemon
 else
-  echo "not counted: there is no strace"
+  echo "not counted: strace is not installed"
 fi
 stop quiet_yardstick
 stop quiet_daemon
@@ -183,5 +183,5 @@ stop tracing_daemon
 if command -v systemd-socket-activate >/dev/null; then
   print_start_time
 else
-  printf '\nThe start is not timed: there is no systemd-socket-activate\n'
+  printf '\nThe start is not timed: systemd-socket-activate is not installed\n'
 fi

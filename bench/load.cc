@@ -1,5 +1,5 @@
-// Puts a known load on a server of the packet protocol, checks every answer and reports what it
-// took: throughput, latencies and, given the server's process id, its use of the machine.
+// Sends a known load to a server of the packet protocol and checks every response. Reports the
+// throughput, the latencies and, given the server's process id, its use of resources.
 
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -37,7 +37,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::nanoseconds;
 
-// With --connect-each the server is looked at after as many requests, to be compared with the end.
+// With --connect-each the server's figures are also read after this many requests, to show leaks.
 constexpr std::uint64_t earlyRequests = 1000;
 
 constexpr char const* usage =
@@ -101,14 +101,14 @@ Options ParseOptions(std::span<char* const> arguments) {
     } else if (name == "--expect" && !value.empty()) {
       answers.emplace_back(value);
     } else {
-      throw UsageError("Cannot make sense of " + std::string(argument));
+      throw UsageError("Invalid argument " + std::string(argument));
     }
   }
   if (options.clients.socket.empty()) {
     throw UsageError("--socket is missing");
   }
   if (options.clients.connectEach && options.clients.window > 1) {
-    throw UsageError("--connect-each leaves no room for a window");
+    throw UsageError("--connect-each cannot have a window above 1");
   }
   if (requests.empty()) {
     requests.emplace_back(R"({"sensor":{"none":null}})");
@@ -117,7 +117,7 @@ Options ParseOptions(std::span<char* const> arguments) {
     answers.assign(requests.size(), R"({"status":"ErrorNotImplemented"})");
   }
   if (requests.size() != answers.size()) {
-    throw UsageError("Every --request takes an --expect, or none does");
+    throw UsageError("Every --request needs an --expect, or none may have one");
   }
   for (std::size_t i = 0; i < requests.size(); ++i) {
     options.clients.exchanges.push_back({requests[i], answers[i]});
@@ -131,11 +131,11 @@ struct Figures {
   std::uint64_t descriptors = 0;
 };
 
-// The server as /proc and its processor clock show it.
+// The server's figures, from /proc and its processor clock.
 class Server {
  public:
   explicit Server(pid_t pid) : _directory("/proc/" + std::to_string(pid)) {
-    // Counts nanoseconds and includes threads that have ended, unlike the files in /proc.
+    // Unlike the files in /proc, it counts nanoseconds and includes threads that have ended.
     errno = clock_getcpuclockid(pid, &_clock);
     if (errno != 0) {
       Bench::ThrowErrno("Failed to find process " + std::to_string(pid));
@@ -151,8 +151,8 @@ class Server {
             ReadResidentKib(), CountDescriptors()};
   }
 
-  // The server may still be closing what has been closed on this side, and nothing tells when it
-  // is done: waits a while for it to hold no more than `descriptors`, then takes what there is.
+  // Waits up to 2 s until the server has at most `descriptors` open descriptors, and then reads the
+  // figures. The server may still be closing connections, and no event reports the end of that.
   Figures ReadSettled(std::uint64_t descriptors) const {
     auto const deadline = Clock::now() + std::chrono::seconds(2);
     while (CountDescriptors() > descriptors && Clock::now() < deadline) {
@@ -206,13 +206,13 @@ double ToMicroseconds(nanoseconds time) {
   return std::chrono::duration<double, std::micro>(time).count();
 }
 
-// The smallest latency that `share` of all do not exceed. `sorted` is not empty.
+// The smallest latency that a `share` of all latencies does not exceed. `sorted` is not empty.
 nanoseconds GetPercentile(std::vector<nanoseconds> const& sorted, double share) {
   auto const rank = std::ceil(share * static_cast<double>(sorted.size()));
   return sorted[static_cast<std::size_t>(std::max(rank, 1.0)) - 1];
 }
 
-// What a run of requests took. The processor time is the server's.
+// The result of a run of requests. `processor` is the server's processor time.
 struct Measurement {
   std::vector<nanoseconds> latencies;
   nanoseconds elapsed{};
@@ -252,8 +252,8 @@ void PrintFigures(char const* when, Figures const& figures) {
   Print(("descriptors_" + std::string(when)).c_str(), figures.descriptors);
 }
 
-// Asks once on a connection of its own. The server accepts connections in the order they were
-// made, so once this one is served all earlier ones are accepted.
+// Sends one request on a new connection. The server accepts connections in the order of their
+// connects, so after this response it has accepted all earlier ones.
 void AskOnce(Bench::ClientOptions options) {
   options.connections = 1;
   options.window = 1;
@@ -263,10 +263,10 @@ void AskOnce(Bench::ClientOptions options) {
   client.Finish();
 }
 
-// Opens connections that stay silent, and prints what each takes of the server's memory.
+// Opens connections that stay silent, and prints the server's memory growth for each.
 std::vector<Bench::Descriptor> OpenIdle(Options const& options,
                                         std::optional<Server> const& server) {
-  AskOnce(options.clients);  // what the first connection takes is not the idle ones'
+  AskOnce(options.clients);  // the memory for a first connection is not part of the growth
   Figures const before = server ? server->Read() : Figures();
   std::vector<Bench::Descriptor> idle;
   while (idle.size() < options.idle) {
@@ -282,12 +282,12 @@ std::vector<Bench::Descriptor> OpenIdle(Options const& options,
   return idle;
 }
 
-// Throws when the server has ended or answered an idle connection.
+// Throws when the server has closed an idle connection or sent something on it.
 void CheckIdle(std::vector<Bench::Descriptor> const& idle) {
   for (Bench::Descriptor const& connection : idle) {
     char byte = 0;
     if (recv(connection.Get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) != -1 || errno != EAGAIN) {
-      throw std::runtime_error("The server has not left an idle connection alone");
+      throw std::runtime_error("The server has closed an idle connection or sent something on it");
     }
   }
 }

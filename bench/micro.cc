@@ -28,7 +28,7 @@ class OnThread {
   Base::Shared<Thread> const runner = Base::MakeShared<Thread>();
 };
 
-// With one worker, as a thread has.
+// With one worker, so that it compares with a thread.
 class OnPool {
  public:
   ~OnPool() { runner->Close(false); }
@@ -48,7 +48,7 @@ void PostOneAndWait(Base::TaskRunner& runner) {
   ran.wait();
 }
 
-// A task of many that are posted one after the other: made, posted, run and destroyed.
+// Creates, posts, runs and destroys a task; posts many tasks in a row.
 template <typename Executor>
 void Post(benchmark::State& state) {
   constexpr int count = 1000;
@@ -63,7 +63,7 @@ BENCHMARK(Post<OnThreadLinux>)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(Post<OnThreadLinuxGlib>)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(Post<OnPool>)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
-// There and back: both sides sleep in between.
+// One round trip: both threads sleep in between.
 template <typename Executor>
 void PostAndWait(benchmark::State& state) {
   Executor const executor;
@@ -75,7 +75,7 @@ BENCHMARK(PostAndWait<OnPool>)->UseRealTime();
 
 void TraceDisabled(benchmark::State& state) {
   std::size_t bytesRead = 0;
-  constexpr int batch = 1000;  // the loop's own test would cost more than what is measured
+  constexpr int batch = 1000;  // the benchmark loop's own test costs more than one disabled call
   while (state.KeepRunningBatch(batch)) {
     for (int i = 0; i < batch; ++i) {
       TRACE_DEBUG("Read succeeded", Trace::As("this", &state), ++bytesRead);
@@ -98,7 +98,7 @@ BENCHMARK(TraceEnabled);
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  // VERBOSE is on and DEBUG is off; the lines are written, but to nowhere.
+  // VERBOSE is on and DEBUG is off; the lines go to /dev/null.
   constexpr std::array traceArguments{"micro", "--trace-level=4", "--trace-file=/dev/null"};
   ParseArguments(traceArguments.size(), traceArguments.data());
   Trace::InitializeTrace(true, "micro.log");

@@ -11,7 +11,7 @@
 
 namespace {
 
-// From the call until the exit has been reported, which the loop has to notice.
+// From the call until the loop has reported the exit.
 void Execute(benchmark::State& state) {
   auto const thread = Base::MakeShared<Base::ThreadLinux>();
   thread->Start();

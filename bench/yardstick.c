@@ -1,11 +1,11 @@
-// The least a server of the packet protocol can do: one thread, one level-triggered epoll loop and
-// five system calls a request. It neither parses nor copies, so no server of the protocol that
-// waits for its clients with epoll gets much below its figures.
+// A minimal server of the packet protocol: one thread, one level-triggered epoll loop, five system
+// calls per request. It neither parses nor copies, so no other server that waits with epoll can be
+// much faster.
 //
 //   yardstick ADDRESS [LINES FILE]
 //
-// With LINES and FILE it also appends that many lines a request to FILE, each with a time stamp and
-// a write(2) of its own, as a server does that traces what it does.
+// With LINES and FILE it also appends LINES lines to FILE for each request. Each line has a time
+// stamp and a write(2) of its own, like the trace of a real server.
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): has accept4()
 #define _GNU_SOURCE
@@ -30,7 +30,7 @@ static char const answer[] = "{\"status\":\"ErrorNotImplemented\"}";
 
 static long linesPerRequest = 0;
 static int traceFd = -1;
-static int pid;  // kept: getpid() is a system call
+static int pid;  // stored, because getpid() is a system call
 
 static void Fail(char const* what) {
   perror(what);
@@ -54,17 +54,17 @@ static void WriteLines(long count, int fd, uint32_t length) {
   }
 }
 
-// Answers one request; false at the end of the connection.
+// Responds to one request; false at the end of the connection.
 static bool Serve(int fd) {
   static char payload[128 * 1024];
   uint32_t const answerLength = sizeof answer - 1;
   uint32_t length = 0;
-  // The sockets block: a header that was read is followed by its payload at once.
+  // The sockets are blocking: a client sends the payload right after the header.
   if (recv(fd, &length, sizeof length, 0) != (ssize_t)sizeof length || length == 0 ||
       recv(fd, payload, sizeof payload, 0) != (ssize_t)length) {
     return false;
   }
-  // Half of the lines before the answer, half after it: a server traces both ways.
+  // Half of the lines before the response, half after it: a server traces both directions.
   WriteLines(linesPerRequest - linesPerRequest / 2, fd, length);
   bool const sent =
       send(fd, &answerLength, sizeof answerLength, MSG_NOSIGNAL) == (ssize_t)sizeof answerLength &&
@@ -73,7 +73,7 @@ static bool Serve(int fd) {
   return sent;
 }
 
-// A text with a '/' is a path, any other an abstract name.
+// A text with a '/' is a path, any other text an abstract name.
 static int Listen(char const* text) {
   struct sockaddr_un address = {.sun_family = AF_UNIX};
   bool const isPath = strchr(text, '/') != NULL;
@@ -85,7 +85,7 @@ static int Listen(char const* text) {
     Fail(text);
   }
   stpcpy(address.sun_path + offset, name);
-  // The name ends with the address, a path with its NUL: either way one byte more than the text.
+  // One byte more than the text: an abstract name has a leading NUL, a path a final NUL.
   socklen_t const length = (socklen_t)(offsetof(struct sockaddr_un, sun_path) + size + 1);
   int const fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (fd == -1 || bind(fd, (struct sockaddr const*)&address, length) == -1 ||
@@ -102,7 +102,7 @@ static void Watch(int epoll, int fd) {
   }
 }
 
-// Thousands of silent connections are more than the usual soft limit.
+// Thousands of silent connections exceed the usual soft limit.
 static void RaiseDescriptorLimit(void) {
   struct rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) == -1) {
