@@ -6,20 +6,22 @@
 
 #include <cerrno>
 
-// The child of a process with threads has only the one that forked, and the locks of all: whoever
-// held one, of the allocator, of the trace log, will never give it back. Until its exec it calls
-// only what is async-signal-safe (signal-safety(7)), and logs nothing. execvp is not on that list,
-// because some libraries allocate while they search PATH; glibc's searches on the stack.
+// fork(2) copies only the calling thread, but every lock in the state in which it is: a lock that
+// another thread holds, of the allocator or of the trace log, is never released in the child. So
+// the child calls only async-signal-safe functions (signal-safety(7)) until its exec, and logs
+// nothing. execvp is not on that list because some libraries allocate memory while they search
+// PATH; glibc searches on the stack.
 
 namespace Process {
 
 namespace {
 
-// A handler is gone with the exec, an ignored signal would stay ignored.
+// exec resets a signal that has a handler, but an ignored or blocked signal stays so in the
+// program.
 void RestoreSignals() {
   struct sigaction action {};
   action.sa_handler = SIG_DFL;
-  // Those that cannot be changed are the kernel's and the library's own.
+  // sigaction fails for SIGKILL, SIGSTOP and the signals that glibc keeps for itself.
   for (int number = 1; number <= SIGRTMAX; ++number) sigaction(number, &action, nullptr);
   sigset_t none;
   sigemptyset(&none);
@@ -28,14 +30,14 @@ void RestoreSignals() {
 
 [[noreturn]] void RunChild(char* const* argv, ChildDescriptors const& descriptors) {
   RestoreSignals();
-  // The copies are not close-on-exec.
+  // dup2 makes copies without the close-on-exec bit.
   if (dup2(descriptors.input, STDIN_FILENO) != -1 &&
       dup2(descriptors.output, STDOUT_FILENO) != -1 &&
       dup2(descriptors.error, STDERR_FILENO) != -1) {
     execvp(argv[0], argv);
   }
   int const error = errno;
-  // The parent is there to read it, or nobody is.
+  // A failure is ignored: only the parent reads this, and then the parent has gone.
   static_cast<void>(!write(descriptors.execStatus, &error, sizeof error));
   _exit(error);
 }
@@ -43,8 +45,9 @@ void RestoreSignals() {
 }  // namespace
 
 pid_t StartChild(char* const* argv, ChildDescriptors const& descriptors) {
-  // A signal that found the child before its exec would run this process's handler there, and act
-  // on what they share: a pipe to this process's loop, for one.
+  // All signals are blocked from before the fork until the child has reset its handlers. Otherwise
+  // a signal could run this process's handler in the child, which would write into a descriptor
+  // that both share, such as the one that wakes this process's loop.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

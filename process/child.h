@@ -4,18 +4,21 @@
 
 namespace Process {
 
-// What a child gets of its parent's descriptors; none of them is that of a standard stream.
+// The descriptors of the parent that a child uses. Each is above 2, so that no `dup2` in the child
+// overwrites one that it still needs.
 struct ChildDescriptors {
   int input;
   int output;
   int error;
-  int execStatus;  // closed by the exec, or told the errno with which it failed, as an int
+  int execStatus;  // a successful exec closes it; else the child writes the errno of exec as an int
 };
 
-// Starts the program `argv[0]`, looked for in PATH, in a child of its own. It gets this process's
-// environment, the first three descriptors as its standard streams, whatever else is not
-// close-on-exec, no blocked signal, and for every signal the default action. Returns the child's
-// process id without waiting for its exec; -1 and errno when there is no child.
+// Starts the program `argv[0]`, a path or a name to look for in PATH, in a new child process. The
+// child gets this process's environment, `input`, `output` and `error` as its descriptors 0 to 2,
+// and every other descriptor that is not close-on-exec. No signal is blocked in the child, and each
+// signal has its default action.
+//
+// Returns the child's process id without waiting for its exec; -1, with errno, when fork(2) failed.
 pid_t StartChild(char* const* argv, ChildDescriptors const& descriptors);
 
 }  // namespace Process

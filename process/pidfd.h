@@ -8,10 +8,11 @@
 
 namespace Process {
 
-// A descriptor that becomes readable when the process `pid` exits, see pidfd_open(2); close-on-exec
-// by itself. Empty, with errno, on old kernels and when descriptors are short.
+// Returns a close-on-exec descriptor that becomes readable when the process `pid` exits, see
+// pidfd_open(2). Returns an empty one, with errno, when the kernel is older than 5.3 or no
+// descriptor is free.
 inline Base::UniqueFd OpenPidfd(pid_t pid) {
-  // By its number: the library's own declaration is, in some versions, not one for C++.
+  // By syscall(2), because some versions of glibc declare pidfd_open without C++ linkage.
   return Base::UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
 

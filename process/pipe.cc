@@ -16,7 +16,7 @@ int MakePipe(Pipe& pipe) {
   return 0;
 }
 
-int KeepClearOfStandardStreams(Pipe& pipe) {
+int MoveAboveStandardStreams(Pipe& pipe) {
   for (Base::UniqueFd* const end : {&pipe.readEnd, &pipe.writeEnd}) {
     if (end->Get() > STDERR_FILENO) continue;
     int const moved = fcntl(end->Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

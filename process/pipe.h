@@ -10,11 +10,12 @@ struct Pipe {
   Base::UniqueFd writeEnd;
 };
 
-// Makes both ends. Returns an errno, or 0.
+// Makes both ends. Returns 0, or an errno.
 int MakePipe(Pipe& pipe);
 
-// Gives an end another number if it has one of the standard streams', which it gets where those are
-// closed: whoever puts one end in such a place must not overwrite another. Returns an errno, or 0.
-int KeepClearOfStandardStreams(Pipe& pipe);
+// Moves both ends above descriptor 2: when a standard stream is closed, pipe2(2) reuses its number,
+// and a child that gets one end as its standard stream would overwrite the other. Returns 0, or an
+// errno.
+int MoveAboveStandardStreams(Pipe& pipe);
 
 }  // namespace Process

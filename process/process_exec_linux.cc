@@ -19,6 +19,27 @@
 #include "process/shell_command.h"
 #include "trace/trace.h"
 
+// Start. Besides the pipes of the three standard streams there is a fourth one, for the status of
+// the exec. The child's end of it is close-on-exec: when the exec succeeds, the kernel closes it
+// and the parent reads the end of the pipe; when the exec fails, the child writes its errno there
+// and exits. So one blocking `read` in the parent tells both apart, without polling and without a
+// time limit. posix_spawn(3) would do the same with less code, but it reports a failed fork and a
+// failed exec by one number, and callers and the trace log keep them apart.
+//
+// Exit. The loop reaps its children: after each wait it calls waitpid(2) for every monitored one.
+// An exit alone does not end a wait of the loop, and a SIGCHLD handler would belong to the whole
+// process, whose other children are not the loop's business. So each child has a pidfd among the
+// watches of the loop. The watch stays until `OnExited`, because the loop reports a child that a
+// signal ended only when it looks at it for the second time. Without a pidfd (old kernel, no free
+// descriptor) a scheduled task wakes the loop every second.
+//
+//   Execute -> WaitForExit: pidfd watched, child monitored -> pidfd readable, loop wakes and reaps
+//           -> OnExited: watch removed, exit code stored, callbacks posted
+//
+// Ownership. The callback of the monitored child holds the object, and so does each task on the way
+// to the loop. The loop discards that callback after the exit or at its own end; `OnWatchDropped`
+// then discards the exit callbacks, because one that holds the object would keep it alive for good.
+
 TRACE_MODULE("process_exec_linux");
 
 namespace Process {
@@ -26,15 +47,16 @@ namespace Process {
 namespace {
 
 constexpr std::size_t readSize = 4096;
-constexpr std::int64_t childLookMs = 1000;
+// Without a pidfd, how often to wake the loop so that it looks at its children.
+constexpr std::int64_t childPollMs = 1000;
 
-// `failure` is what is logged, and raised unless `raised` differs from it.
+// Logs `failure` and throws `raised`; for the exec-status pipe the two texts differ on purpose.
 [[noreturn]] void ThrowLogged(char const* failure, char const* raised, int errorNumber) {
   TRACE_ERROR(failure, errorNumber);
   throw Base::ExceptionPosix(raised, errorNumber);
 }
 
-// The program would get what is before the zero byte.
+// A program would see the end of the argument at its zero byte.
 void RequireText(std::string const& argument) {
   if (argument.find('\0') == std::string::npos) return;
   ThrowLogged("Zero byte in a process argument", "Invalid Argument", EINVAL);
@@ -43,7 +65,7 @@ void RequireText(std::string const& argument) {
 Pipe MakeStandardPipe(char const* failure) {
   Pipe pipe;
   int error = MakePipe(pipe);
-  if (error == 0) error = KeepClearOfStandardStreams(pipe);
+  if (error == 0) error = MoveAboveStandardStreams(pipe);
   if (error != 0) ThrowLogged(failure, failure, error);
   return pipe;
 }
@@ -54,15 +76,14 @@ Pipe MakeExecStatusPipe() {
     ThrowLogged("Failed to create child process exec pipe",
                 "Failed to create child prcess exec pipe", error);
   }
-  if (int const error = KeepClearOfStandardStreams(pipe); error != 0) {
+  if (int const error = MoveAboveStandardStreams(pipe); error != 0) {
     ThrowLogged("Failed to manipulate child process exec pipe",
                 "Failed to manipulate child prcess exec pipe", error);
   }
   return pipe;
 }
 
-// Waits for the exec of a child, which closes the other end of `execStatus`, or for its failure,
-// which is then thrown, with no child left.
+// Blocks until the child has called exec. When that failed, reaps the child and throws.
 void WaitForExec(pid_t pid, Base::UniqueFd const& execStatus) {
   int childError = 0;
   ssize_t length = -1;
@@ -74,9 +95,10 @@ void WaitForExec(pid_t pid, Base::UniqueFd const& execStatus) {
   if (length == 0) return;
   if (length == -1) {
     childError = error;
-    kill(pid, SIGKILL);  // whatever has become of it
+    // The program may be running already, and the wait below is for its end.
+    kill(pid, SIGKILL);
   } else {
-    // The child's own line, which it could not write: see process/child.cc.
+    // For the child, which must not log between its fork and its exec: see process/child.cc.
     TRACE_ERROR("Failed to exec process", Trace::As("error", childError));
   }
   while (waitpid(pid, nullptr, 0) == -1 && errno == EINTR) {
@@ -91,7 +113,7 @@ void CloseQuietly(Base::Shared<Stream> const& stream) {
   try {
     stream->Close();
   } catch (Base::Exception const&) {
-    // Already logged; the others are still to be closed.
+    // The stream has logged the failure, and the other streams still need to be closed.
   }
 }
 
@@ -129,7 +151,8 @@ Base::Shared<ProcessExec> ProcessExecLinux::Execute(Base::Shared<Base::ThreadLin
   execStatus.writeEnd.Reset();
   WaitForExec(pid, execStatus.readEnd);
 
-  // They make their ends non-blocking. The child's are open files of their own, and stay blocking.
+  // `FileStreamLinux` makes its end of the pipe non-blocking. The child's end is an open file
+  // description of its own and stays blocking, as programs expect.
   auto const attach = [&thread](Base::UniqueFd& end) {
     return Base::MakeShared<IO::FileStreamLinux>(std::move(end), thread);
   };
@@ -197,7 +220,8 @@ void ProcessExecLinux::AddExitCallback(Base::Task callback) {
     return;
   }
   if (_exitCallbacks.empty()) {
-    WakeLoopOnExit();  // first, while the process id is certainly the child's
+    // Before the loop monitors the child: monitoring may reap it, and then its id can be reused.
+    WakeLoopOnExit();
     _thread->MonitorChildProcess(
         _pid, Base::MakeCallback([hold = Base::WatchHold(*this)](int /*pid*/, int status) {
           hold.GetOwner().OnExited(status);
@@ -206,12 +230,10 @@ void ProcessExecLinux::AddExitCallback(Base::Task callback) {
   _exitCallbacks.push_back(std::move(callback));
 }
 
-// The loop looks at its children when it wakes, and an exit alone does not wake it.
 void ProcessExecLinux::WakeLoopOnExit() {
-  // The wake is all that the event is for. It goes on until `OnExited`: a child that a signal ended
-  // is reported only when the loop looks at it for the second time.
+  // It only wakes the loop, which looks at its children after each wait.
   auto const onExitEvent = Base::MakeCallback([](int /*fd*/, int /*events*/) {});
-  _exitEvent = Process::OpenPidfd(_pid);
+  _exitEvent = OpenPidfd(_pid);
   int error = errno;
   try {
     if (_exitEvent) {
@@ -223,19 +245,20 @@ void ProcessExecLinux::WakeLoopOnExit() {
     _exitEvent.Reset();
   }
   TRACE_WARNING("Failed to watch process exit. Will look regularly.", this, _pid, error);
-  WakeLoopRegularly();
+  WakeLoopPeriodically();
 }
 
-void ProcessExecLinux::WakeLoopRegularly() {
+void ProcessExecLinux::WakeLoopPeriodically() {
   if (_hasExited) return;
-  _thread->PostScheduledTask(
-      childLookMs, Base::MakeCallback([self = Base::Shared(this)] { self->WakeLoopRegularly(); }));
+  _thread->PostScheduledTask(childPollMs, Base::MakeCallback([self = Base::Shared(this)] {
+                               self->WakeLoopPeriodically();
+                             }));
 }
 
 void ProcessExecLinux::OnExited(int status) {
   if (_exitEvent) _thread->RemoveWatch(_exitEvent.Get());
   _exitEvent.Reset();
-  // For a child that a signal ended the loop reports 0: kept as it is.
+  // Deliberate: exit code 0 for a child that a signal ended, because the loop reports status 0.
   std::int32_t const exitCode = WEXITSTATUS(status);
   _exitCode = exitCode;
   _hasExited = true;
@@ -246,8 +269,8 @@ void ProcessExecLinux::OnExited(int status) {
 }
 
 void ProcessExecLinux::OnWatchDropped() noexcept {
-  // Out of the field first: what goes with them may come back to this object. None are left after
-  // the exit.
+  // They leave the field before they are destroyed: a destructor may call this object. After the
+  // exit there are none.
   auto const callbacks = std::exchange(_exitCallbacks, {});
 }
 
@@ -274,7 +297,7 @@ void ProcessExecLinux::Close() {
 }
 
 int ExecuteSyncCommand(std::string const& commandLine, std::string& output) {
-  Process::ShellResult const result = Process::RunInShell(commandLine);
+  ShellResult const result = RunInShell(commandLine);
   if (result.errorCode != 0) {
     int const errorCode = result.errorCode;
     std::string const errorMessage = std::generic_category().message(errorCode);
@@ -283,8 +306,7 @@ int ExecuteSyncCommand(std::string const& commandLine, std::string& output) {
   }
   if (result.wasStopped) return 1;
   int const status = result.status;
-  // For a command that a signal ended these bits are 0: kept as it is.
-  int const exitCode = WEXITSTATUS(status);
+  int const exitCode = result.exitCode;
   output = std::string(Base::TrimWhiteSpace(output + result.output));
   TRACE_VERBOSE("Sync command executed", commandLine, status, exitCode, output);
   return exitCode;

@@ -16,33 +16,27 @@
 
 namespace Process {
 
-// A child process, whose streams and exit are watched on the loop of a thread.
+// A child process whose streams and exit a `ThreadLinux` watches.
 //
-// The program finds the environment and the working directory of this process, blocking pipes as
-// its standard streams, no blocked and no ignored signal. Its other descriptors are those of this
-// process that are not close-on-exec; the ends of its pipes are.
+// The program gets the environment and the working directory of this process, and blocking pipes as
+// its standard streams. No signal is blocked or ignored in it. It inherits each other descriptor
+// that is not close-on-exec; this object's ends of the pipes are.
 //
-// Threads:  the streams are used on the loop's thread, and their completions run there, like the
-//           callbacks of `WaitForExit`. All else may be called, and the last handle let go of, on
-//           any thread; `Close` and the three getters of streams on one at a time. Streams that are
-//           closed on another thread than the loop's are closed by a task of the loop.
-// Lifetime: a child that is waited for holds its object until it exits or the loop ends, which lets
-//           go of the callbacks. The end of the object closes the streams. A loop that does not run
-//           again never lets go of what is closed or waited for after its end: the streams, the
-//           object and the loop itself stay.
-// Errors:   after `Close` the getters of streams throw Base::ExceptionPosix "Input stream
-//           unavailable.", "Output stream unavailable.", "Error stream unavailable.", number -1.
+// On another thread than the loop's, `Close` and the end of the object leave the closing of the
+// streams to a task of the loop. A loop that has ended runs the task when it runs again; if it
+// never does, the streams and the loop are never released.
 class ProcessExecLinux final : public ProcessExec {
  public:
-  // Starts `executableFilename`, a path or a name that is looked for in PATH, with `arguments`, the
-  // first of which is the first after the program's name. Returns once the program runs; the wait
-  // for that blocks the calling thread. A child that is killed before looks like a program that a
-  // signal ended.
-  // Throws Base::ExceptionPosix, after an ERROR line: "Invalid Argument" for a text with a zero
-  // byte in it, which no program could be given; "Failed to create standard input pipe for child
-  // process", the same with output and error; "Failed to create child prcess exec pipe", "Failed to
-  // manipulate child prcess exec pipe", "Failed to fork process"; and with the errno of exec(3)
-  // "Parent detected that child process exec failed".
+  // Starts `executableFilename`, a path or a name to look for in PATH. `arguments` leaves out the
+  // program's name. Blocks the calling thread until the exec has succeeded or failed. A child that
+  // is killed before its exec looks like a program that a signal ended.
+  //
+  // Throws Base::ExceptionPosix, after an ERROR line, and leaves no descriptor and no child behind:
+  //   "Invalid Argument": a text has a zero byte, at which the program would see its end
+  //   "Failed to create standard input pipe for child process", also "output" and "error"
+  //   "Failed to create child prcess exec pipe", "Failed to manipulate child prcess exec pipe"
+  //   "Failed to fork process"
+  //   "Parent detected that child process exec failed", with the errno of exec(3)
   static Base::Shared<ProcessExec> Execute(Base::Shared<Base::ThreadLinux> thread,
                                            std::string const& executableFilename,
                                            std::vector<std::string> const& arguments);
@@ -68,26 +62,27 @@ class ProcessExecLinux final : public ProcessExec {
 
   void AddExitCallback(Base::Task callback);
   void WakeLoopOnExit();
-  void WakeLoopRegularly();
+  void WakeLoopPeriodically();
   void OnExited(int status);
   void OnWatchDropped() noexcept;
 
   std::int32_t const _pid;
-  Base::Shared<IO::FileWriteStreamLinux> _processInput;  // like the next two empty once closed
+  Base::Shared<IO::FileWriteStreamLinux> _processInput;  // this and the next two: empty once closed
   Base::Shared<IO::FileReadStreamLinux> _processOutput;
   Base::Shared<IO::FileReadStreamLinux> _processError;
   Base::Shared<Base::ThreadLinux> const _thread;
-  std::int32_t _exitCode = 0;  // set before the next
+  std::int32_t _exitCode = 0;  // set before `_hasExited`, which publishes it
   std::atomic<bool> _hasExited{false};
-  std::vector<Base::Task> _exitCallbacks;  // like the next only on the loop's thread
-  Base::UniqueFd _exitEvent;
+  std::vector<Base::Task> _exitCallbacks;  // on the loop's thread only
+  Base::UniqueFd _exitEvent;               // a pidfd, on the loop's thread only
 };
 
-// Runs `commandLine` in a shell (`sh -c`) to its end, on the calling thread, appends what it
-// printed on standard output to `output`, and trims the white space at the start and end of that.
-// Returns the command's exit code; 0 for one that a signal ended; 1, and leaves `output` alone,
-// where no shell could be started, and for a command that passed a limit of process/shell_command.h
-// or was cancelled.
+// Runs `commandLine` by `RunInShell` (process/shell_command.h), on the calling thread. Appends the
+// command's standard output to `output`, and then trims white space at both ends of `output`.
+// Returns the command's exit code. Deliberate: 0 also for a command that a signal ended.
+//
+// Returns 1 and leaves `output` alone when no shell could be started, and when the command was
+// stopped by a limit or by a cancel.
 int ExecuteSyncCommand(std::string const& commandLine, std::string& output);
 
 }  // namespace Process

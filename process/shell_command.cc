@@ -23,6 +23,29 @@
 #include "trace/trace.h"
 #include "utilities/arguments/arguments.h"
 
+// popen(3) would run the commands just as well, but nobody could stop them: it keeps the process id
+// to itself, and its stream blocks without a time limit. So the engine starts the shell itself and
+// waits with poll(2), for the command and for a cancel at once.
+//
+//   Start -> ReadOutput -> WaitForExit ----------> Reap -> result: status and output
+//                 |            |                    ^
+//                 '------------'-- stop reason --> Kill, result: stopped
+//
+// A command has ended when both its output and its shell have, as with popen(3) and pclose(3). The
+// end of the output alone does not count: a shell may close its output and go on, and its exit code
+// is still to come. The exit of the shell alone does not count either: a process that it started in
+// the background may still print, and the pipe may still hold output.
+//
+// Each wait first asks for a stop reason: a cancel, the deadline, and while reading the size of the
+// output. A stopped command is killed as a process group. Killing the shell alone would leave the
+// tool that it started running, without anybody who would end it. The exit of the shell is awaited
+// without reaping it: as long as the zombie exists, the kernel gives its id to no other process or
+// group, so `Kill` cannot hit a stranger. Only `Reap` ends the zombie. It has a time limit too,
+// because a process that hangs in the kernel does not die; the daemon then leaves it behind.
+//
+// A signal handler cancels: it sets a flag and writes to an eventfd that nobody reads. The eventfd
+// stays readable, so from then on every poll returns at once, in every thread.
+
 TRACE_MODULE("shell_command");
 
 namespace Process {
@@ -32,15 +55,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::int64_t defaultTimeoutSeconds = 10;
-// Far beyond what anybody waits for, and far from overflowing the clock.
+// Longer than anybody waits, and too short to overflow the clock.
 constexpr std::int64_t maxTimeoutSeconds = std::int64_t{1} << 31U;
-// How long a killed process may take to be gone. One that hangs in the kernel cannot be killed.
-constexpr std::chrono::milliseconds reapingTime{500};
-// How often to look for its end where there is no descriptor that tells it.
-constexpr int exitPauseMs = 10;
+// How long a killed shell may take to exit. A process that hangs in the kernel never does.
+constexpr std::chrono::milliseconds maxReapTime{500};
+// Without a pidfd, how often to look whether the shell has exited.
+constexpr int exitPollMs = 10;
 
-// What ends the waiting once commands are cancelled. Never closed: a signal may come until the very
-// end.
+// An eventfd, readable once commands are cancelled; -1 as long as a cancel is not allowed. Never
+// closed: the signal that cancels may come until the process ends.
 std::atomic<int> cancelFd{-1};
 std::atomic<bool> isCancelled{false};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
@@ -48,7 +71,7 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
 
 enum class StopReason { None, Deadline, Output, Cancel };
 
-// For ever where it is empty.
+// Empty: no deadline.
 using Deadline = std::optional<Clock::time_point>;
 
 std::int64_t GetTimeoutSeconds() {
@@ -62,15 +85,16 @@ Deadline GetDeadline(std::int64_t timeoutSeconds) {
   return Clock::now() + std::chrono::seconds(timeoutSeconds);
 }
 
-// For poll(2): rounded up, so that nobody looks again just before the time.
+// The time left as a timeout of poll(2). Rounded up: rounded down, the last wait would end just
+// before the deadline, and poll would then be called in a loop with 0.
 int GetPollTimeout(Deadline const& deadline) {
   if (!deadline) return -1;
   auto const left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
   return static_cast<int>(std::clamp<std::int64_t>(left, 0, std::numeric_limits<int>::max()));
 }
 
-// Waits for something to happen on `fd`, for at most `maxWaitMs` where that is not -1. May return
-// early without anything having happened.
+// Returns a stop reason if there is one already. Else waits for input on `fd`, the deadline or a
+// cancel, for at most `maxWaitMs` unless that is -1, and returns None; callers then look again.
 StopReason Wait(int fd, Deadline const& deadline, int maxWaitMs = -1) {
   if (AreShellCommandsCancelled()) return StopReason::Cancel;
   if (deadline && Clock::now() >= *deadline) return StopReason::Deadline;
@@ -82,32 +106,33 @@ StopReason Wait(int fd, Deadline const& deadline, int maxWaitMs = -1) {
   return StopReason::None;
 }
 
-// The shell and what it starts, which form a process group of their own.
+// A shell and the processes that it starts, all in one process group.
 class Command {
  public:
-  // Starts it; tells an errno, or 0.
+  // Starts the shell. Returns 0, or an errno.
   int Start(std::string const& commandLine);
 
-  // Reads its output to the end and waits for its exit, which is left to be reaped.
-  StopReason Follow(Deadline const& deadline, std::string& output);
+  // Reads the output to its end and then waits for the shell's exit, which it leaves to `Reap`.
+  StopReason RunToEnd(Deadline const& deadline, std::string& output);
 
-  // Kills the group.
+  // Kills the process group. Only before `Reap`.
   void Kill() const { kill(-_pid, SIGKILL); }
 
-  // Its status; empty when it does not go away after having been killed.
+  // Reaps the shell and returns its status; empty when the shell does not exit although killed.
   std::optional<int> Reap() const;
 
  private:
-  StopReason ReadToEnd(Deadline const& deadline, std::string& output);
+  StopReason ReadOutput(Deadline const& deadline, std::string& output);
   StopReason WaitForExit(Deadline const& deadline) const;
   bool HasExited() const;
 
-  pid_t _pid = -1;
+  pid_t _pid = -1;  // of the shell, and the id of the group
   Base::UniqueFd _output;
-  Base::UniqueFd _exit;  // a pidfd, or empty
+  Base::UniqueFd _exit;  // a pidfd; empty when the kernel gives none
 };
 
-// What posix_spawn(3) is told, in objects that it wants destroyed.
+// Owns the settings for posix_spawn(3): a new process group, no blocked signal, and `outputFd` as
+// standard output.
 class SpawnSettings {
  public:
   explicit SpawnSettings(int outputFd) {
@@ -136,7 +161,7 @@ int Command::Start(std::string const& commandLine) {
   if (pipe2(ends.data(), O_CLOEXEC) == -1) return errno;
   _output.Reset(ends[0]);
   Base::UniqueFd const commandEnd(ends[1]);
-  // This end alone: programs expect a standard output that blocks.
+  // Only the reading end: programs expect that their standard output blocks.
   if (fcntl(_output.Get(), F_SETFL, O_NONBLOCK) == -1) return errno;
   SpawnSettings const settings(commandEnd.Get());
   std::string shell = "sh";
@@ -149,12 +174,12 @@ int Command::Start(std::string const& commandLine) {
   return error;
 }
 
-StopReason Command::Follow(Deadline const& deadline, std::string& output) {
-  StopReason const stopReason = ReadToEnd(deadline, output);
+StopReason Command::RunToEnd(Deadline const& deadline, std::string& output) {
+  StopReason const stopReason = ReadOutput(deadline, output);
   return stopReason == StopReason::None ? WaitForExit(deadline) : stopReason;
 }
 
-StopReason Command::ReadToEnd(Deadline const& deadline, std::string& output) {
+StopReason Command::ReadOutput(Deadline const& deadline, std::string& output) {
   std::array<char, 4096> piece;
   for (;;) {
     StopReason const stopReason = Wait(_output.Get(), deadline);
@@ -168,7 +193,7 @@ StopReason Command::ReadToEnd(Deadline const& deadline, std::string& output) {
 
 StopReason Command::WaitForExit(Deadline const& deadline) const {
   while (!HasExited()) {
-    StopReason const stopReason = Wait(_exit.Get(), deadline, _exit ? -1 : exitPauseMs);
+    StopReason const stopReason = Wait(_exit.Get(), deadline, _exit ? -1 : exitPollMs);
     if (stopReason != StopReason::None) return stopReason;
   }
   return StopReason::None;
@@ -181,13 +206,13 @@ bool Command::HasExited() const {
 }
 
 std::optional<int> Command::Reap() const {
-  Clock::time_point const deadline = Clock::now() + reapingTime;
+  Clock::time_point const deadline = Clock::now() + maxReapTime;
   for (;;) {
-    int status = -1;  // what pclose(3) tells of a child that somebody else has reaped
+    int status = -1;  // what pclose(3) returns when somebody else has reaped the child
     if (waitpid(_pid, &status, WNOHANG) != 0) return status;
     if (Clock::now() >= deadline) return {};
     pollfd exit{.fd = _exit.Get(), .events = POLLIN, .revents = 0};
-    poll(&exit, 1, exitPauseMs);
+    poll(&exit, 1, exitPollMs);
   }
 }
 
@@ -215,7 +240,7 @@ ShellResult RunInShell(std::string const& commandLine) {
   Command command;
   result.errorCode = command.Start(commandLine);
   if (result.errorCode != 0) return result;
-  StopReason const stopReason = command.Follow(deadline, result.output);
+  StopReason const stopReason = command.RunToEnd(deadline, result.output);
   result.wasStopped = stopReason != StopReason::None;
   if (result.wasStopped) {
     LogStop(stopReason, commandLine, timeoutSeconds);
@@ -225,6 +250,7 @@ ShellResult RunInShell(std::string const& commandLine) {
   std::optional<int> const status = command.Reap();
   if (!status) TRACE_WARNING("Command cannot be killed", commandLine);
   result.status = status.value_or(-1);
+  result.exitCode = WEXITSTATUS(result.status);
   return result;
 }
 

@@ -5,46 +5,53 @@
 
 namespace Process {
 
-// Shell commands run to their end on the calling thread, as popen(3) and pclose(3) do it: `/bin/sh
-// -c`, this process's environment, standard input and standard error, the end of the output before
-// the end of the shell. What a daemon needs comes on top:
+// Runs shell commands to their end on the calling thread, as popen(3) and pclose(3) do: the command
+// is one of `/bin/sh -c` and gets this process's environment, standard input and standard error.
+// The command ends when its output has ended and its shell has exited. So a process that the
+// command leaves behind counts as part of the command for as long as it holds the output open.
 //
-//   deadline    setting "command-timeout": seconds from the start, default 10, 0 for none
-//   output      at most `maxShellOutput` bytes
-//   cancelling  for the process's own end
+// Three things stop a command early:
 //
-// A command that passes one of them is killed, with every process that is still in its process
-// group, and reaped. That a command has ended is seen by both the end of its output and the exit
-// of its shell, so a process that it leaves behind with its output open counts as the command. A
-// process that has made itself a session or group of its own gets away.
+//   deadline  seconds from the start: setting "command-timeout", default 10, 0 for no deadline
+//   output    more than `maxShellOutput` bytes on standard output
+//   cancel    `CancelShellCommands`, when this process is to end
 //
-// The command starts with the default action for every signal that this process handles, with no
-// signal blocked, and with descriptors 0 to 2 only.
+// A stopped command is killed together with every process in its process group, and its shell is
+// reaped. A process that has moved to a session or a group of its own survives.
 //
-// Threads: any, also several at once.
+// No signal is blocked in the command, and each signal that this process handles has its default
+// action. Of this process's descriptors the command gets only those that are not close-on-exec:
+// here 0 to 2, because every other one is.
+//
+// Threads: any, several commands at a time too.
 inline constexpr std::size_t maxShellOutput = std::size_t{1} << 20U;
 
+// How a command ended.
 struct ShellResult {
-  // An errno where the command could not be started; else 0.
+  // The errno of a command that could not be started; else 0.
   int errorCode = 0;
-  // Whether it was ended by force, or not started because of a cancel. A WARNING tells why.
+  // Whether the command was stopped, or not even started because of a cancel. A WARNING line says
+  // what stopped it.
   bool wasStopped = false;
-  // Of a command that ended by itself: as waitpid(2) tells it.
-  int status = 0;
-  // Of a command that ended by itself: what it printed on standard output, unchanged.
-  std::string output;
+  // The fields below are for a command that ended by itself.
+  int status = 0;      // as waitpid(2) stores it
+  int exitCode = 0;    // bits 8 to 15 of `status`. Deliberate: 0 when a signal ended the shell
+  std::string output;  // all of the standard output, unchanged
 };
 
+// Runs `commandLine` and blocks until it has ended or is stopped. Never throws Base::Exception.
 ShellResult RunInShell(std::string const& commandLine);
 
-// Makes `CancelShellCommands` effective; before it, the latter does nothing. Throws ExceptionPosix.
+// Makes `CancelShellCommands` work; before this call it does nothing. Throws Base::ExceptionPosix
+// when the kernel refuses an eventfd.
 void AllowCancelOfShellCommands();
 
-// Cuts every command that runs, and those to come before they start. For good. May be called in a
-// signal handler.
+// Stops every running command, and each later one before it starts. There is no way back. May be
+// called in a signal handler.
 void CancelShellCommands() noexcept;
 
-// Whether that has happened: who has a series of commands to run need not begin the next one.
+// Whether commands have been cancelled. A caller with a series of commands can then leave out the
+// remaining ones.
 bool AreShellCommandsCancelled() noexcept;
 
 }  // namespace Process

@@ -29,7 +29,7 @@ bool ExecuteCommand(std::string const& command, std::string& output) {
   if (result.wasStopped) return false;
   output.append(result.output);
   int const status = result.status;
-  int const exitCode = (status >> 8) & 255;
+  int const exitCode = result.exitCode;
   TRACE_VERBOSE("Command executed with status, exit code, output", command, status, exitCode,
                 Trace::As("output", result.output));
   return true;
@@ -69,7 +69,7 @@ Base::Maybe<TimePoint> ParseTime(std::string const& text, std::string const& for
   char const* const end = strptime(text.c_str(), format.c_str(), &parts);
   if (end == text.c_str() + text.size()) {
     auto const time = SystemSeconds(std::chrono::seconds(timegm(&parts)));
-    // The last second that a part of would be out of range does not count.
+    // The first and the last second are in range only in part, so neither is accepted.
     bool const fits = time >= std::chrono::ceil<std::chrono::seconds>(TimePoint::min()) &&
                       time < std::chrono::floor<std::chrono::seconds>(TimePoint::max());
     if (fits) return TimePoint(time);

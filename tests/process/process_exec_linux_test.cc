@@ -5,17 +5,14 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/syscall.h>
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <thread>
 #include <vector>
 
-#include "process/pipe.h"
 #include "tests/support/base/child.h"
 #include "tests/support/base/descriptor_limit.h"
 #include "tests/support/base/loop/loop_fixture.h"
@@ -34,7 +31,7 @@ std::size_t CountDescriptors() {
 
 bool HasChildren() { return waitpid(-1, nullptr, WNOHANG) != -1; }
 
-// Returns the text of what it throws.
+// Returns the text of the exception.
 std::string ErrorOfExecute(Base::Shared<Base::ThreadLinux> const& loop, std::string const& file,
                            int errorCode) {
   try {
@@ -46,7 +43,7 @@ std::string ErrorOfExecute(Base::Shared<Base::ThreadLinux> const& loop, std::str
   return "none";
 }
 
-// Gives a program all of its input, and then its end.
+// Writes `text` and then closes the stream.
 void WriteAll(Base::Shared<IO::FileWriteStream> const& input, std::string_view text) {
   input->Write(Base::CopyOfText(text),
                Base::MakeCallback([input](Base::Status const& status, Base::ByteBuffer) {
@@ -59,13 +56,13 @@ class ProcessExecTest : public LoopTest {
  protected:
   void SetUp() override {
     LoopTest::SetUp();
-    // What this process was started with is not what its programs are to be judged by.
+    // The programs must not inherit what this process was started with.
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     _descriptors = CountDescriptors();
   }
 
   void TearDown() override {
-    OnLoop([] {});  // closes what was let go of
+    OnLoop([] {});  // a task before this one may still close streams
     EXPECT_EQ(CountDescriptors(), _descriptors);
     EXPECT_FALSE(HasChildren()) << "a zombie";
     LoopTest::TearDown();
@@ -80,7 +77,7 @@ class ProcessExecTest : public LoopTest {
     return Execute("sh", {"-c", script});
   }
 
-  // Reads to the end; the event is all that came.
+  // Reads to the end; the event has the whole text.
   void ReadAll(Base::Shared<IO::FileReadStream> const& stream, std::string const& text = {}) {
     OnLoop([&] {
       stream->Read(Base::MakeCallback(
@@ -94,7 +91,7 @@ class ProcessExecTest : public LoopTest {
     });
   }
 
-  // What the program prints; its exit has been seen then.
+  // Waits for the program's end and returns its output.
   std::string GetOutput(Base::Shared<ProcessExec> const& process) {
     ReadAll(process->GetOutputStream());
     std::string const output = events.Take();
@@ -120,8 +117,8 @@ class ProcessExecTest : public LoopTest {
   std::size_t _descriptors = 0;
 };
 
-// More than a pipe holds: the program has to wait for its pipes, and the loop must not.
-TEST_F(ProcessExecTest, AProgramGivesBackAllThatItIsGiven) {
+// The text is longer than a pipe holds: the program blocks on its pipes, and the loop must not.
+TEST_F(ProcessExecTest, AllInputAndOutputPassesThroughTheStreams) {
   auto const process = Execute("cat", {"-", "/nonexistent"});
   EXPECT_EQ(process->GetExitCode(), 1) << "the exit is not known";
   std::string const text(1U << 20U, 'x');
@@ -137,20 +134,20 @@ TEST_F(ProcessExecTest, AProgramGivesBackAllThatItIsGiven) {
   EXPECT_EQ(process->GetExitCode(), 1);
 }
 
-TEST_F(ProcessExecTest, AProgramFindsItsArgumentsAndThreeDescriptors) {
+TEST_F(ProcessExecTest, AProgramGetsItsArgumentsAndThreeDescriptors) {
   Base::UniqueFd const other(open("/dev/null", O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(GetOutput(Execute("printf", {"%s|", "a b", "", "$HOME"})), "ok a b||$HOME|;");
-  // The fourth is the one by which it looks.
+  // Descriptor 3 is the one with which `ls` reads the directory.
   EXPECT_EQ(GetOutput(Execute("ls", {"/proc/self/fd"})), "ok 0\n1\n2\n3\n;");
 }
 
-TEST_F(ProcessExecTest, AProgramFindsNoSignalBlockedOrIgnored) {
+TEST_F(ProcessExecTest, AProgramStartsWithNoSignalBlockedOrIgnored) {
   sigset_t blocked;
   sigset_t before;
   sigfillset(&blocked);
   sigdelset(&blocked, SIGUSR1);
   pthread_sigmask(SIG_SETMASK, &blocked, &before);
-  // The loop's fixture ignores SIGPIPE.
+  // The fixture makes this process ignore SIGPIPE.
   std::string const output = GetOutput(Execute("grep", {"^SigBlk\\|^SigIgn", "/proc/self/status"}));
   sigset_t after;
   pthread_sigmask(SIG_SETMASK, &before, &after);
@@ -166,9 +163,8 @@ TEST_F(ProcessExecTest, AProgramThatCannotRunLeavesNothing) {
             "Parent detected that child process exec failed - No such file or directory (Err 2)");
   EXPECT_EQ(ErrorOfExecute(loop, "/etc/passwd", EACCES),
             "Parent detected that child process exec failed - Permission denied (Err 13)");
-  std::string const cut("true\0", 5);
-  EXPECT_EQ(ErrorOfExecute(loop, cut, EINVAL), "Invalid Argument - Invalid argument (Err 22)");
-  EXPECT_FALSE(HasChildren());
+  std::string const zeroByte("true\0", 5);
+  EXPECT_EQ(ErrorOfExecute(loop, zeroByte, EINVAL), "Invalid Argument - Invalid argument (Err 22)");
 }
 
 TEST_F(ProcessExecTest, EachPipeThatCannotBeMadeHasItsText) {
@@ -185,7 +181,7 @@ TEST_F(ProcessExecTest, EachPipeThatCannotBeMadeHasItsText) {
   }
 }
 
-TEST_F(ProcessExecTest, AnExitIsReportedToAllAndKept) {
+TEST_F(ProcessExecTest, EveryCallbackLearnsOfTheExit) {
   auto const process = Shell("read line; exit 3");
   NoteExit(process);
   process->WaitForExit({});
@@ -197,28 +193,28 @@ TEST_F(ProcessExecTest, AnExitIsReportedToAllAndKept) {
   EXPECT_EQ(process->GetExitCode(), 3);
 }
 
-// Nothing else wakes the loop.
+// Three programs at once; nothing but their exits wakes the loop.
 TEST_F(ProcessExecTest, AnExitIsReportedHoweverItComes) {
   auto const early = Shell("exit 5");
-  siginfo_t info{};
-  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(early->GetPid()), &info, WEXITED | WNOWAIT), 0);
-  WaitForExit(early);
-  EXPECT_EQ(early->GetExitCode(), 5);
-
+  auto const killedEarly = Shell("kill -9 $$");
   auto const killed = Execute("cat", {});
+  for (auto const& process : {early, killedEarly}) {
+    siginfo_t info{};
+    auto const pid = static_cast<id_t>(process->GetPid());
+    ASSERT_EQ(waitid(P_PID, pid, &info, WEXITED | WNOWAIT), 0);
+  }
   NoteExit(killed);
-  OnLoop([] {});  // is waited for
+  WaitForExit(early);
+  WaitForExit(killedEarly);
+  EXPECT_FALSE(killed->HasExited());
   kill(killed->GetPid(), SIGKILL);
   EXPECT_EQ(events.Take(), "exited;");
-  EXPECT_TRUE(killed->HasExited());
+  EXPECT_EQ(early->GetExitCode(), 5);
+  EXPECT_EQ(killedEarly->GetExitCode(), 0);
   EXPECT_EQ(killed->GetExitCode(), 0);
-
-  auto const killedEarly = Shell("kill -9 $$");
-  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(killedEarly->GetPid()), &info, WEXITED | WNOWAIT), 0);
-  WaitForExit(killedEarly);
 }
 
-TEST_F(ProcessExecTest, AnExitIsSeenWithoutADescriptorToWatchItBy) {
+TEST_F(ProcessExecTest, AnExitIsSeenWithoutAPidfd) {
   auto const process = Execute("cat", {});
   {
     DescriptorLimit const limit(GetNextDescriptor());
@@ -245,62 +241,32 @@ TEST_F(ProcessExecTest, CloseTakesTheStreamsAway) {
   process->Close();
   EXPECT_EQ(events.Take(), "File closed ;");
   WaitForExit(process);
-  std::vector<std::string> texts;
-  for (auto const& get : std::vector<std::function<void()>>{[&] { process->GetInputStream(); },
-                                                            [&] { process->GetOutputStream(); },
-                                                            [&] { process->GetErrorStream(); }}) {
-    texts.push_back(ErrorOf(get));
-  }
   std::string const end = " stream unavailable. - Unknown error -1 (Err -1)";
-  EXPECT_EQ(texts, (std::vector<std::string>{"Input" + end, "Output" + end, "Error" + end}));
+  EXPECT_EQ(ErrorOf([&] { process->GetInputStream(); }), "Input" + end);
+  EXPECT_EQ(ErrorOf([&] { process->GetOutputStream(); }), "Output" + end);
+  EXPECT_EQ(ErrorOf([&] { process->GetErrorStream(); }), "Error" + end);
   EXPECT_EQ(ErrorOf([&] { error->Read(NoteRead()); }), "Read Stream Closed");
   process->Close();
 }
 
-// The fixture finds what stays. The program ends because its input does.
-TEST_F(ProcessExecTest, NothingOutlivesTheLoop) {
-  auto process = Execute("cat", {});
-  int const pid = process->GetPid();
-  process->WaitForExit(Base::MakeCallback([process] { FAIL() << "nobody looks"; }));
-  ReadAll(process->GetOutputStream());
-  process.Reset();
+// The fixture finds what stays. The dropped program ends because its input does.
+TEST_F(ProcessExecTest, TheLoopsEndDiscardsCallbacksAndNoProgram) {
+  auto dropped = Execute("cat", {});
+  auto const kept = Execute("cat", {});
+  int const pid = dropped->GetPid();
+  dropped->WaitForExit(Base::MakeCallback([dropped] { FAIL() << "the loop has ended"; }));
+  NoteExit(kept);
+  ReadAll(dropped->GetOutputStream());
+  dropped.Reset();
   loop->Stop();
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
   loop->Start();
+  CloseInput(kept);
+  WaitForExit(kept);
 }
 
-TEST_F(ProcessExecTest, AnExitIsReportedByALoopThatRunsAgain) {
-  auto const process = Execute("cat", {});
-  NoteExit(process);
-  OnLoop([] {});
-  loop->Stop();
-  loop->Start();
-  CloseInput(process);
-  WaitForExit(process);
-}
-
-TEST_F(ProcessExecTest, ManyRunAtOnce) {
-  constexpr int count = 200;
-  std::vector<Base::Shared<ProcessExec>> processes;
-  std::string sent;
-  for (int i = 0; i < count; ++i) {
-    processes.push_back(Execute("cat", {}));
-    NoteExit(processes.back());
-  }
-  for (int i = 0; i < count; ++i) {
-    auto const& process = processes[static_cast<std::size_t>(i)];
-    OnLoop([&] { WriteAll(process->GetInputStream(), std::to_string(i)); });
-    ReadAll(process->GetOutputStream());
-  }
-  std::string const seen = ";" + events.Take(2 * count);
-  for (int i = 0; i < count; ++i) {
-    EXPECT_NE(seen.find(";ok " + std::to_string(i) + ";"), std::string::npos) << i;
-    EXPECT_TRUE(processes[static_cast<std::size_t>(i)]->HasExited());
-  }
-}
-
-// Each lists the descriptors that it got, while the others' pipes come and go.
-TEST_F(ProcessExecTest, ProgramsStartedAtATimeDoNotGetEachOthersPipes) {
+// Two threads start programs; each program prints the descriptors that it got.
+TEST_F(ProcessExecTest, ProgramsStartedAtOnceDoNotGetEachOthersPipes) {
   std::atomic<bool> isDone{false};
   std::thread other([&] {
     while (!isDone) {
@@ -319,7 +285,7 @@ TEST_F(ProcessExecTest, ProgramsStartedAtATimeDoNotGetEachOthersPipes) {
   other.join();
 }
 
-// What a child does between its fork and its exec, when a test wants it to do something there.
+// Runs in a child between its fork and its exec, when a test sets it.
 std::function<void()> inForkedChild;
 
 class ForkedChildTest : public ProcessExecTest {
@@ -335,53 +301,38 @@ class ForkedChildTest : public ProcessExecTest {
     inForkedChild = {};
     ProcessExecTest::TearDown();
   }
-};
 
-TEST_F(ForkedChildTest, TheWaitForItsExecSleeps) {
-  Process::Pipe release;
-  ASSERT_EQ(Process::MakePipe(release), 0);
-  inForkedChild = [&] {
-    close(release.writeEnd.Get());  // so that it does not outlive a test that fails
-    char byte = 0;
-    static_cast<void>(!read(release.readEnd.Get(), &byte, 1));
-  };
-  std::atomic<pid_t> starter{0};
-  std::thread thread([&] {
-    starter = gettid();
+  std::int32_t GetExitCodeOfTrue() {
     auto const process = Execute("true", {});
     WaitForExit(process);
-    EXPECT_EQ(process->GetExitCode(), 0);
-  });
-  // The number of the system call that it sleeps in; it says "running" of one that does not sleep.
-  auto const isReading = [&] {
-    std::ifstream file("/proc/self/task/" + std::to_string(starter) + "/syscall");
-    std::string number;
-    file >> number;
-    return number == std::to_string(SYS_read);
+    return process->GetExitCode();
+  }
+};
+
+// The child goes on to its exec once the kernel shows its parent, this thread, asleep.
+TEST_F(ForkedChildTest, TheParentSleepsUntilTheExec) {
+  std::string const file = "/proc/" + std::to_string(getpid()) + "/stat";
+  inForkedChild = [&] {
+    std::array<char, 64> text{};
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::string_view(text.data()).find(") S ") == std::string_view::npos) {
+      if (std::chrono::steady_clock::now() > deadline) _exit(1);
+      Base::UniqueFd const stat(open(file.c_str(), O_RDONLY));
+      static_cast<void>(!read(stat.Get(), text.data(), text.size() - 1));
+    }
   };
-  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!isReading() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  EXPECT_TRUE(isReading());
-  EXPECT_EQ(write(release.writeEnd.Get(), "x", 1), 1);
-  thread.join();
+  EXPECT_EQ(GetExitCodeOfTrue(), 0);
 }
 
-TEST_F(ForkedChildTest, ASignalBeforeItsExecDoesNotRunOurHandler) {
-  Process::Pipe handled;
-  ASSERT_EQ(Process::MakePipe(handled), 0);
-  static int handledFd = 0;
-  handledFd = handled.writeEnd.Get();
-  signal(SIGWINCH, [](int) { static_cast<void>(!write(handledFd, "x", 1)); });
+TEST_F(ForkedChildTest, ASignalBeforeTheExecDoesNotRunThisProcesssHandler) {
+  signal(SIGWINCH, [](int) { _exit(9); });
   inForkedChild = [] { raise(SIGWINCH); };
-  WaitForExit(Execute("true", {}));
+  EXPECT_EQ(GetExitCodeOfTrue(), 0);
   signal(SIGWINCH, SIG_DFL);
-  handled.writeEnd.Reset();
-  char byte = 0;
-  EXPECT_EQ(read(handled.readEnd.Get(), &byte, 1), 0);
 }
 
-// In a process of its own, which prints nothing: it says by its status how it went.
-TEST(ClosedStreamsTest, AProgramGetsItsPipesThereToo) {
+// In a child process, which cannot print then: its exit status says whether it passed.
+TEST(ClosedStreamsTest, AProgramGetsItsPipes) {
   for (std::vector<int> const& closed : std::vector<std::vector<int>>{{0}, {1}, {2}, {0, 1, 2}}) {
     int const status = RunInChild([&] {
       auto const loop = Base::MakeShared<Base::ThreadLinux>();
@@ -410,7 +361,7 @@ TEST(ClosedStreamsTest, AProgramGetsItsPipesThereToo) {
   }
 }
 
-// The last pipe can be made, but there is no other number for its end at 0.
+// The last pipe gets descriptor 0 and another, and then no descriptor is free to move the one at 0.
 TEST(ClosedStreamsTest, APipeThatCannotBeMovedHasItsText) {
   int const status = RunInChild([] {
     auto const loop = Base::MakeShared<Base::ThreadLinux>();
@@ -422,7 +373,7 @@ TEST(ClosedStreamsTest, APipeThatCannotBeMovedHasItsText) {
   EXPECT_EQ(status, 0);
 }
 
-// Logs as a process of its own, for the log is configured once in one.
+// In a process of its own, because a process configures its log once.
 [[noreturn]] void LogAFailedExec() {
   {
     TemporaryDirectory const directory;
@@ -444,8 +395,7 @@ TEST(ClosedStreamsTest, APipeThatCannotBeMovedHasItsText) {
   exit(testing::Test::HasFailure() ? 1 : 0);
 }
 
-// The child logs nothing: its line is the parent's, and there once.
-TEST(ProcessLogTest, AFailedExecIsLoggedByTheParent) {
+TEST(ProcessLogTest, TheParentLogsAFailedExecAndTheChildNothing) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(LogAFailedExec(), testing::ExitedWithCode(0), "");
 }
