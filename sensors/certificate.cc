@@ -13,11 +13,13 @@ namespace {
 
 constexpr off_t maxFileSize = off_t{1} << 20;
 
-// Special between double quotes in a shell (POSIX, Shell Command Language, 2.2.3), and line breaks.
+// What is special between double quotes in a shell (POSIX, Shell Command Language, 2.2.3), and line
+// breaks. The path stands between double quotes in the command line and is not escaped.
 constexpr std::string_view specialCharacters = "\"$`\\\n\r";
 
-// What openssl would wait for, or read without end, is not handed to it.
-bool IsReadableByTool(std::string const& filename) {
+// Whether the file can be given to openssl. It would wait for a FIFO, and read a device or a very
+// large file for a long time.
+bool IsFitForOpenssl(std::string const& filename) {
   struct stat file {};
   if (stat(filename.c_str(), &file) == -1) {
     TRACE_ERROR("Certificate could not be found", filename);
@@ -69,7 +71,7 @@ void ParseLine(std::string_view line, Certificate& cert) {
 }  // namespace
 
 bool GetCertificateInfo(std::string const& path, Certificate& certificate) {
-  if (!IsReadableByTool(path)) return false;
+  if (!IsFitForOpenssl(path)) return false;
   std::string const command =
       "LC_ALL=C openssl x509 -in \"" + path + "\" -subject -serial -fingerprint -sha256 -noout";
   std::string output;

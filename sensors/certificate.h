@@ -3,21 +3,28 @@
 #include <string>
 #include <string_view>
 
-// What openssl(1) tells of a certificate, as it prints it.
+// The fields of a certificate, as openssl(1) prints them.
 struct Certificate {
   std::string subject;
-  std::string thumbprintSha256;  // letters and digits only
+  std::string thumbprintSha256;  // only the letters and digits of what openssl prints
   std::string serial;
 };
 
-// Fills `certificate` with what `openssl x509` says of the file; blocks while it runs. False, after
-// an ERROR line, when the file is not there, cannot be put on a command line, is no regular file
-// (behind links) of at most 1 MiB, or when openssl could not be run to its end. A file that openssl
-// can make nothing of is no failure: what it does not print stays empty.
+// Runs `openssl x509` on the file and fills `certificate` from its output. Blocks while openssl
+// runs. Returns false, after an ERROR line, when
+//
+//   - the file does not exist, is no regular file (links are followed) or is larger than 1 MiB,
+//   - the path has a character that is special between double quotes in a shell, or a line break,
+//   - openssl could not be started, or was stopped by a limit of `RunInShell` or by a cancel.
+//
+// Deliberate: returns true for a file that is no certificate. openssl then prints no field, and the
+// fields of `certificate` stay as they are.
 bool GetCertificateInfo(std::string const& path, Certificate& certificate);
 
-// Fills `certificate` from the output of `openssl x509 -subject -serial -fingerprint -sha256`.
+// Fills `certificate` from the output of `openssl x509 -subject -serial -fingerprint -sha256`. A
+// field without a line in `output` stays as it is.
 //
-// The key of the fingerprint is "SHA256 Fingerprint", as OpenSSL 1.1.1 prints it. OpenSSL 3 prints
-// "sha256 Fingerprint", which counts only with the setting "openssl-fingerprint-any-case".
+// Deliberate: the key of the fingerprint is "SHA256 Fingerprint", as OpenSSL 1.1.1 prints it.
+// OpenSSL 3 prints "sha256 Fingerprint", so the thumbprint stays empty unless the setting
+// "openssl-fingerprint-any-case" is true.
 void ParseCertificateInfo(std::string_view output, Certificate& certificate);

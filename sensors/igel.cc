@@ -21,7 +21,7 @@ bool IsIgelDevice() {
   return platform == Platform::Igel11 || platform == Platform::Igel12;
 }
 
-// The bundle of authorities is none of the management certificates.
+// "cacerts.pem" is the bundle of certificate authorities and no management certificate.
 bool IsManagementCertificate(std::filesystem::path const& path) {
   return path.extension() == ".pem" && path.filename() != "cacerts.pem";
 }

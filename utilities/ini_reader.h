@@ -6,19 +6,20 @@
 
 // The properties of an ini file, in memory.
 //
-//   [section]     a line with a "[" and a "]" after it opens a section; its name is the text from
-//                 the first "[" to the first "]", whatever else is in the line
-//   key=value     any other line with a "=": both texts as they are, without the line feed
+//   [section]   opens a section: any line whose first "[" stands before its first "]". The name is
+//               the text between the two; the rest of the line is ignored.
+//   key=value   a property: any other line with a "=". The key ends at the first "=".
 //
-// All other lines are ignored. Nothing is a comment, quoted or trimmed; a "\r" before the line feed
-// is part of the value. What stands before the first section is in the section "". Of properties
-// with one name the last counts, also when their section is opened again.
+// All other lines are ignored. There are no comments and no quoting, and nothing is trimmed: a "\r"
+// before the line feed belongs to the value. Properties before the first section are in the section
+// "". When a key occurs more than once in a section, the last value counts, also when the file
+// opens the section again.
 class IniReader {
  public:
   // Reads the whole file. Throws Exception "Failed to open ini file" or "Bad ini file".
   explicit IniReader(std::string const& filename);
 
-  // Empty when there is no such property.
+  // Returns the value, or an empty text when there is no such property.
   std::string GetValue(std::string_view section, std::string_view key) const;
 
  private:

@@ -21,6 +21,7 @@ constexpr char const* osReleaseFile = "/etc/os-release";
 
 constexpr auto platformNames = std::to_array<std::string_view>(
     {"Windows", "Linux", "macOS", "iOS", "eLux", "IGEL", "IGEL", "NoTouch", "Rangee"});
+static_assert(platformNames.size() == static_cast<std::size_t>(Platform::Rangee) + 1);
 
 struct KnownPlatform {
   std::string_view name;  // in os-release
@@ -31,7 +32,7 @@ struct KnownPlatform {
 constexpr auto knownPlatforms = std::to_array<KnownPlatform>({
     {"eLux", Platform::ELux, "Detected platform as eLux"},
     {"IGEL OS 12", Platform::Igel12, "Detected platform as IGEL OS 12"},
-    // One message for both generations: kept as it is.
+    // Deliberate: IGEL OS 11 logs the message of IGEL OS 12; `platformName` tells them apart.
     {"IGEL OS 11", Platform::Igel11, "Detected platform as IGEL OS 12"},
     {"NoTouch", Platform::NoTouch, "Detected platform as NoTouch"},
     {"Rangee", Platform::Rangee, "Detected platform as Rangee"},
@@ -68,7 +69,7 @@ PlatformFacts DetectPlatform(std::string const& filename) {
       TRACE_VERBOSE(known->message, platformName, platformVersion);
     }
   } catch (Base::Exception const&) {
-    // The reader has told what is wrong; the platform is just not known by name.
+    // `IniReader` has logged the failure; the platform stays `Platform::Linux`.
   }
   return facts;
 }

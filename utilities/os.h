@@ -2,8 +2,9 @@
 
 #include <string>
 
-// Which operating system this process runs on, told from /etc/os-release (os-release(5)) once a
-// process, at the first question. Threads: any.
+// The operating system on which this process runs. The first call of `GetPlatform`,
+// `GetPlatformVersion` or `GetPrettyName` reads /etc/os-release (os-release(5)); later calls return
+// what it found. Threads: any.
 
 enum class Platform : int {
   Windows = 0,
@@ -17,16 +18,17 @@ enum class Platform : int {
   Rangee = 8,
 };
 
-// Two generations of IGEL OS share one name. Empty for a value that is none of the enumerators.
+// Deliberate: "IGEL" for both generations of IGEL OS. Empty, after a VERBOSE line, for a number
+// that is no enumerator.
 std::string GetPlatformName(Platform platform);
 
-// `Platform::Linux` for all that are not known by name.
+// `Platform::Linux` when os-release is missing or has a name that this system does not know.
 Platform GetPlatform();
 
-// The version from os-release; for `Platform::Linux` the kernel's release.
+// VERSION from os-release; for `Platform::Linux` the kernel's release, as `uname -r` prints it.
 std::string GetPlatformVersion();
 
-// The name for people from os-release, which may be empty.
+// PRETTY_NAME from os-release; empty when it has none.
 std::string GetPrettyName();
 
 // What `DetectPlatform` finds.
@@ -36,7 +38,7 @@ struct PlatformFacts {
   std::string prettyName;
 };
 
-// Reads the file, which may be absent or unreadable: a platform of no known name, then. Names are
-// compared without regard to case. Only double quotes are taken off a value, so one in single
-// quotes is not recognised.
+// Reads an os-release file. A file that is absent or cannot be read leaves `PlatformFacts` as they
+// are by default. Case does not matter in a name. Every double quote in a value is removed, and
+// then white space at its ends; a name in single quotes is unknown.
 PlatformFacts DetectPlatform(std::string const& filename);

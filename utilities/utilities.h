@@ -7,31 +7,32 @@
 
 // Facts from commands and files. Threads: any.
 
-// Runs `command` in a shell to its end, on the calling thread, with the limits of
-// process/shell_command.h, and appends what it printed on standard output to `output`, unchanged.
-// What the command's exit status is does not count. False, and nothing appended, when it could not
-// be started, passed a limit, or was cancelled.
+// Runs `command` by `RunInShell` (process/shell_command.h), on the calling thread, and appends its
+// standard output to `output`, unchanged. A command that runs and fails counts as success: its exit
+// code only goes to the trace log. Returns false and appends nothing when the command could not be
+// started, or was stopped by a limit or by a cancel.
 //
-// Commands start with "LC_ALL=C ", so that the tools answer in the C locale.
+// Begin each command with "LC_ALL=C ", so that its tools print what they print in the C locale.
 bool ExecuteCommand(std::string const& command, std::string& output);
 
-// What the command printed; the default where `ExecuteCommand` is false.
+// Returns the command's standard output, or `defaultOutput` when `ExecuteCommand` returns false.
 std::string ExecuteCommandOrDefault(std::string const& command, std::string const& defaultOutput);
 
-// The names of the realms that this machine has joined, a line each, as realm(8) tells them; empty
-// where there is no such command.
+// Returns the names of the realms that this machine has joined, one a line, as `realm list -n`
+// prints them (realm(8)). Empty when the machine has no such command.
 std::string GetRealmList();
 
-// All bytes of a file; empty when it cannot be read to its end.
+// Returns all bytes of a file; empty, after an ERROR line, when it cannot be read to its end.
 Base::Maybe<std::string> ReadFile(std::string const& filename);
 
-// A point in time as text in UTC, after a format of strftime(3) and strptime(3), of a whole second:
-// fractions are neither written nor read.
+// Times as text: in UTC, in a format of strftime(3) and strptime(3), without fractions of a second.
 using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;
 
-// Empty unless the whole text is as the format has it and is within the range of `TimePoint` (the
-// years 1678 to 2261). What the format leaves out is that of 1970-01-01 00:00:00.
+// Reads `text` as a time. Fields that are missing in `format` are those of 1970-01-01 00:00:00.
+// Empty, after an ERROR line, when the format does not match the whole text or the time is outside
+// the range of `TimePoint`: from 1677-09-21 to 2262-04-11.
 Base::Maybe<TimePoint> ParseTime(std::string const& text, std::string const& format);
 
-// Empty for a format that results in nothing or in more than 256 bytes.
+// Returns `time` as text, rounded down to a second. Empty, after an ERROR line, when the result
+// would have no byte or more than 256.
 Base::Maybe<std::string> FormatTime(TimePoint time, std::string const& format);

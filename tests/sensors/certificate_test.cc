@@ -3,51 +3,39 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/support/utilities/arguments/settings.h"
 
 namespace {
 
-class CertificateInfoTest : public testing::Test {
- protected:
-  void SetUp() override { SetArguments({}); }
-
-  static Certificate Parse(std::string const& output) {
-    Certificate certificate;
-    ParseCertificateInfo(output, certificate);
-    return certificate;
-  }
-
-  // What the two versions print of one certificate.
-  std::string const openssl1 =
-      "subject=C = DE, O = \"Example, Inc.\", CN = a=b\n"
-      "serial=0A1B\n"
-      "SHA256 Fingerprint=01:Ab:FF\n";
-  std::string const openssl3 =
-      "subject=C = DE, O = \"Example, Inc.\", CN = a=b\n"
-      "serial=0A1B\n"
-      "sha256 Fingerprint=01:Ab:FF\n";
+struct Case {
+  char const* output;  // of openssl
+  bool isAnyCase;      // the setting
+  Certificate expected;
 };
 
-TEST_F(CertificateInfoTest, FieldsAsTheyWerePrinted) {
-  Certificate const certificate = Parse(openssl1);
-  EXPECT_EQ(certificate.subject, "C = DE, O = \"Example, Inc.\", CN = a=b");
-  EXPECT_EQ(certificate.serial, "0A1B");
-  EXPECT_EQ(certificate.thumbprintSha256, "01AbFF");
-}
-
-TEST_F(CertificateInfoTest, FingerprintKeyOfOpenssl3CountsOnlyWhenWanted) {
-  EXPECT_EQ(Parse(openssl3).thumbprintSha256, "");
-  EXPECT_EQ(Parse(openssl3).serial, "0A1B");
-  SetArguments({"--openssl-fingerprint-any-case"});
-  EXPECT_EQ(Parse(openssl3).thumbprintSha256, "01AbFF");
-  EXPECT_EQ(Parse(openssl1).thumbprintSha256, "01AbFF");
-}
-
-TEST_F(CertificateInfoTest, OtherLinesAreIgnored) {
-  Certificate const certificate =
-      Parse("no certificate\nSubject=1\n subject=2\nserial =3\nSHA1 Fingerprint=AA\n=\n\nsubject=");
-  EXPECT_EQ(certificate.subject + certificate.serial + certificate.thumbprintSha256, "");
+// OpenSSL 1.1.1 prints "SHA256 Fingerprint", OpenSSL 3 "sha256 Fingerprint".
+TEST(CertificateTest, FieldsAreTakenFromLinesWithTheExactKey) {
+  for (Case const& row : std::vector<Case>{
+           {"subject=C = DE, O = \"Example, Inc.\", CN = a=b\nserial=0A1B\n"
+            "SHA256 Fingerprint=01:Ab:FF\n",
+            false,
+            {"C = DE, O = \"Example, Inc.\", CN = a=b", "01AbFF", "0A1B"}},
+           {"serial=0A1B\nsha256 Fingerprint=01:Ab:FF\n", false, {"", "", "0A1B"}},
+           {"serial=0A1B\nsha256 Fingerprint=01:Ab:FF\n", true, {"", "01AbFF", "0A1B"}},
+           {"SHA256 Fingerprint=01:Ab:FF", true, {"", "01AbFF", ""}},
+           {"no certificate\nSubject=1\n subject=2\nserial =3\nSHA1 Fingerprint=AA\n=\n\nsubject=",
+            true,
+            {}},
+       }) {
+    SetArguments({row.isAnyCase ? "--openssl-fingerprint-any-case" : "--other"});
+    Certificate certificate;
+    ParseCertificateInfo(row.output, certificate);
+    EXPECT_EQ(certificate.subject, row.expected.subject) << row.output;
+    EXPECT_EQ(certificate.thumbprintSha256, row.expected.thumbprintSha256) << row.output;
+    EXPECT_EQ(certificate.serial, row.expected.serial) << row.output;
+  }
 }
 
 }  // namespace

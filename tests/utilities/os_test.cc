@@ -24,7 +24,7 @@ class OsReleaseTest : public testing::Test {
   std::string const name = testing::TempDir() + "os_test." + std::to_string(getpid());
 };
 
-TEST_F(OsReleaseTest, KnownNamesInAnyCaseAndInDoubleQuotes) {
+TEST_F(OsReleaseTest, CaseDoubleQuotesAndWhiteSpaceDoNotMatter) {
   EXPECT_EQ(Detect("NAME=\"igel os 12\"\n").platform, Platform::Igel12);
   EXPECT_EQ(Detect("NAME=IGEL OS 11\n").platform, Platform::Igel11);
   EXPECT_EQ(Detect("NAME=ELUX").platform, Platform::ELux);
@@ -37,7 +37,7 @@ TEST_F(OsReleaseTest, KnownNamesInAnyCaseAndInDoubleQuotes) {
   EXPECT_EQ(facts.prettyName, "The Rangee");
 }
 
-TEST_F(OsReleaseTest, AllOthersAreLinux) {
+TEST_F(OsReleaseTest, AnUnknownNameIsLinux) {
   for (char const* const text :
        {"", "NAME=\"IGEL OS\"\n", "NAME='IGEL OS 12'\n", "NAME = IGEL OS 12\n",
         "[os]\nNAME=IGEL OS 12\n", "#NAME=IGEL OS 12\n", "NAME=IGEL OS 12\nNAME=Debian\n"}) {
@@ -49,23 +49,21 @@ TEST_F(OsReleaseTest, AllOthersAreLinux) {
   EXPECT_EQ(DetectPlatform("/proc/self").platform, Platform::Linux);
 }
 
-TEST_F(OsReleaseTest, ThisMachineIsLinuxOfItsKernelsRelease) {
+TEST_F(OsReleaseTest, TheVersionOfLinuxIsTheKernelsRelease) {
   utsname system{};
   ASSERT_EQ(uname(&system), 0);
   if (GetPlatform() != Platform::Linux) GTEST_SKIP() << GetPrettyName();
   EXPECT_EQ(GetPlatformVersion(), system.release);
 }
 
-TEST(PlatformNameTest, TwoGenerationsShareOne) {
-  EXPECT_EQ(GetPlatformName(Platform::Windows), "Windows");
+TEST(PlatformNameTest, BothGenerationsOfIgelOsShareOneName) {
   EXPECT_EQ(GetPlatformName(Platform::Igel11), "IGEL");
   EXPECT_EQ(GetPlatformName(Platform::Igel12), "IGEL");
-  EXPECT_EQ(GetPlatformName(Platform::Rangee), "Rangee");
   EXPECT_EQ(GetPlatformName(static_cast<Platform>(9)), "");
   EXPECT_EQ(GetPlatformName(static_cast<Platform>(-1)), "");
 }
 
-TEST_F(OsReleaseTest, IniFileWithSections) {
+TEST_F(OsReleaseTest, IniFileKeepsSectionsApartAndTheLastValue) {
   std::ofstream(name) << "a=1=2\n=3\nb\n\nx [one] y=z\na= 4 \n]a[=5\n[]\nb=6\n[one]\na=7";
   IniReader const file(name);
   EXPECT_EQ(file.GetValue("", "a"), "1=2");

