@@ -5,7 +5,8 @@
 
 #include "utilities/arguments/arguments.h"
 
-// Any command line is taken, nothing of it is lost, and every getter answers.
+// The store accepts any command line, keeps every word of it, and no getter throws. Input: the
+// words, separated by zero bytes.
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::vector<std::string> words(1);

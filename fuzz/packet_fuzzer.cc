@@ -12,14 +12,15 @@
 #include "io/native_messaging_host_read_stream.h"
 #include "utilities/arguments/arguments.h"
 
-// What a client can send, cut into reads of any size: every packet that comes out of the stream is
-// inside the limit and was in the input, each read is reported once, and JSON parsing survives it.
+// The packet reader and the JSON parser, over any bytes that a client can send and in reads of any
+// size: no packet is longer than the limit, each `Read` calls back once, and each payload is
+// parsed.
 
 namespace {
 
 constexpr std::uint32_t maxPacketSize = 4096;
 
-// Gives the input out in pieces whose lengths the input itself chooses.
+// Returns the input in pieces; bytes of the input choose their lengths.
 class InputStream final : public IO::FileReadStream {
  public:
   explicit InputStream(std::span<unsigned char const> input) : _input(input) {}
@@ -40,7 +41,7 @@ class InputStream final : public IO::FileReadStream {
   std::span<unsigned char const> _input;
 };
 
-// Reads packets until the stream ends or fails. Runs on the IO thread, where outcomes are posted.
+// Reads packets until the stream ends or fails, on the IO thread, to which the stream posts.
 class Reader final : public Base::Shareable {
  public:
   explicit Reader(std::span<unsigned char const> input)
@@ -87,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   auto const ioThread = Base::GetIOThread();
   auto const reader = Base::MakeShared<Reader>(std::span(data, size));
   Base::RunAndWait(*ioThread, [&reader] { reader->Next(); });
-  // Posted outcomes come in the rounds after it.
+  // Each completion is a task of its own, so more than one round may pass.
   while (true) {
     bool hasEnded = false;
     Base::RunAndWait(*ioThread, [&] { hasEnded = reader->HasEnded(); });

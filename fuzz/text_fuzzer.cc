@@ -13,8 +13,9 @@
 #include "trace/time_text.h"
 #include "utilities/arguments/arguments.h"
 
-// Whatever a text is read as is written as a text that is read as the same; all else is refused by
-// an exception of this system's own.
+// The readers of addresses, hexadecimal text, GUIDs, times and UTF-8: a value that was read from
+// any text is written as a text that reads as the same value. A reader refuses other texts by a
+// Base::Exception and nothing else.
 
 namespace {
 
@@ -27,14 +28,14 @@ void CheckAccepted(Check check) {
   try {
     check();
   } catch (Base::Exception const&) {
-    // Refused.
+    // The reader refuses the text.
   }
 }
 
 void CheckAddress(Net::Address const& address) {
   Net::Address const again = Net::Address::FromText(address.ToText());
   Require(again.ToText() == address.ToText());
-  // Paths and what has no text of its own come back with the kernel's whole record.
+  // An AF_UNIX address that is read from text may have another length than the original.
   if (address.GetFamily() == AF_UNIX) return;
   Require(again.GetLength() == address.GetLength());
   Require(std::memcmp(again.GetData(), address.GetData(), address.GetLength()) == 0);
