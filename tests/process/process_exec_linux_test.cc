@@ -3,14 +3,14 @@
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <pthread.h>
-#include <stdio.h>
 #include <stdlib.h>
 
-#include <atomic>
+#include <array>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iterator>
-#include <thread>
+#include <string_view>
 #include <vector>
 
 #include "tests/support/base/child.h"
@@ -263,26 +263,6 @@ TEST_F(ProcessExecTest, TheLoopsEndDiscardsCallbacksAndNoProgram) {
   loop->Start();
   CloseInput(kept);
   WaitForExit(kept);
-}
-
-// Two threads start programs; each program prints the descriptors that it got.
-TEST_F(ProcessExecTest, ProgramsStartedAtOnceDoNotGetEachOthersPipes) {
-  std::atomic<bool> isDone{false};
-  std::thread other([&] {
-    while (!isDone) {
-      FILE* const pipe = popen("exec ls /proc/self/fd", "re");  // NOLINT(cert-env33-c): its fork
-      ASSERT_NE(pipe, nullptr);
-      std::array<char, 256> output{};
-      output[fread(output.data(), 1, output.size() - 1, pipe)] = '\0';
-      EXPECT_EQ(pclose(pipe), 0);
-      EXPECT_STREQ(output.data(), "0\n1\n2\n3\n");
-    }
-  });
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(GetOutput(Execute("ls", {"/proc/self/fd"})), "ok 0\n1\n2\n3\n;");
-  }
-  isDone = true;
-  other.join();
 }
 
 // Runs in a child between its fork and its exec, when a test sets it.
