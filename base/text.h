@@ -1,10 +1,15 @@
 #pragma once
 
 #include <algorithm>
+#include <charconv>
+#include <concepts>
 #include <string>
 #include <string_view>
+#include <system_error>
 
-// Characters as the C locale has them: ASCII, whatever the process's locale is.
+#include "base/maybe.h"
+
+// Characters and numbers in text as the C locale has them: ASCII, in any locale of the process.
 
 namespace Base {
 
@@ -35,6 +40,17 @@ inline std::string LowerCased(std::string_view text) {
 
 constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return std::ranges::equal(a, b, {}, ToLower, ToLower);
+}
+
+// The number that the whole of `text` is in decimal: digits, after a "-" where `Number` is signed.
+// Empty for any other text and for a number out of range.
+template <std::integral Number>
+Maybe<Number> ParseNumber(std::string_view text) {
+  Number number{};
+  char const* const end = text.data() + text.size();
+  auto const [stop, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || stop != end) return {};
+  return number;
 }
 
 }  // namespace Base

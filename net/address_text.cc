@@ -11,9 +11,9 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "base/exception.h"
+#include "base/text.h"
 #include "net/address.h"
 #include "net/address_record.h"
 #include "trace/hex.h"
@@ -100,16 +100,6 @@ std::string BytesText(Address const& address) {
          Trace::ToHex(std::span(bytes, address.GetLength()));
 }
 
-// The whole of `text` as a decimal number.
-template <typename Number>
-std::optional<Number> ParseNumber(std::string_view text) {
-  Number number = 0;
-  char const* const end = text.data() + text.size();
-  auto const result = std::from_chars(text.data(), end, number);
-  if (result.ec != std::errc() || result.ptr != end) return {};
-  return number;
-}
-
 std::optional<std::string> Unescape(std::string_view text) {
   constexpr std::string_view escape = "\\x";
   constexpr std::size_t digits = 2;
@@ -157,9 +147,9 @@ std::optional<Address> ParseIPv6(std::string_view ip, std::uint16_t port) {
   record.sin6_family = AF_INET6;
   record.sin6_port = htons(port);
   if (auto const percent = ip.find('%'); percent != std::string_view::npos) {
-    auto const scope = ParseNumber<std::uint32_t>(ip.substr(percent + 1));
+    auto const scope = Base::ParseNumber<std::uint32_t>(ip.substr(percent + 1));
     if (!scope) return {};
-    record.sin6_scope_id = *scope;
+    record.sin6_scope_id = scope.Get();
     ip = ip.substr(0, percent);
   }
   if (inet_pton(AF_INET6, std::string(ip).c_str(), &record.sin6_addr) != 1) return {};
@@ -185,12 +175,14 @@ std::optional<Address> Parse(std::string_view text) {
   if (colon == std::string_view::npos) return {};
   std::string_view const host = text.substr(0, colon);
   std::string_view const rest = text.substr(colon + 1);
-  if (auto const family = ParseNumber<sa_family_t>(host)) return ParseBytes(*family, rest);
-  auto const port = ParseNumber<std::uint16_t>(rest);
+  if (auto const family = Base::ParseNumber<sa_family_t>(host)) {
+    return ParseBytes(family.Get(), rest);
+  }
+  auto const port = Base::ParseNumber<std::uint16_t>(rest);
   if (!port) return {};
-  if (!host.starts_with('[')) return ParseIPv4(host, *port);
+  if (!host.starts_with('[')) return ParseIPv4(host, port.Get());
   if (!host.ends_with(']')) return {};
-  return ParseIPv6(host.substr(1, host.size() - 2), *port);
+  return ParseIPv6(host.substr(1, host.size() - 2), port.Get());
 }
 
 }  // namespace

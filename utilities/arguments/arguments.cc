@@ -3,14 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 
-#include "base/exception.h"
 #include "base/text.h"
 
 namespace {
@@ -44,7 +42,7 @@ class ArgumentStore {
     return found == _indexes.end() ? nullptr : &_arguments[found->second];
   }
 
-  // The value of a named argument; nothing for an absent one and for a flag.
+  // The value of a named argument; null for an absent one and for a flag.
   std::string const* FindValue(std::string_view name) const {
     Argument const* const argument = Find(name);
     return argument != nullptr && (argument->kind & argumentNamed) != 0 ? &argument->value
@@ -106,26 +104,11 @@ ArgumentStore& GetStore() {
   return store;
 }
 
-// Throws Base::Exception "Out of range" for anything but a whole decimal number that fits.
-template <typename Number>
-Number ParseNumber(std::string_view text) {
-  Number number{};
-  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) {
-    throw Base::Exception("Out of range");
-  }
-  return number;
-}
-
 template <typename Number>
 Base::Maybe<Number> FindNumber(std::string_view name) {
   std::string const* const value = GetStore().FindValue(name);
   if (value == nullptr) return {};
-  try {
-    return ParseNumber<Number>(*value);
-  } catch (Base::Exception const&) {
-    return {};
-  }
+  return Base::ParseNumber<Number>(*value);
 }
 
 template <typename Number>
