@@ -9,8 +9,6 @@ namespace Trace {
 
 namespace {
 
-using TimePoint = std::chrono::system_clock::time_point;
-
 void AppendDate(std::string& out, TimePoint time, std::string_view separator) {
   std::chrono::year_month_day const date(std::chrono::floor<std::chrono::days>(time));
   AppendPadded(out, static_cast<unsigned>(static_cast<int>(date.year())), 4);
@@ -20,7 +18,7 @@ void AppendDate(std::string& out, TimePoint time, std::string_view separator) {
   AppendPadded(out, static_cast<unsigned>(date.day()), 2);
 }
 
-// Takes the parts of a text off its front, one after the other.
+// Reads a text from its front to its end; each step takes what it has read off the text.
 class TimeReader {
  public:
   explicit TimeReader(std::string_view text) : _text(text) {}
@@ -96,7 +94,7 @@ TimePoint ParseTimePoint(std::string_view text) {
   TimeReader::Require(hours < 24 && minutes < 60 && seconds < 60);
   auto const time = std::chrono::sys_days(date) + std::chrono::hours(hours) +
                     std::chrono::minutes(minutes) + std::chrono::seconds(seconds);
-  // Whole seconds inside the range leave room for the fraction, as the last one is not among them.
+  // The last second of the range is excluded, because a fraction may not fit into it.
   constexpr auto first = std::chrono::ceil<std::chrono::seconds>(TimePoint::min());
   constexpr auto last = std::chrono::floor<std::chrono::seconds>(TimePoint::max());
   TimeReader::Require(time >= first && time < last);

@@ -7,27 +7,29 @@
 #include <string>
 #include <string_view>
 
-// Times as text, in UTC. Computed with <chrono>'s calendar: gmtime_r(3) takes a lock of the C
-// library, which a forked child could find taken.
+// Times as text, in UTC, by the calendar of <chrono>: gmtime_r(3) takes a lock of the C library,
+// which another thread may have held when this process was forked.
 
 namespace Trace {
 
-// "2026-05-03T17:30:41.042Z"
-void AppendTimePoint(std::string& out, std::chrono::system_clock::time_point time);
+using TimePoint = std::chrono::system_clock::time_point;  // nanoseconds: from 1677 to 2262
 
-// The point in time of a text as above; the fraction may have one to nine digits, or be left away
-// with its point. Throws Base::Exception "Failed to parse time" for anything else, a day or time
-// that does not exist included, second 60 too, and for what a time point cannot hold: it begins in
-// 1677 and ends in 2262.
-std::chrono::system_clock::time_point ParseTimePoint(std::string_view text);
+// "2026-05-03T17:30:41.042Z"
+void AppendTimePoint(std::string& out, TimePoint time);
+
+// The point in time of a text as above. The fraction may have one to nine digits; it may be absent,
+// together with its point. Throws Base::Exception "Failed to parse time" for any other text, for a
+// day or time that does not exist (second 60 is one), and for a time beyond the range of
+// `TimePoint`.
+TimePoint ParseTimePoint(std::string_view text);
 
 // "20260503_173041", for file names
-void AppendFileTime(std::string& out, std::chrono::system_clock::time_point time);
+void AppendFileTime(std::string& out, TimePoint time);
 
 // The milliseconds of the second, 0 to 999.
-unsigned GetMilliseconds(std::chrono::system_clock::time_point time);
+unsigned GetMilliseconds(TimePoint time);
 
-// `value` in decimal, with zeros on its left up to `width` digits.
+// `value` in decimal, padded with zeros on the left to `width` digits.
 template <typename Text>
 void AppendPadded(Text& out, unsigned value, unsigned width) {
   std::array<char, 10> digits;
@@ -39,9 +41,8 @@ void AppendPadded(Text& out, unsigned value, unsigned width) {
 
 // "17:30:41"
 template <typename Text>
-void AppendTimeOfDay(Text& out, std::chrono::system_clock::time_point time,
-                     std::string_view separator = ":") {
-  // In seconds first: the midnight before the earliest time point is none.
+void AppendTimeOfDay(Text& out, TimePoint time, std::string_view separator = ":") {
+  // In whole seconds: the midnight before the earliest `TimePoint` is out of its range.
   auto const second = std::chrono::floor<std::chrono::seconds>(time);
   std::chrono::hh_mm_ss const clock(second - std::chrono::floor<std::chrono::days>(second));
   AppendPadded(out, static_cast<unsigned>(clock.hours().count()), 2);

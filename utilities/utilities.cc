@@ -62,7 +62,7 @@ Base::Maybe<std::string> ReadFile(std::string const& filename) {
   return result;
 }
 
-Base::Maybe<TimePoint> ParseTime(std::string const& text, std::string const& format) {
+Base::Maybe<Trace::TimePoint> ParseTime(std::string const& text, std::string const& format) {
   tm parts{};
   parts.tm_year = 70;
   parts.tm_mday = 1;
@@ -70,15 +70,15 @@ Base::Maybe<TimePoint> ParseTime(std::string const& text, std::string const& for
   if (end == text.c_str() + text.size()) {
     auto const time = SystemSeconds(std::chrono::seconds(timegm(&parts)));
     // The first and the last second are in range only in part, so neither is accepted.
-    bool const fits = time >= std::chrono::ceil<std::chrono::seconds>(TimePoint::min()) &&
-                      time < std::chrono::floor<std::chrono::seconds>(TimePoint::max());
-    if (fits) return TimePoint(time);
+    bool const fits = time >= std::chrono::ceil<std::chrono::seconds>(Trace::TimePoint::min()) &&
+                      time < std::chrono::floor<std::chrono::seconds>(Trace::TimePoint::max());
+    if (fits) return Trace::TimePoint(time);
   }
   TRACE_ERROR("Failed to parse time from text", text, format);
   return {};
 }
 
-Base::Maybe<std::string> FormatTime(TimePoint time, std::string const& format) {
+Base::Maybe<std::string> FormatTime(Trace::TimePoint time, std::string const& format) {
   auto const seconds = std::chrono::floor<std::chrono::seconds>(time).time_since_epoch().count();
   time_t const clock = seconds;
   tm parts{};

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <chrono>
 #include <string>
 
 #include "base/maybe.h"
+#include "trace/time_text.h"
 
 // Facts from commands and files. Threads: any.
 
@@ -26,13 +26,12 @@ std::string GetRealmList();
 Base::Maybe<std::string> ReadFile(std::string const& filename);
 
 // Times as text: in UTC, in a format of strftime(3) and strptime(3), without fractions of a second.
-using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;
 
 // Reads `text` as a time. Fields that are missing in `format` are those of 1970-01-01 00:00:00.
 // Empty, after an ERROR line, when the format does not match the whole text or the time is outside
-// the range of `TimePoint`: from 1677-09-21 to 2262-04-11.
-Base::Maybe<TimePoint> ParseTime(std::string const& text, std::string const& format);
+// the range of `Trace::TimePoint`: from 1677-09-21 to 2262-04-11.
+Base::Maybe<Trace::TimePoint> ParseTime(std::string const& text, std::string const& format);
 
 // Returns `time` as text, rounded down to a second. Empty, after an ERROR line, when the result
 // would have no byte or more than 256.
-Base::Maybe<std::string> FormatTime(TimePoint time, std::string const& format);
+Base::Maybe<std::string> FormatTime(Trace::TimePoint time, std::string const& format);

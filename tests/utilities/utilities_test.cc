@@ -44,7 +44,9 @@ TEST(ReadFileTest, ReturnsAllBytesOrNothing) {
 
 class TimeTextTest : public testing::Test {
  protected:
-  static TimePoint At(std::int64_t seconds) { return TimePoint(std::chrono::seconds(seconds)); }
+  static Trace::TimePoint At(std::int64_t seconds) {
+    return Trace::TimePoint(std::chrono::seconds(seconds));
+  }
 
   std::string const format = "%Y-%m-%dT%H:%M:%SZ";
 };
@@ -57,7 +59,7 @@ TEST_F(TimeTextTest, ATimeReadsAsItWasWritten) {
   }
   EXPECT_EQ(FormatTime(At(951782400), format).Get(), "2000-02-29T00:00:00Z");
   EXPECT_EQ(FormatTime(At(0) - std::chrono::nanoseconds(1), format).Get(), "1969-12-31T23:59:59Z");
-  EXPECT_EQ(FormatTime(TimePoint::min(), "%Y").Get(), "1677");
+  EXPECT_EQ(FormatTime(Trace::TimePoint::min(), "%Y").Get(), "1677");
   EXPECT_EQ(ParseTime("07:30", "%H:%M").Get(), At(27000));
 }
 
