@@ -23,21 +23,21 @@ void WholeWriteStream::Send(std::size_t offset, Buffer const& total, Callback co
 void WholeWriteStream::OnWritten(Base::Status const& status, Buffer const& written,
                                  std::size_t offset, Buffer const& total,
                                  Callback const& callback) {
-  Base::Shared<Trace::Log> const& traceModule = _log;
   if (status) {
     // Not an ERROR: the socket or file has already logged the failure as one.
-    TRACE_VERBOSE("Error on write", this, written, total, offset);
+    TRACE_TO(*_log, Trace::levelVerbose, "Error on write", this, written, total, offset);
     callback->Call(status, total);
     return;
   }
   std::size_t const newOffset = offset + written.GetLength();
   if (newOffset == total.GetLength()) {
-    TRACE_VERBOSE("Write complete", this, written, total);
+    TRACE_TO(*_log, Trace::levelVerbose, "Write complete", this, written, total);
     callback->Call(status, total);
     return;
   }
   std::size_t const remaining = total.GetLength() - newOffset;
-  TRACE_VERBOSE("Write partially completed", this, written, total, offset, newOffset, remaining);
+  TRACE_TO(*_log, Trace::levelVerbose, "Write partially completed", this, written, total, offset,
+           newOffset, remaining);
   try {
     Send(newOffset, total, callback);
   } catch (std::exception const& err) {

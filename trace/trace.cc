@@ -1,3 +1,28 @@
+// The log has two states. It starts unconfigured, and the first call of `IsTraceEnabled` or of
+// `InitializeTrace` configures it for good. Only the level tells the states apart: unconfigured, it
+// is the highest number there is, so every call reaches `IsTraceEnabledOnceConfigured`, whose
+// `call_once` makes other threads wait until `Configure` is done. `Configure` stores the level
+// last. From then on, a call whose level is off costs one relaxed load and one comparison.
+//
+// The order of a call whose level is on, all of it on the calling thread:
+//   1. WriteTraceHeader  appends time, level, module, process and thread to the line text.
+//   2. AppendField       appends each field to the field text.
+//   3. WriteTrace        appends message, field text and line feed to the line text, writes that to
+//                        console, file and syslog, in this order, and clears both texts.
+// The fields have a text of their own because they stand behind the message, which comes last.
+//
+// Each thread has its two texts and keeps their memory. So building a line takes no lock and, after
+// the first lines, allocates nothing. A destructor of another thread-local object may log after the
+// texts are destroyed: that line is dropped. Console and file take a line in one write(2), the file
+// with O_APPEND, so lines do not mix. A lock would add nothing, and a child that is forked while
+// another thread holds the lock could never log.
+//
+// A child may log between fork(2) and exec(2). `OnForkedChild` has it look up its own process and
+// thread id, and turns syslog off for it, because another thread of the parent may have held the
+// lock of syslog(3) at the fork.
+//
+// State and modules are never destroyed: other threads may log until the process has ended.
+
 #include "trace/trace.h"
 
 #include <pthread.h>
@@ -56,13 +81,11 @@ struct State {
   std::atomic<int> pid{0};
 };
 
-// Never destroyed: a thread may log while the process ends.
 State& GetState() {
   static State& state = *new State;
   return state;
 }
 
-// A thread's texts, kept from line to line for their memory.
 struct ThreadText {
   std::string line;
   std::string fields;
@@ -82,13 +105,11 @@ ThreadText* GetThreadText() {
 }
 
 void Clear(std::string& text) {
-  constexpr std::size_t kept = 16384;  // a line of one large packet in hexadecimal is not the rule
+  constexpr std::size_t maxKept = 16384;  // one long line must not cost its memory for ever
   text.clear();
-  if (text.capacity() > kept) text.shrink_to_fit();
+  if (text.capacity() > maxKept) text.shrink_to_fit();
 }
 
-// The child is another process and thread, and may have been born while another thread held
-// syslog(3)'s lock.
 void OnForkedChild() {
   GetState().pid.store(getpid(), std::memory_order_relaxed);
   threadId = 0;
@@ -122,11 +143,12 @@ void WriteBanner() {
   std::unique_ptr<char, decltype(&std::free)> const path(realpath(file.c_str(), nullptr),
                                                          &std::free);
   if (path != nullptr) {
-    FormatInfo("trace", "Process [%s] module [%s] resolved to path [%s] built on [%s] at [%s]",
-               program_invocation_short_name, file.c_str(), path.get(), __DATE__, __TIME__);
+    Format<levelInfo>("trace",
+                      "Process [%s] module [%s] resolved to path [%s] built on [%s] at [%s]",
+                      program_invocation_short_name, file.c_str(), path.get(), __DATE__, __TIME__);
   } else {
-    FormatInfo("trace", "Process [%s] module [%s] built on [%s] at [%s]",
-               program_invocation_short_name, file.c_str(), __DATE__, __TIME__);
+    Format<levelInfo>("trace", "Process [%s] module [%s] built on [%s] at [%s]",
+                      program_invocation_short_name, file.c_str(), __DATE__, __TIME__);
   }
 }
 
@@ -213,39 +235,18 @@ void WriteTrace(Log const& /*module*/, TraceLevel level, std::string_view messag
   Clear(text->fields);
 }
 
-void FormatError(char const* module, char const* format, ...) {
+template <TraceLevel level>
+void Format(char const* module, char const* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  FormatLine(module, levelError, format, arguments);
+  FormatLine(module, level, format, arguments);
   va_end(arguments);
 }
 
-void FormatWarning(char const* module, char const* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  FormatLine(module, levelWarning, format, arguments);
-  va_end(arguments);
-}
-
-void FormatInfo(char const* module, char const* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  FormatLine(module, levelInfo, format, arguments);
-  va_end(arguments);
-}
-
-void FormatVerbose(char const* module, char const* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  FormatLine(module, levelVerbose, format, arguments);
-  va_end(arguments);
-}
-
-void FormatDebug(char const* module, char const* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  FormatLine(module, levelDebug, format, arguments);
-  va_end(arguments);
-}
+template void Format<levelError>(char const*, char const*, ...);
+template void Format<levelWarning>(char const*, char const*, ...);
+template void Format<levelInfo>(char const*, char const*, ...);
+template void Format<levelVerbose>(char const*, char const*, ...);
+template void Format<levelDebug>(char const*, char const*, ...);
 
 }  // namespace Trace

@@ -15,8 +15,7 @@ void LoopThread::Start() {
   Stop();
   _stopping = false;
   if (int const error = _thread.Start([self = Shared(this)] { self->RunHere(); })) {
-    Shared<Trace::Log> const& traceModule = _log;
-    TRACE_ERROR("Failed to start thread", this, error);
+    TRACE_TO(*_log, Trace::levelError, "Failed to start thread", this, error);
     throw ExceptionPosix(error);
   }
 }
@@ -39,15 +38,14 @@ void LoopThread::Run() {
 
 void LoopThread::RunHere() {
   Shared const self(this);
-  Shared<Trace::Log> const& traceModule = _log;
-  TRACE_VERBOSE("Thread entry point started.", this);
+  TRACE_TO(*_log, Trace::levelVerbose, "Thread entry point started.", this);
   {
     CurrentScope const current{Shared<Thread>(this)};
     _loopThreadId = std::this_thread::get_id();
     RunLoop();
     _loopThreadId = std::thread::id();
   }
-  TRACE_VERBOSE("Thread entry point stopped.", this);
+  TRACE_TO(*_log, Trace::levelVerbose, "Thread entry point stopped.", this);
 }
 
 void LoopThread::Schedule(std::int64_t delayMs, Task task) {
@@ -59,15 +57,16 @@ std::optional<ScheduledTaskStore::TimePoint> LoopThread::GetEarliestWakeTime() {
 }
 
 void LoopThread::RunTasks() {
-  Shared<Trace::Log> const& traceModule = _log;
   while (Task const task = _scheduledTasks.TakeDue(std::chrono::system_clock::now())) {
-    RunCaught(task, [this, &traceModule](std::exception const& err) {
-      TRACE_ERROR("Thread exception thrown whilst processing scheduled task", this, err);
+    RunCaught(task, [this](std::exception const& err) {
+      TRACE_TO(*_log, Trace::levelError, "Thread exception thrown whilst processing scheduled task",
+               this, err);
     });
   }
   while (Task const task = _tasks.Pop()) {
-    RunCaught(task, [this, &traceModule](std::exception const& err) {
-      TRACE_ERROR("Thread exception thrown whilst processing task", this, err);
+    RunCaught(task, [this](std::exception const& err) {
+      TRACE_TO(*_log, Trace::levelError, "Thread exception thrown whilst processing task", this,
+               err);
     });
   }
 }

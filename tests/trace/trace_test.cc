@@ -164,8 +164,8 @@ TEST_F(TraceTest, LinesOfManyThreadsAreWhole) {
 
 TEST_F(TraceTest, FormattedMessagesAreCut) {
   auto const lines = Log({"--trace-level=5"}, [] {
-    Trace::FormatDebug("trace_test", "%s", std::string(600, 'x').c_str());
-    Trace::FormatWarning("trace_test", "%d", 7);
+    Trace::Format<Trace::levelDebug>("trace_test", "%s", std::string(600, 'x').c_str());
+    Trace::Format<Trace::levelWarning>("trace_test", "%d", 7);
   });
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_EQ(AfterHeader(lines[0]), std::string(511, 'x'));
