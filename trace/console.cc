@@ -51,7 +51,7 @@ bool Console::WriteAll(Stream& stream, std::string_view line) noexcept {
       continue;
     }
     if (errno == EINTR) continue;
-    if (errno != EAGAIN) return true;  // closed, say: there is nobody to wait for
+    if (errno != EAGAIN) return true;  // closed or broken: there is no reader to wait for
     pollfd reader{stream.fd, POLLOUT, 0};
     int const timeoutMs = stream.stalled.load(std::memory_order_relaxed) ? 0 : patienceMs;
     if (poll(&reader, 1, timeoutMs) <= 0) return false;

@@ -16,7 +16,7 @@ namespace {
 
 template <typename... Arguments>
 void AppendNumber(std::string& out, Arguments... arguments) {
-  std::array<char, 64> digits;  // the longest is a double of six significant digits
+  std::array<char, 64> digits;  // room for 64 bits and for a double of six significant digits
   auto const result = std::to_chars(digits.data(), digits.data() + digits.size(), arguments...);
   out.append(digits.data(), result.ptr);
 }

@@ -12,12 +12,13 @@
 #include "base/maybe.h"
 #include "base/shared.h"
 
-// The fields of a trace line, and how their values look in it. A type of another layer brings along
-// a `RenderTraceValue(std::string& out, Type const&)` of its own, in its own namespace.
+// The fields of a trace line, and the text of their values. A type of another folder has its own
+// `RenderTraceValue(std::string& out, Type const&)`, in the namespace of the type. A rendering must
+// not log: a thread builds one line at a time.
 
 namespace Trace {
 
-// Addresses: hexadecimal, lower case, "0x" before them; "0" for null.
+// Addresses: hexadecimal, in lower case, after "0x"; "0" for null.
 void RenderTraceValue(std::string& out, void const* address);
 
 // "true" or "false".
@@ -30,15 +31,16 @@ void RenderTraceValue(std::string& out, char value);
 void RenderTraceValue(std::string& out, long long value);
 void RenderTraceValue(std::string& out, unsigned long long value);
 
-// As an output stream writes it by default: six significant digits.
+// Six significant digits, the default of an output stream.
 void RenderTraceValue(std::string& out, double value);
 
-// Texts: between double quotes, not escaped.
+// Texts: between double quotes. Deliberate: nothing is escaped, so a text may contain quotes and
+// line feeds.
 void RenderTraceValue(std::string& out, std::string_view text);
 
 void RenderTraceValue(std::string& out, std::wstring_view text);  // in UTF-8
 
-// As above, of at most "trace-stringptr-maxlen" characters; null is `null`, unquoted.
+// As above, the first "trace-stringptr-maxlen" characters at most; null is `null`, unquoted.
 void RenderTraceValue(std::string& out, char const* text);
 void RenderTraceValue(std::string& out, wchar_t const* text);
 
@@ -91,13 +93,13 @@ void RenderTraceValue(std::string& out, Base::Shared<T> const& object) {
   RenderTraceValue(out, static_cast<void const*>(object.Get()));
 }
 
-// The length in bytes: what a client sends and receives is not for the log.
+// The length in bytes, not the bytes: the log must not hold what clients send and receive.
 template <typename T>
 void RenderTraceValue(std::string& out, Base::Buffer<T> const& buffer) {
   RenderTraceValue(out, buffer.GetLength() * sizeof(T));
 }
 
-// The value, or `null` where there is none.
+// The value; `null` for an empty one.
 template <typename T>
 void RenderTraceValue(std::string& out, Base::Maybe<T> const& value) {
   if (value) {
@@ -110,10 +112,10 @@ void RenderTraceValue(std::string& out, Base::Maybe<T> const& value) {
 template <typename Value>
 struct TraceField {
   std::string_view key;
-  Value const& value;  // of the caller's full expression
+  Value const& value;  // lives to the end of the caller's full expression
 };
 
-// A field whose key is not the argument as it is written in the code.
+// A field whose key differs from the argument as written.
 template <typename Value>
 TraceField<Value> As(std::string_view key, Value const& value) {
   return {key, value};

@@ -9,8 +9,8 @@
 
 namespace Trace {
 
-// A line of text in storage of its own, for a signal handler, which may not allocate; what does not
-// fit is dropped. Named as std::string, so that one code builds lines in both.
+// A line of text in an array, for a signal handler, which must not allocate. What does not fit is
+// dropped. The methods are named as those of std::string, so that a template can append to both.
 template <std::size_t Capacity>
 class FixedText {
  public:
@@ -40,7 +40,7 @@ class FixedText {
 
   std::string_view GetText() const { return {_text.data(), _length}; }
 
-  // The text and a line feed, for which there is always room.
+  // The text and a line feed, which always fits.
   std::string_view GetLine() {
     _text[_length] = '\n';
     return {_text.data(), _length + 1};

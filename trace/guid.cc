@@ -21,8 +21,7 @@ Guid Guid::Generate() {
 Guid Guid::Parse(std::string_view text) {
   Guid guid;
   std::size_t const length = text.size();
-  // The length first: uuid_parse would take a text that ends in a zero byte for one that ends
-  // there.
+  // Tests the length first: uuid_parse ends at a zero byte, which `text` may contain.
   if (length != UUID_STR_LEN - 1 ||
       uuid_parse(std::string(text).c_str(), guid._bytes.data()) != 0) {
     TRACE_ERROR("Not a guid", length);

@@ -18,16 +18,16 @@ class Guid {
   // A random one (version 4).
   static Guid Generate();
 
-  // "0b9f4a0e-6c1d-4c5e-9d5b-0f6a2d3c4b5a", in upper or lower case, and nothing else: no braces.
-  // ERROR line, and Base::Exception "Not a guid", for any other text.
+  // Reads "0b9f4a0e-6c1d-4c5e-9d5b-0f6a2d3c4b5a", in upper or lower case, without braces. For any
+  // other text it logs an ERROR line and throws Base::Exception "Not a guid".
   static Guid Parse(std::string_view text);
 
-  // As above, in lower case.
+  // The text that `Parse` reads, in lower case.
   std::string ToText() const;
 
   std::array<unsigned char, 16> const& GetBytes() const { return _bytes; }
 
-  // NOLINTNEXTLINE(modernize-use-nullptr): it takes the operator for a zero
+  // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the operator for a zero
   auto operator<=>(Guid const&) const = default;
 
  private:

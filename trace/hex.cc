@@ -23,7 +23,7 @@ unsigned DecodeDigit(std::string_view text, std::size_t offset) {
   if (digit >= '0' && digit <= '9') return static_cast<unsigned>(digit - '0');
   if (digit >= 'a' && digit <= 'f') return static_cast<unsigned>(digit - 'a') + 10;
   if (digit >= 'A' && digit <= 'F') return static_cast<unsigned>(digit - 'A') + 10;
-  // Not the digit: what is not hexadecimal could be anything, a secret or a line feed.
+  // Logs the offset, not the character: the text may be a secret.
   TRACE_ERROR("Invalid hex digit", offset);
   throw Base::Exception("Invalid Argument");
 }

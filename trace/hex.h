@@ -9,16 +9,17 @@
 
 namespace Trace {
 
-// Two lower-case digits a byte.
+// Two lower-case digits for each byte.
 std::string ToHex(std::span<unsigned char const> bytes);
 
-// The bytes that `text` is the digits of, in upper or lower case. ERROR lines before each throw:
-// Base::Exception "Invalid hex string length" for an odd number of digits, "Invalid Argument" for
-// what is no digit.
+// The bytes whose digits are `text`, in upper or lower case. Logs an ERROR line and throws
+// Base::Exception: "Invalid hex string length" for an odd number of characters, "Invalid Argument"
+// for a character that is no digit.
 Base::ByteBuffer FromHex(std::string_view text);
 
-// As above, into the front of `bytes`; returns how many they are. Throws OverflowException for more
-// than there is room for; what `bytes` holds after a throw is undefined.
+// As above, into the front of `bytes`; returns their number. Logs an ERROR line and throws
+// OverflowException for more bytes than `bytes` has room for. The content of `bytes` is undefined
+// after a throw.
 std::size_t FromHex(std::string_view text, std::span<unsigned char> bytes);
 
 }  // namespace Trace

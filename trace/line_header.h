@@ -6,15 +6,15 @@
 
 #include "trace/time_text.h"
 
-// The header of a trace line. Templates, because the crash handler needs it in a text that does not
-// allocate; see trace/fixed_text.h.
+// The header of a trace line. A template, because the crash handler appends it to a `FixedText`,
+// which does not allocate.
 
 namespace Trace {
 
 namespace Internal {
 
-// Whether the calling thread has written a line. In the thread's static storage, where a signal
-// handler can look at it.
+// Whether the calling thread has written a line. Its model is initial-exec because the default one
+// may allocate on first use, which a signal handler must not.
 [[gnu::tls_model("initial-exec")]] inline constinit thread_local bool hasWrittenLine = false;
 
 }  // namespace Internal
@@ -27,7 +27,7 @@ struct LineHeader {
   int threadId = 0;
 };
 
-// "09:05:33.420Z VERBOSE  socket_linux(4211:4213) - ", as the calling thread's next line.
+// Appends "09:05:33.420Z VERBOSE  socket_linux(4211:4213) - " for the calling thread's next line.
 template <typename Text>
 void AppendLineHeader(Text& out, LineHeader const& header) {
   constexpr std::size_t levelWidth = 8;
@@ -35,7 +35,7 @@ void AppendLineHeader(Text& out, LineHeader const& header) {
   out.append(".");
   unsigned const milliseconds = GetMilliseconds(header.time);
   if (Internal::hasWrittenLine) {
-    // From the second line on the padding is on the right: kept as it is.
+    // Deliberate: from a thread's second line on, 42 ms reads "420"; see trace/trace.h.
     AppendPadded(out, milliseconds, 1);
     out.append(milliseconds < 10 ? 2 : milliseconds < 100 ? 1 : 0, '0');
   } else {

@@ -7,18 +7,18 @@
 
 #include "base/unique_fd.h"
 
-// Where trace lines go. Nothing here takes a lock or throws, and a line is one system call; only to
-// a console whose reader is slow is it sent in as many as it takes. What writes can be called in a
-// signal handler, where the crash handler does.
+// Where trace lines go. Nothing here takes a lock or throws. A line is one system call; only a
+// console with a slow reader takes several. The crash handler calls `Console::Write` and
+// `TraceFile::WriteInSignalHandler` in a signal handler.
 
 namespace Trace {
 
 // Standard output and standard error.
 //
-// A reader that has stopped reading must not stop the process: pipes and terminals are opened anew,
-// non-blocking, because the flag belongs to the open file, which other processes share. A line
-// waits a second for such a reader, those after it not at all, until it reads again; what does not
-// fit is dropped.
+// A reader that has stopped reading must not stop the process. So pipes and terminals are opened
+// anew, non-blocking: setting the flag on the inherited descriptor would set it for the other
+// processes that share the open file. The first line that does not fit waits one second for the
+// reader. Later lines do not wait until the reader reads again. What does not fit is dropped.
 class Console {
  public:
   Console();
@@ -44,23 +44,24 @@ class Console {
 // "trace-folder", else in "/tmp/": the program's log file name, or the executable's base name and
 // ".log", after "<UTC date>_<time>_<pid>_" when "trace-file-prefix" is true.
 //
-// Opened at the first line and again when a write has failed, each time truncated, then appended
-// to, so that it can be rotated by copy and truncate; mode 0600. In "/tmp/", where anybody can put
-// names, it must be a regular file of this user's own under that one name.
+// The file is opened at the first line and again after a write has failed. Opening truncates it;
+// writing appends, so that it can be rotated by copying and truncating it. Its mode is 0600. In the
+// default folder "/tmp/", where any user can create names, only a regular file that belongs to this
+// user and has no second name is written.
 class TraceFile {
  public:
   explicit TraceFile(std::string programLogFileName);
 
-  // Opens the file where it is not open or a write has failed.
+  // Opens the file unless it is open and the last write succeeded.
   void EnsureOpen() noexcept;
 
-  // `line` ends with a line feed. Lost where the file is not open or the write fails.
+  // `line` ends with a line feed. The line is lost when the file is not open or the write fails.
   void Write(std::string_view line) noexcept;
 
-  // As above, whatever has become of earlier lines; from the first one on the file is no longer
-  // opened again. Opens a file that has not been opened yet, by the path of when this object was
-  // made, and does not truncate it: another process, which this one is a forked child of, may be
-  // writing to it.
+  // As `Write`, also after an earlier write has failed. Opens the file when it was never open, by
+  // the path that the settings gave when this object was made, and does not truncate it: this
+  // process may be a forked child, and its parent may write to the file. After this call,
+  // `EnsureOpen` no longer opens the file.
   void WriteInSignalHandler(std::string_view line) noexcept;
 
  private:
@@ -76,13 +77,13 @@ class TraceFile {
   std::atomic<bool> _hasLastWords{false};
 };
 
-// The trace file, opened first where it is not; null while the file sink is off.
+// The trace file, after `EnsureOpen`; null while the file sink is off.
 TraceFile* GetTraceFileStream();
 
-// The path of the trace file under the settings as they are now.
+// The path of the trace file by the present settings.
 std::string GetTraceFilePath(std::string const& programLogFileName);
 
-// The file that holds the trace code, as the dynamic loader knows it; "unknown" if it does not.
+// The dynamic loader's name of the file that holds the trace code; "unknown" if it has none.
 std::string GetTraceModuleFile();
 
 }  // namespace Trace

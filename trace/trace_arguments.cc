@@ -9,7 +9,7 @@ namespace Trace {
 
 namespace {
 
-// These lines separate their fields by commas as well, unlike all others.
+// Deliberate: only these lines have a comma between two fields.
 template <typename Value>
 struct AfterComma {
   TraceField<Value> field;

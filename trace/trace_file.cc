@@ -21,7 +21,7 @@ namespace Trace {
 namespace {
 
 constexpr mode_t mode = S_IRUSR | S_IWUSR;
-// Non-blocking, so that a FIFO without a reader is a failure and not a wait.
+// Non-blocking, so that opening a FIFO without a reader fails and does not wait.
 constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr int yieldsForOpening = 1000;
 
@@ -30,19 +30,19 @@ bool IsFolderOpenToAll() {
          !HasArgument("trace-folder");
 }
 
-// A regular file of our own that has no other name: whoever can write to the folder may have put
-// any of our other files there by a hard link.
+// Opens a regular file of this user that has no other name: another user could have linked any
+// other file of this user under this name.
 Base::UniqueFd OpenOwnFile(char const* path) noexcept {
   Base::UniqueFd file(open(path, flags | O_NOFOLLOW, mode));
   struct stat status {};
   if (!file || fstat(file.Get(), &status) == -1) return {};
   if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink != 1) return {};
-  // Only now that it is known to be ours; an older one may have been readable to others.
+  // An older file may be readable for others. Its mode changes only once its owner is known.
   if (fchmod(file.Get(), mode) == -1) return {};
   return file;
 }
 
-// For signal handlers, too.
+// Also called in a signal handler.
 Base::UniqueFd OpenTraceFile(char const* path, bool isFolderOpenToAll) noexcept {
   return isFolderOpenToAll ? OpenOwnFile(path) : Base::UniqueFd(open(path, flags, mode));
 }
@@ -50,7 +50,7 @@ Base::UniqueFd OpenTraceFile(char const* path, bool isFolderOpenToAll) noexcept 
 void ReportOpenFailure(std::string const& path, std::exception const& err) {
   std::string const text = "Failed to open trace file [" + path + "] error [" + err.what() + "]\n";
   if (write(STDERR_FILENO, text.data(), text.size()) == -1) {
-    // There is no further place to say it.
+    // There is no other place to report it.
   }
 }
 
@@ -91,7 +91,7 @@ TraceFile::TraceFile(std::string programLogFileName)
   try {
     _firstPath = GetTraceFilePath(_programLogFileName);
   } catch (std::exception const&) {
-    // Told when the file is opened.
+    // Reported when the file is opened.
   }
 }
 
@@ -113,7 +113,7 @@ void TraceFile::WriteInSignalHandler(std::string_view line) noexcept {
     _fd.store(fd);
   }
   if (write(fd, line.data(), line.size()) == -1) {
-    // There is nobody to tell.
+    // There is no place to report it.
   }
 }
 
@@ -125,7 +125,7 @@ void TraceFile::EnsureOpen() noexcept {
     _opening.store(false);
     return;
   }
-  // Another thread opens it. The wait has an end, because in a forked child there is no such
+  // Another thread is opening the file. The wait is bounded, because a forked child has no such
   // thread.
   for (int i = 0; i < yieldsForOpening && _opening.load(); ++i) sched_yield();
 }
@@ -136,7 +136,7 @@ void TraceFile::Reopen() noexcept {
     path = GetTraceFilePath(_programLogFileName);
     Base::UniqueFd file = OpenTraceFile(path.c_str(), _isFolderOpenToAll);
     if (!file) return;
-    // What is no regular file has nothing to lose.
+    // A device or a FIFO fails with EINVAL: it has nothing to truncate.
     if (ftruncate(file.Get(), 0) == -1 && errno != EINVAL) return;
     int const current = _fd.load();
     if (current == -1) {

@@ -42,7 +42,7 @@ std::atomic<int> crashSyslog{-1};
 static_assert(std::atomic<Console*>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
               "used in a signal handler");
 
-// The loader knows the program's own file by no name.
+// The loader's name for the program's own file is empty, so the path is looked up beforehand.
 std::array<char, PATH_MAX> programPath{};
 std::size_t programPathLength = 0;
 
@@ -76,9 +76,9 @@ void AppendAddress(Line& line, Address address) {
   line.AppendNumber(address, 16);
 }
 
-// syslog(3) takes a lock, which the crashed thread may hold: the datagram that it would send. It
-// bears no time, as its own is local time, which takes a lock as well; who receives it has a clock.
-// A receiver that has stopped receiving is waited for once.
+// Sends the datagram that syslog(3) would send, because syslog(3) takes a lock, which the crashed
+// thread may hold. The datagram has no time, because local time takes a lock too; the receiver adds
+// its own. Only the first line waits for a receiver whose queue is full.
 void WriteToSyslog(int socket, std::string_view line) {
   sockaddr_un log{};
   log.sun_family = AF_UNIX;
@@ -111,7 +111,7 @@ void Write(Line& text) {
 }
 
 void WriteSignal(siginfo_t const& info) {
-  // Of a signal that was sent these bytes tell the sender.
+  // A signal that was sent has the sender's ids in the place of the address.
   bool const isFault = info.si_code > 0;
   Line line;
   StartLine(line);
@@ -127,7 +127,7 @@ void WriteSignal(siginfo_t const& info) {
   Write(line);
 }
 
-// Unlike dladdr(3) this takes no lock. Null for an address that is in no file's code.
+// The file whose code `address` is in; null if it is in none. Takes no lock, unlike dladdr(3).
 link_map const* FindFile(void* address) {
   dl_find_object object{};
   return _dl_find_object(address, &object) == 0 ? object.dlfo_link_map : nullptr;
@@ -152,17 +152,17 @@ void WriteFrame(std::size_t index, void* address) {
   Write(line);
 }
 
-// The registers of the thread where the signal hit it, which the unwinder reads from the same
-// place.
+// The registers of the thread where the signal hit it. A change of them changes the frames: the
+// unwinder reads them from the same place.
 class Registers {
  public:
   explicit Registers(void* context) : _machine(static_cast<ucontext_t*>(context)->uc_mcontext) {}
 
-  // NOLINTBEGIN(performance-no-int-to-ptr): numbers is what registers have
+  // NOLINTBEGIN(performance-no-int-to-ptr): registers hold numbers
 #if defined(__x86_64__)
   void* GetProgramCounter() const { return reinterpret_cast<void*>(_machine.gregs[REG_RIP]); }
 
-  // Back to where a call that has just been made came from.
+  // Returns from a function that has been called and has not yet run.
   void StepOut() {
     auto const* const top = reinterpret_cast<greg_t const*>(_machine.gregs[REG_RSP]);
     _machine.gregs[REG_RIP] = *top;
@@ -172,8 +172,8 @@ class Registers {
   void* GetProgramCounter() const { return reinterpret_cast<void*>(_machine.pc); }
   void StepOut() { _machine.pc = _machine.regs[30]; }
 #else
-  // Not known of this processor: the first frame is told as 0, those behind it with the handler's
-  // own before them.
+  // Another processor: the first frame has the address 0, and the handler's own frames come before
+  // those of the thread.
   void* GetProgramCounter() const { return nullptr; }
   void StepOut() {}
 #endif
@@ -201,7 +201,7 @@ void SetCrashSinks(Console* console, TraceFile* file, bool useSyslog) {
 void PrepareCrashReport() {
   ssize_t const length = readlink("/proc/self/exe", programPath.data(), programPath.size());
   programPathLength = length > 0 ? static_cast<std::size_t>(length) : 0;
-  // Its first call loads the unwinder.
+  // The first call of backtrace(3) loads the unwinder, which allocates.
   void* frame = nullptr;
   backtrace(&frame, 1);
 }
@@ -210,20 +210,20 @@ void ReportCrash(siginfo_t const& info, void* context) noexcept {
   WriteSignal(info);
   Registers registers(context);
   mcontext_t const saved = registers.Save();
-  // From the registers alone: the unwinder may crash where the stack is overwritten.
+  // Frame 0 needs the registers alone; the unwinder may crash on an overwritten stack.
   WriteFrame(0, registers.GetProgramCounter());
-  std::ptrdiff_t told = 1;
+  std::ptrdiff_t written = 1;
   if (FindFile(registers.GetProgramCounter()) == nullptr) {
-    // A call through a wild pointer: there is nothing to unwind from but the place of the call.
+    // A call through a wild pointer: the unwinder can start only at the place of the call.
     registers.StepOut();
-    told = 0;
+    written = 0;
   }
   std::array<void*, maxFrames> storage;
   auto const count = backtrace(storage.data(), static_cast<int>(storage.size()));
   auto const frames = std::span(storage).first(static_cast<std::size_t>(count));
-  // The handler's own frames come first.
+  // The handler's own frames come first and are left out.
   auto const hit = std::ranges::find(frames, registers.GetProgramCounter());
-  auto const first = hit == frames.end() ? frames.begin() : hit + told;
+  auto const first = hit == frames.end() ? frames.begin() : hit + written;
   std::size_t index = 0;
   for (void* const address : std::span(first, frames.end())) WriteFrame(++index, address);
   registers.Restore(saved);

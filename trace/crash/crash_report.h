@@ -2,22 +2,23 @@
 
 #include <signal.h>
 
-// What the crash handler writes, and where to.
+// The lines that the crash handler writes, and their sinks.
 
 namespace Trace {
 
 class Console;
 class TraceFile;
 
-// Where crashes are reported from now on; without it nowhere. Null the sinks that are off; they are
-// never destroyed. Syslog is a datagram socket at /dev/log; one that is a stream gets nothing.
+// Sets the sinks of later reports, null for a sink that is off. Before this call there is no sink.
+// The caller never destroys them. Syslog must be a datagram socket at /dev/log: a stream socket
+// there gets nothing.
 void SetCrashSinks(Console* console, TraceFile* file, bool useSyslog);
 
-// Fetches what a report needs of the system and cannot ask for in a signal handler.
+// Loads the unwinder and looks up the program's path, which a signal handler cannot do.
 void PrepareCrashReport();
 
-// Writes the report, its lines in the order in which they get harder to know. `context` is the
-// signal handler's third argument. For signal handlers: allocates nothing, locks nothing.
+// Writes the report, most reliable facts first: a later line may crash. `context` is the signal
+// handler's third argument. For signal handlers: takes no lock, allocates nothing.
 void ReportCrash(siginfo_t const& info, void* context) noexcept;
 
 }  // namespace Trace

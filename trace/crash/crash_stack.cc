@@ -11,7 +11,7 @@ namespace Trace {
 
 namespace {
 
-// What the handler and the unwinder take, several times over.
+// Several times what the handler and the unwinder use.
 constexpr std::size_t handlerSize = 65536;
 
 class CrashStack {
@@ -19,7 +19,7 @@ class CrashStack {
   CrashStack() noexcept {
     stack_t current{};
     if (sigaltstack(nullptr, &current) == -1 || (current.ss_flags & SS_DISABLE) == 0) return;
-    // The registers that the kernel saves on it have a size that depends on the processor.
+    // The kernel saves the registers on the stack; their size depends on the processor.
     std::size_t const pageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     std::size_t const registers = getauxval(AT_MINSIGSTKSZ);
     std::size_t const size = (handlerSize + registers + pageSize - 1) / pageSize * pageSize;
@@ -28,7 +28,7 @@ class CrashStack {
     if (memory == MAP_FAILED) return;
     _memory = memory;
     _size = pageSize + size;
-    // The lowest page stays closed, so that this stack, too, cannot run over into something else.
+    // The lowest page stays inaccessible, so that an overflow of this stack hits nothing else.
     stack_t own{};
     own.ss_sp = static_cast<std::byte*>(memory) + pageSize;
     own.ss_size = size;

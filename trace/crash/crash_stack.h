@@ -2,10 +2,10 @@
 
 namespace Trace {
 
-// Gives the calling thread a stack of its own for the crash handler, until the thread ends; nothing
-// where it has one. Called by each thread that runs a loop or tasks: of a thread without one, a
-// crash is reported as well, but not an overflow of its stack, which then has its default action in
-// silence. Costs address space, and memory only where a crash has used it.
+// Gives the calling thread an alternate signal stack (sigaltstack(2)) for the crash handler, until
+// the thread ends; does nothing when the thread has one already. Each thread that runs a loop or
+// tasks calls it. Without it, an overflow of the thread's stack ends the process without a report;
+// other crashes are reported all the same. It costs address space, and memory once a crash uses it.
 void EnsureCrashStack() noexcept;
 
 }  // namespace Trace

@@ -8,21 +8,21 @@
 
 #include "base/maybe.h"
 
-// The process's settings: its command line and those environment variables whose name starts with
-// "KESTREL_". A later entry wins over an earlier one of the same name, so the environment wins over
-// the command line.
+// The settings of the process: its command line, and then those environment variables whose name
+// starts with "KESTREL_". The last entry of a name wins, so the environment wins over the command
+// line.
 //
 //   --name=value, --name:value    named; the first ":" or "=" ends the name
 //   --name                        flag
-//   anything else, argv[0] too    field: kept, found under no name
+//   anything else, argv[0] too    field: kept, but has no name to look it up by
 //   KESTREL_NAME=value            named; an empty value makes it a flag
 //
-// Names are compared after lower-casing and turning "-" into "_": "trace-level", `TRACE_LEVEL` and
-// "Trace-Level" are one setting. A name that is then empty, or has a character other than ASCII
-// letters, digits and "_", is kept but cannot be looked up.
+// Names are compared in lower case with "_" for "-": "trace-level", `TRACE_LEVEL` and "Trace-Level"
+// are one setting. An entry is kept but cannot be looked up when its name is then empty or has a
+// character other than ASCII letters, digits and "_".
 //
-// Threads: filled by one thread before there are others, read-only from then on.
-// Errors:  none; what is absent or malformed reads as the caller's default.
+// Threads: one thread fills the store before there are others; from then on it is read-only.
+// Errors:  none; a getter returns the caller's default for an absent or malformed value.
 
 // Bits of an entry's kind: one source and one form.
 inline constexpr std::uint32_t argumentFromCommandLine = 1;
@@ -38,24 +38,25 @@ struct Argument {
   std::string value;  // of a named argument
 };
 
-// Fills the store anew from `argv` and the environment; without arguments from the latter alone.
+// Clears the store and fills it from `argv` and the environment; without arguments, from the
+// environment alone.
 void ParseArguments(int argc = 0, char const* const* argv = nullptr);
 
-// Whether `word` is one of the command line's, as it is: for what a program does instead of
-// starting.
+// Whether an element of `argv` equals `word` exactly. Does not use the store: for options such as
+// "--help", after which a program does not start.
 bool IsWordOfCommandLine(int argc, char const* const* argv, std::string_view word);
 
-// `name` as names are compared.
+// The form in which names are compared.
 std::string NormaliseArgumentName(std::string_view name);
 
 // Every entry, in the order of insertion.
 std::vector<Argument> const& GetArguments();
 
-// How many of them stood before the command line was added, and how many after it.
+// The number of entries before the command line was added, and after it.
 std::size_t GetArgumentCountBeforeCommandLine();
 std::size_t GetArgumentCountAfterCommandLine();
 
-// Whether the name is there, as a flag or with whatever value.
+// Whether the name is present, as a flag or with any value.
 bool HasArgument(std::string_view name);
 
 // The value of a named argument; the default when it is absent or a flag.
@@ -65,10 +66,10 @@ std::string GetArgument(std::string_view name, std::string_view defaultValue);
 // value is the default.
 bool GetBoolArgument(std::string_view name, bool defaultValue);
 
-// Whole decimal numbers, an optional "-" (for the signed ones) and digits; anything else, a number
-// out of range included, is the default.
+// Decimal numbers: digits, after a "-" for a negative one. Any other value, and a number out of
+// range, is the default.
 std::int32_t GetIntArgument(std::string_view name, std::int32_t defaultValue);
 std::uint32_t GetUnsignedArgument(std::string_view name, std::uint32_t defaultValue);
 
-// Empty when absent or not a number.
+// Empty for an absent value, and where the getters above return the default.
 Base::Maybe<std::int64_t> GetInt64Argument(std::string_view name);
