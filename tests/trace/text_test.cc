@@ -23,7 +23,7 @@ TEST(HexTest, BytesGoBothWays) {
   EXPECT_EQ(Trace::FromHex("").GetLength(), 0U);
 }
 
-TEST(HexTest, FailuresAreTold) {
+TEST(HexTest, OtherTextAndTooMuchTextFail) {
   std::array<unsigned char, 2> room{};
   EXPECT_EQ(Trace::FromHex("0a0b", room), 2U);
   EXPECT_EQ(room[1], 0x0B);
@@ -34,29 +34,21 @@ TEST(HexTest, FailuresAreTold) {
   }
 }
 
-TEST(GuidTest, TextGoesBothWays) {
+TEST(GuidTest, TextGoesBothWaysAndOtherTextIsNoGuid) {
   std::string const text = "0b9f4a0e-6c1d-4c5e-9d5b-0f6a2d3c4b5a";
   Trace::Guid const guid = Trace::Guid::Parse(text);
   EXPECT_EQ(guid.ToText(), text);
   EXPECT_EQ(guid.GetBytes()[0], 0x0B);
   EXPECT_EQ(guid.GetBytes()[15], 0x5A);
   EXPECT_EQ(Trace::Guid::Parse("0B9F4A0E-6C1D-4C5E-9D5B-0F6A2D3C4B5A"), guid);
-  EXPECT_LT(Trace::Guid(), guid);
-}
-
-TEST(GuidTest, GeneratedOnesAreRandomAndDiffer) {
-  auto const guid = Trace::Guid::Generate();
-  EXPECT_EQ(guid.ToText()[14], '4') << "the version";
-  EXPECT_NE(guid, Trace::Guid::Generate());
-}
-
-TEST(GuidTest, OtherTextIsNone) {
-  std::string const text = "0b9f4a0e-6c1d-4c5e-9d5b-0f6a2d3c4b5a";
   for (std::string const& other :
        {std::string(), text.substr(1), text + "0", text + std::string(1, '\0'), "{" + text + "}",
         "g" + text.substr(1), "-" + text.substr(1), text.substr(0, 35) + std::string(1, '\0')}) {
     EXPECT_EQ(ErrorOf([&] { Trace::Guid::Parse(other); }), "Not a guid") << other;
   }
+  auto const generated = Trace::Guid::Generate();
+  EXPECT_EQ(generated.ToText()[14], '4') << "the version";
+  EXPECT_NE(generated, Trace::Guid::Generate());
 }
 
 TEST(TimeTextTest, TimesGoBothWays) {
@@ -74,7 +66,7 @@ TEST(TimeTextTest, TimesGoBothWays) {
   EXPECT_EQ(Trace::ParseTimePoint("2026-05-03T17:30:41.000000007Z") - second, nanoseconds(7));
 }
 
-TEST(TimeTextTest, OtherTextIsNone) {
+TEST(TimeTextTest, OtherTextIsNoTime) {
   for (std::string_view const text :
        {"", "2026-05-03", "2026-05-03T17:30:41", "2026-05-03T17:30:41ZZ", "2026-05-03 17:30:41Z",
         "2026-05-03T17:30:41.Z", "2026-05-03T17:30:41.0000000001Z", "2026-13-03T17:30:41Z",

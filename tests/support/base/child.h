@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -47,6 +48,7 @@ inline std::vector<std::string> ReadLines(std::filesystem::path const& path,
 // status. A function that returns ends the process with status 0.
 template <typename Function>
 int RunInChild(Function function) {
+  fflush(nullptr);  // else the child writes what the parent's streams still hold
   pid_t const pid = fork();
   if (pid == 0) {
     function();
