@@ -6,8 +6,7 @@
 //   3. The thread queues the same signal to itself, with the default action and every signal
 //      blocked.
 //   4. `OnSignal` returns, the kernel restores the thread's signal mask, and the pending signal
-//   ends
-//      the process.
+//      ends the process.
 //
 // Why step 3 queues the signal and does not end the process at once: the parent sees the exit
 // status, and a core shows the thread where the signal hit it, as if there were no handler.
@@ -15,9 +14,8 @@
 // Other ways through `OnSignal`:
 //   - Another thread crashes during the report. It waits, and the first thread's signal ends it.
 //   - The reporting thread gets a fault signal that somebody has sent. It ignores that signal.
-//   - The report itself crashes, for example on a destroyed stack. The process ends by the signal
-//   of
-//     the first crash; the lines so far are written.
+//   - The report itself crashes, for example on a destroyed stack. The process ends by the
+//     signal of the first crash; the lines so far are written.
 //   - A sink blocks the report until SIGALRM. The process ends in the same way.
 //
 // Anything may be broken at this time: the heap, a lock that the crashed thread holds, its stack.
