@@ -2,55 +2,153 @@
 
 #include <sys/stat.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstddef>
-#include <cstdint>
 #include <iostream>
-#include <iterator>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <span>
 #include <string_view>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "base/exception.h"
-#include "base/maybe.h"
+#include "base/text.h"
 #include "utilities/arguments/arguments.h"
+
+// CLI11 knows the options and the commands, checks the words against them and prints the help. To
+// add a command, declare it in `Grammar`. Three things are different from what CLI11 does:
+//
+// - An option takes its value after "=" or ":", as the daemon's settings do, and never from the
+//   next word. CLI11 knows this form as a flag with a value, so options with a value are flags to
+//   CLI11, and `GetWordsForGrammar` writes "=" for ":".
+// - `--trace-` options go to the argument store, where the trace log looks for its settings. CLI11
+//   only lists them in the help.
+// - KESTREL_SOCKET wins over --socket. To CLI11 a variable is only a default.
 
 namespace {
 
-constexpr std::int64_t defaultTimeoutSeconds = 30;
-constexpr std::int64_t maxTimeoutSeconds = 86400;
-constexpr std::size_t maxRequestSize = 131072;  // the daemon ends the connection above it
+constexpr int maxTimeoutSeconds = 86400;
+constexpr std::size_t maxRequestSize = 131072;  // the daemon closes the connection above it
 
 constexpr char const* packagedSocket = "/run/ktclientd/ktclientd.sock";
 
-constexpr auto options = std::to_array<std::string_view>({"socket", "timeout", "compact"});
+// Shows an option as "--name=VALUE".
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter() {
+    column_width(24);
+    label("OPTIONS", "OPTION...");
+    label("SUBCOMMAND", "COMMAND");
+  }
 
-void CheckOption(Argument const& argument) {
-  std::string const name = NormaliseArgumentName(argument.name);
-  bool const isKnown =
-      std::ranges::find(options, name) != options.end() || name.starts_with("trace_");
-  if (!isKnown) throw Base::Exception("Unknown option " + argument.text);
-  bool const isFlag = (argument.kind & argumentFlag) != 0;
-  if (isFlag && (name == "socket" || name == "timeout")) {
-    throw Base::Exception("Option " + argument.text + " needs a value");
+  std::string make_option_name(CLI::Option const* option, bool isPositional) const override {
+    return option->get_name(isPositional);
+  }
+
+  std::string make_option_opts(CLI::Option const* option) const override {
+    return option->get_option_text();
+  }
+};
+
+struct Grammar {
+  Grammar() {
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.fallthrough();  // options may follow the command
+    app.require_subcommand(1);
+
+    AddCommand("hardware", "The BIOS serial number");
+    AddCommand("igel", "The IGEL management certificates");
+    AddCommand("send", "Any request: send JSON; \"-\" reads it from standard input")
+        ->add_option("JSON", json)
+        ->required();
+
+    // "{}": without a value the option is as it is with an empty one, which is no valid value.
+    AddOption("--socket{}", socket, "=ADDRESS",
+              "Where the daemon listens: a path if it has a \"/\",\n"
+              "else a name in the abstract namespace.\n"
+              "Environment: KESTREL_SOCKET, which wins.\n"
+              "Default: /run/ktclientd/ktclientd.sock if it exists,\n"
+              "else com.norvel.kestrel");
+    AddOption("--timeout{}", timeout, "=SECONDS",
+              "How long to wait for the response (default: 30)");
+    AddOption("--compact", compact, "", "Print the response on one line");
+    ListOption("--trace-console", "", "Print the trace to standard output, too");
+    ListOption("--trace-level", "=LEVEL", "The level of the trace, from 0 to 5 (default: 4)");
+    app.set_help_flag();
+    ListOption("--help", "", "Print this help and exit");
+    ListOption("--version", "", "Print the version and exit");
+
+    app.footer(
+        "Exit status: 0 if the status of the response is \"Success\"; 1 if it is another one;\n"
+        "2 for wrong usage; 3 if there is no daemon, no response in time, or a broken one.");
+  }
+
+  CLI::App app{"Sends a request to ktclientd and prints the response as JSON.", "ktclientctl"};
+  std::string socket;
+  std::string timeout = "30";
+  std::string compact = "false";
+  std::string json;
+
+ private:
+  CLI::App* AddCommand(std::string const& name, std::string const& meaning) {
+    return app.add_subcommand(name, meaning)->group("Commands");
+  }
+
+  void AddOption(std::string const& name, std::string& value, std::string const& form,
+                 std::string const& meaning) {
+    app.add_flag(name, value, meaning)->option_text(form)->ignore_case();
+  }
+
+  // Lists an option in the help. The program handles it before CLI11 gets the words; what still
+  // arrives is "--help=VALUE".
+  void ListOption(std::string const& name, std::string const& form, std::string const& meaning) {
+    app.add_flag(name)->description(meaning)->option_text(form)->check(
+        [](std::string const&) { return std::string("the option takes no value"); });
+  }
+};
+
+bool IsTraceOption(std::string_view word) {
+  return NormaliseArgumentName(word).starts_with("__trace_");
+}
+
+// CLI11 takes the words last first.
+std::vector<std::string> GetWordsForGrammar(std::span<char const* const> words) {
+  std::vector<std::string> reversed(words.rbegin(), words.rend());
+  for (std::string& word : reversed) {
+    auto const separator = word.find_first_of(":=");
+    if (word.starts_with("--") && separator != std::string::npos) word[separator] = '=';
+  }
+  return reversed;
+}
+
+void Parse(CLI::App& app, std::vector<std::string> words) {
+  try {
+    app.parse(std::move(words));
+  } catch (CLI::ParseError const& err) {
+    // CLI11 complains about a missing command before it complains about a word that it does not
+    // know; the word is what the user has to correct.
+    std::vector<std::string> const unknown = app.remaining(true);
+    if (unknown.empty()) throw Base::Exception(err.what());
+    bool const isOption = unknown[0].starts_with("-");
+    bool const isCommand = app.get_subcommands().empty();
+    throw Base::Exception((isOption    ? "Unknown option "
+                           : isCommand ? "Unknown command "
+                                       : "Unexpected argument ") +
+                          unknown[0]);
   }
 }
 
-// The words of the command line after the program's name.
-std::vector<std::string> ReadWords() {
-  std::vector<std::string> words;
-  for (Argument const& argument : GetArguments()) {
-    if ((argument.kind & argumentFromCommandLine) == 0) continue;
-    if ((argument.kind & argumentField) != 0) {
-      words.push_back(argument.text);
-    } else {
-      CheckOption(argument);
-    }
-  }
-  if (!words.empty()) words.erase(words.begin());
-  return words;
+// Reads no more than is necessary to see that the text is too long.
+std::string ReadStandardInput() {
+  std::string text(maxRequestSize + 1, '\0');
+  std::cin.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(std::cin.gcount()));
+  return text;
 }
 
 std::string CheckRequest(std::string request) {
@@ -62,85 +160,59 @@ std::string CheckRequest(std::string request) {
   return request;
 }
 
-// As much as it takes to see that it is too long.
-std::string ReadStandardInput() {
-  std::string text(maxRequestSize + 1, '\0');
-  std::cin.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(std::cin.gcount()));
-  return text;
-}
-
-std::string ReadRequest(std::vector<std::string> const& words) {
-  if (words.empty()) throw Base::Exception("Nothing to ask");
-  std::string const& command = words[0];
-  if (command == "send") {
-    if (words.size() != 2) throw Base::Exception("\"send\" takes one JSON text");
-    return CheckRequest(words[1] == "-" ? ReadStandardInput() : words[1]);
-  }
-  if (command != "hardware" && command != "igel") {
-    throw Base::Exception("Unknown command " + command);
-  }
-  if (words.size() != 1) throw Base::Exception("\"" + command + "\" takes nothing");
+std::string MakeRequest(Grammar const& grammar) {
+  std::string const& command = grammar.app.get_subcommands()[0]->get_name();
+  if (command == "send")
+    return CheckRequest(grammar.json == "-" ? ReadStandardInput() : grammar.json);
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();
 }
 
-// The packaged service's socket where there is one, also where this user may not look at it.
+// The socket of the packaged service if it exists, even if this user has no access to its folder.
 std::string GetDefaultAddress() {
   struct stat file {};
   bool const isAbsent = stat(packagedSocket, &file) == -1 && (errno == ENOENT || errno == ENOTDIR);
   return isAbsent ? "com.norvel.kestrel" : packagedSocket;
 }
 
-Net::Address ReadAddress() {
-  std::string const text = GetArgument("socket", GetDefaultAddress());
+Net::Address ParseAddress(std::string const& text) {
   try {
     return Net::Address::FromUnixText(text);
   } catch (Base::Exception const&) {
-    throw Base::Exception("The socket's address is empty or too long");
+    throw Base::Exception("The address of the socket is empty or too long");
   }
 }
 
-std::chrono::seconds ReadTimeout() {
-  if (!HasArgument("timeout")) return std::chrono::seconds(defaultTimeoutSeconds);
-  Base::Maybe<std::int64_t> const timeout = GetInt64Argument("timeout");
-  if (!timeout || timeout.Get() < 1 || timeout.Get() > maxTimeoutSeconds) {
+std::chrono::seconds ParseTimeout(std::string const& text) {
+  int seconds = 0;
+  char const* const textEnd = text.data() + text.size();
+  auto const [end, error] = std::from_chars(text.data(), textEnd, seconds);
+  if (error != std::errc() || end != textEnd || seconds < 1 || seconds > maxTimeoutSeconds) {
     throw Base::Exception("The timeout is not a number of seconds from 1 to " +
                           std::to_string(maxTimeoutSeconds));
   }
-  return std::chrono::seconds(timeout.Get());
+  return std::chrono::seconds(seconds);
 }
 
 }  // namespace
 
-CommandLine ReadCommandLine() {
+CommandLine ReadCommandLine(int argc, char const* const* argv) {
+  std::vector<char const*> words(argv + std::min(argc, 1), argv + argc);
+  auto const others = std::stable_partition(words.begin(), words.end(), IsTraceOption);
+  ParseArguments(static_cast<int>(others - words.begin()), words.data());
+
+  Grammar grammar;
+  grammar.socket = GetDefaultAddress();
+  Parse(grammar.app, GetWordsForGrammar({others, words.end()}));
+  // From the environment; an empty variable has no value and stands for the default.
+  if (HasArgument("socket")) grammar.socket = GetArgument("socket", GetDefaultAddress());
+
   CommandLine commandLine;
-  std::vector<std::string> const words = ReadWords();
-  commandLine.address = ReadAddress();
-  commandLine.timeout = ReadTimeout();
-  commandLine.compact = GetBoolArgument("compact", false);
-  commandLine.request = ReadRequest(words);
+  commandLine.address = ParseAddress(grammar.socket);
+  commandLine.timeout = ParseTimeout(grammar.timeout);
+  std::string const compact = Base::LowerCased(grammar.compact);
+  commandLine.compact = compact == "true" || compact == "1";
+  commandLine.request = MakeRequest(grammar);
   return commandLine;
 }
 
-char const* GetUsage() {
-  return "Usage: ktclientctl [--socket=ADDRESS] [--timeout=SECONDS] [--compact] COMMAND\n"
-         "Asks ktclientd a question and prints its answer as JSON.\n"
-         "\n"
-         "  hardware     the BIOS serial number\n"
-         "  igel         the IGEL management certificates\n"
-         "  send JSON    any request; \"-\" reads it from standard input\n"
-         "\n"
-         "  --socket=ADDRESS     where the daemon listens: a path if it has a \"/\", else a name "
-         "in\n"
-         "                       the abstract namespace (environment: KESTREL_SOCKET, which wins;\n"
-         "                       default: /run/ktclientd/ktclientd.sock where that is, else\n"
-         "                       com.norvel.kestrel)\n"
-         "  --timeout=SECONDS    how long to wait for the answer (default: 30)\n"
-         "  --compact            print the answer on one line\n"
-         "  --trace-console      trace to standard output, at --trace-level=LEVEL\n"
-         "  --help, --version    print this or the version and exit\n"
-         "\n"
-         "Exit status: 0 on \"Success\", 1 on any other status, 2 on wrong usage, 3 when there is "
-         "no\n"
-         "daemon, no answer in time, or a broken one.\n";
-}
+std::string GetHelp() { return Grammar().app.help(); }

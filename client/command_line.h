@@ -5,17 +5,18 @@
 
 #include "net/address.h"
 
-// What `ktclientctl` was asked to do.
+// What the user wants `ktclientctl` to do.
 struct CommandLine {
   Net::Address address;
   std::string request;  // JSON
   std::chrono::seconds timeout{};
-  bool compact = false;  // the answer on one line
+  bool compact = false;  // print the response on one line
 };
 
-// Reads the command line from the argument store, and the request from standard input where it says
-// so. Throws Base::Exception, with one line for the user, when it is wrong.
-CommandLine ReadCommandLine();
+// Reads the words after the program's name, and for `send -` the request from standard input.
+// Fills the argument store with the `--trace-` options and the environment.
+// Throws Base::Exception, with one line for the user, when the command line is wrong.
+CommandLine ReadCommandLine(int argc, char const* const* argv);
 
 // What `ktclientctl --help` prints.
-char const* GetUsage();
+std::string GetHelp();

@@ -94,7 +94,7 @@ int Print(std::string_view text) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (IsWordOfCommandLine(argc, argv, "--help")) return Print(GetUsage());
+  if (IsWordOfCommandLine(argc, argv, "--help")) return Print(GetHelp());
   if (IsWordOfCommandLine(argc, argv, "--version"))
     return Print("ktclientctl " KTCLIENTD_VERSION "\n");
   bool const canPrint = fcntl(STDOUT_FILENO, F_GETFD) != -1;
@@ -103,10 +103,9 @@ int main(int argc, char** argv) {
   // A daemon or a reader of ours that goes away is an error like any other.
   signal(SIGPIPE, SIG_IGN);
   ForgetDaemonSettings();
-  ParseArguments(argc, argv);
   CommandLine commandLine;
   try {
-    commandLine = ReadCommandLine();
+    commandLine = ReadCommandLine(argc, argv);
   } catch (Base::Exception const& err) {
     return Complain(ExitStatus::WrongUsage, std::string(err.what()) + " (see ktclientctl --help)");
   }
