@@ -21,8 +21,8 @@
 namespace {
 
 constexpr std::size_t readSize = 2048;
-constexpr std::uint32_t maxAnswerSize = std::uint32_t{16} << 20U;
-constexpr std::int64_t backlogRestMs = 10;
+constexpr std::uint32_t maxResponseSize = std::uint32_t{16} << 20U;
+constexpr std::int64_t connectRetryMs = 10;
 
 // To connect to a socket file takes the permission to write to it. Empty where no group has that.
 std::string DescribeWhoMayConnect(Net::Address const& address) {
@@ -37,7 +37,7 @@ std::string DescribeWhoMayConnect(Net::Address const& address) {
   return "; it is for root and the members of the group " + name;
 }
 
-// A status carries its errno as text only.
+// A status has no error code, only the text of one.
 bool IsError(Base::Status const& status, int errorCode) {
   return Base::ErrnoText(errorCode) == status.Get().what();
 }
@@ -74,13 +74,13 @@ void Exchange::Connect(int type) {
 
 void Exchange::OnConnected(int type, Base::Status const& status) {
   if (!status) {
-    Try([this] { Ask(); });
+    Try([this] { SendRequest(); });
   } else if (type == SOCK_SEQPACKET && IsError(status, EPROTOTYPE)) {
     Connect(SOCK_STREAM);
   } else if (IsError(status, EAGAIN)) {
-    // The listener's backlog is full; a connect that does not block has to ask again.
+    // The listener's backlog is full. A non-blocking connect() cannot wait for room in it.
     Base::GetIOThread()->PostScheduledTask(
-        backlogRestMs,
+        connectRetryMs,
         Base::MakeCallback([self = Base::Shared(this), type] { self->Connect(type); }));
   } else {
     Fail("Cannot connect to " + _address.ToText() + ": " + status.Get().what() +
@@ -88,11 +88,11 @@ void Exchange::OnConnected(int type, Base::Status const& status) {
   }
 }
 
-void Exchange::Ask() {
+void Exchange::SendRequest() {
   auto const credentials = _socket->GetPeerCredentials();
   if (credentials.uid != 0 && credentials.uid != geteuid()) {
-    Fail("Refusing to ask " + _address.ToText() + ": it is served by user " +
-         std::to_string(credentials.uid) + ", not by root or this user");
+    Fail("Refusing to send to " + _address.ToText() + ": the server runs as user " +
+         std::to_string(credentials.uid) + ", not as root or this user");
     return;
   }
   auto const stream = Base::MakeShared<IO::NativeMessagingHostWriteStream>(
@@ -100,41 +100,41 @@ void Exchange::Ask() {
   stream->Write(
       Base::CopyOfText(_request),
       Base::MakeCallback([self = Base::Shared(this)](Base::Status const& status, Base::ByteBuffer) {
-        self->OnAsked(status);
+        self->OnRequestSent(status);
       }));
 }
 
-void Exchange::OnAsked(Base::Status const& status) {
+void Exchange::OnRequestSent(Base::Status const& status) {
   if (status) {
     Fail(std::string("Cannot send the request: ") + status.Get().what());
     return;
   }
   Try([this] {
     auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-        Base::MakeShared<Net::SocketReadStream>(_socket, readSize), maxAnswerSize);
+        Base::MakeShared<Net::SocketReadStream>(_socket, readSize), maxResponseSize);
     stream->Read(
         Base::MakeCallback([self = Base::Shared(this)](Base::Status const& readStatus,
                                                        Base::ByteBuffer packet, bool complete) {
-          self->OnAnswered(readStatus, packet, complete);
+          self->OnResponse(readStatus, packet, complete);
         }));
   });
 }
 
-void Exchange::OnAnswered(Base::Status const& status, Base::ByteBuffer const& packet,
+void Exchange::OnResponse(Base::Status const& status, Base::ByteBuffer const& packet,
                           bool complete) {
   if (status) {
-    Fail(std::string("Cannot read the answer: ") + status.Get().what());
+    Fail(std::string("Cannot read the response: ") + status.Get().what());
   } else if (complete && packet.GetLength() == 0) {
-    Fail("The daemon closed the connection without an answer");
+    Fail("The daemon closed the connection without a response");
   } else if (!std::exchange(_ended, true)) {
     auto const bytes = packet.GetSpan();
-    _outcome.set_value({.isAnswer = true, .text = std::string(bytes.begin(), bytes.end())});
+    _outcome.set_value({.isResponse = true, .text = std::string(bytes.begin(), bytes.end())});
     _socket->Close();
   }
 }
 
 void Exchange::Fail(std::string const& reason) {
   if (std::exchange(_ended, true)) return;
-  _outcome.set_value({.isAnswer = false, .text = reason});
+  _outcome.set_value({.isResponse = false, .text = reason});
   if (_socket) _socket->Close();
 }

@@ -9,36 +9,39 @@
 #include "net/address.h"
 #include "net/socket_linux.h"
 
-// One question to the daemon and its answer, from the connect on.
+// Connects to the daemon, sends one request and reads its response.
 //
-// The server has to be root's or the own user's process, by SO_PEERCRED (for an inherited socket
-// that is the process that listened): anybody can take a name in the abstract namespace.
+// Sends nothing unless the server is a process of root or of this user: any user can bind a name in
+// the abstract namespace. SO_PEERCRED names the process that called listen(), for an inherited
+// socket the one that passed it on.
 //
-// Threads: made and asked on any thread; the rest happens on the IO thread.
+// Threads:  constructed and started on any thread; everything else happens on the IO thread.
+// Lifetime: each pending operation holds the exchange.
 class Exchange final : public Base::Shareable {
  public:
-  // `request` is the payload of the packet to send.
+  // `request` is the payload of the packet.
   Exchange(Net::Address address, std::string request);
 
   struct Outcome {
-    bool isAnswer = false;
-    std::string text;  // the payload of the answer, or why there is none, in one line
+    bool isResponse = false;
+    std::string text;  // the payload of the response; else the reason why there is none
   };
 
-  // Starts. The future gets nothing for as long as the server keeps silent. Called once.
+  // Starts the exchange; call it once. The future becomes ready when the exchange ends. It has no
+  // deadline: a server that stays silent keeps it pending.
   //
-  // A failure arrives as a value: an exception in a future is shared between two threads, and which
-  // of them destroys it is not decided before both are done with it.
+  // A failure is a value and not an exception: two threads would share the exception, and either
+  // could be the one that destroys it.
   std::future<Outcome> Start();
 
  private:
   void Connect(int type);
   void OnConnected(int type, Base::Status const& status);
-  void Ask();
-  void OnAsked(Base::Status const& status);
-  void OnAnswered(Base::Status const& status, Base::ByteBuffer const& packet, bool complete);
+  void SendRequest();
+  void OnRequestSent(Base::Status const& status);
+  void OnResponse(Base::Status const& status, Base::ByteBuffer const& packet, bool complete);
 
-  // Runs a step of the exchange; what it throws ends the exchange.
+  // Runs a step of the exchange; an exception of the step ends the exchange with a failure.
   template <typename Step>
   void Try(Step step);
   void Fail(std::string const& reason);
