@@ -91,7 +91,7 @@ void Exchange::OnConnected(int type, Base::Status const& status) {
 void Exchange::SendRequest() {
   auto const credentials = _socket->GetPeerCredentials();
   if (credentials.uid != 0 && credentials.uid != geteuid()) {
-    Fail("Refusing to send to " + _address.ToText() + ": the server runs as user " +
+    Fail("Refusing to ask " + _address.ToText() + ": the server runs as user " +
          std::to_string(credentials.uid) + ", not as root or this user");
     return;
   }
