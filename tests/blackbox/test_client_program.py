@@ -8,7 +8,7 @@ import subprocess
 import unittest
 
 from harness import (BIN, CAN_MOUNT, DEADLINE, GENERIC, HARDWARE, MAX_PAYLOAD, NAMESPACE,
-                     SEQPACKET, STREAM, Case, ctl, in_thread, packet, run, serial)
+                     NOT_IMPLEMENTED, SEQPACKET, STREAM, Case, ctl, in_thread, packet, run, serial)
 
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 
@@ -24,15 +24,15 @@ print(listener.accept()[0].recv(4096))
 
 class ClientProgramTest(Case):
     def assert_complaint(self, result, status):
-        """That it said in one line why it ended with `status`."""
+        """It ended with `status` and printed the reason in one line."""
         self.assertEqual(result.returncode, status, result)
         self.assertRegex(result.stderr, r"\Aktclientctl: [^\n]+\n\Z")
         self.assertEqual(bool(result.stdout), status == 1)
 
-    def ask_server(self, *records, kind=SEQPACKET, silent=False):
-        """Asks a server that reads the request, sends these records, and closes unless `silent`."""
+    def ask_server(self, *records, silent=False):
+        """Asks a server that reads the request and sends `records`, then closes unless `silent`."""
         name = f"{self.folder}/{random.getrandbits(64)}"
-        listener = self.listen(name, kind)
+        listener = self.listen(name)
         requests = []
 
         def serve():
@@ -53,17 +53,32 @@ class ClientProgramTest(Case):
     def test_success(self):
         for kind in (SEQPACKET, STREAM):
             daemon = self.start(activated=kind, dmidecode="echo S1")
-            result = ctl(f"--socket={daemon.name}", "hardware")
+            where = {"KESTREL_SOCKET": daemon.name}
+            # The variable overrides the argument.
+            result = ctl("--socket=/none", "hardware", environment=where)
             self.assertEqual((result.returncode, result.stderr), (0, ""))
             indented = json.dumps(serial("S1"), indent=2, sort_keys=True) + "\n"
             self.assertEqual(result.stdout, indented)
-            # The variable wins over the argument.
-            where = {"KESTREL_SOCKET": daemon.name}
-            text = json.dumps(HARDWARE) + "\n"
-            self.assertEqual(ctl("send", text, environment=where).stdout, indented)
-            compact = ctl("--socket=/none", "--compact", "send", "-", input=text, environment=where)
-            self.assertEqual(compact.stdout.count("\n"), 1)
-            self.assertEqual(json.loads(compact.stdout), serial("S1"))
+            self.assertEqual(ctl("send", "-", input=json.dumps(HARDWARE), environment=where).stdout,
+                             indented)
+            # The daemon's other variables do not count.
+            where |= {"KESTREL_TIMEOUT": "0", "KESTREL_COMPACT": "1", "KESTREL_TRACE_CONSOLE": "1"}
+            self.assertEqual(ctl("hardware", environment=where).stdout, indented)
+
+    def test_forms_of_options_and_requests(self):
+        name = self.start(dmidecode="echo S1").name
+        compact = json.dumps(serial("S1"), separators=(",", ":"), sort_keys=True) + "\n"
+        self.assertEqual(ctl(f"--Socket:{name}", "--COMPACT=True", "hardware").stdout, compact)
+        traced = ctl("hardware", "--compact", "--socket=/none", f"--socket={name}",
+                     "--Trace_Level:5", "--trace-console", "--trace-anything").stdout
+        self.assertIn(compact, traced)
+        self.assertIn(" DEBUG ", traced)
+        # The daemon gets these requests and not what else CLI11 could take them for.
+        for request in ("{}", "[1,2]", "-5", '"--compact"'):
+            with self.subTest(request=request):
+                result = ctl(f"--socket={name}", "send", request, "--compact=0")
+                self.assert_complaint(result, 1)
+                self.assertEqual(result.stdout, json.dumps(NOT_IMPLEMENTED, indent=2) + "\n")
 
     def test_other_status(self):
         where = f"--socket={self.start().name}"
@@ -82,16 +97,19 @@ class ClientProgramTest(Case):
 
     def test_wrong_usage(self):
         for arguments in ([], ["hardware", "more"], ["igel", "more"], ["send"], ["send", "{"],
-                          ["send", "[]", "[]"], ["send", ""], ["tell"], ["--loud", "hardware"],
+                          ["send", "[]", "[]"], ["send", ""], ["tell"], ["HARDWARE"],
+                          ["hardware", "igel"], ["--loud", "hardware"], ["hardware", "-x"],
+                          ["--logging-file=/x", "hardware"], ["--help=1", "hardware"],
                           ["--socket", "hardware"], ["--timeout", "hardware"],
                           ["--timeout=0", "hardware"], ["--timeout=1s", "hardware"],
-                          ["--timeout=-1", "hardware"], ["--socket=/" + "x" * 107, "hardware"]):
+                          ["--timeout=0x9", "hardware"], ["--socket", "/none", "hardware"],
+                          ["--timeout", "9", "hardware"], ["--socket=/" + "x" * 107, "hardware"]):
             with self.subTest(arguments=arguments):
                 self.assert_complaint(ctl(*arguments), 2)
         for text in ("", "[1,]", "[]".ljust(MAX_PAYLOAD + 1)):
             self.assert_complaint(ctl("send", "-", input=text), 2)
 
-    def test_no_daemon_or_no_answer(self):
+    def test_no_daemon_or_no_response(self):
         stale = f"{self.folder}/stale"
         self.listen(stale).close()
         for name in (f"{self.folder}/none", stale, f"ktclientd-{os.getpid()}-none"):
@@ -108,16 +126,18 @@ class ClientProgramTest(Case):
     def test_socket_of_the_installed_service_is_the_default(self):
         (self.folder / "run/ktclientd").mkdir(parents=True)
 
-        def complaint():
-            result = run(*NAMESPACE, self.folder / "run", "/run", BIN / "ktclientctl", "hardware")
+        def complaint(*arguments, **options):
+            result = run(*NAMESPACE, self.folder / "run", "/run", BIN / "ktclientctl", *arguments,
+                         "hardware", **options)
             self.assert_complaint(result, 3)
             return result.stderr
         self.assertIn("unix:@com.norvel.kestrel:", complaint())
         self.listen(str(self.folder / "run/ktclientd/ktclientd.sock")).close()
-        self.assertIn("unix:/run/ktclientd/ktclientd.sock: Connection refused", complaint())
+        empty = complaint("--socket=/none", environment={"KESTREL_SOCKET": ""})
+        self.assertIn("unix:/run/ktclientd/ktclientd.sock: Connection refused", empty)
 
     @unittest.skipIf(os.geteuid() != 0, "takes a second user")
-    def test_refused_permission_names_the_group_that_has_it(self):
+    def test_refused_permission_names_the_group_that_can_connect(self):
         self.folder.chmod(0o755)
         name = f"{self.folder}/socket"
         self.listen(name)
@@ -131,25 +151,23 @@ class ClientProgramTest(Case):
             self.assertIn(hint, result.stderr)
             self.assertEqual("group" in result.stderr, bool(hint))
 
-    def test_answer_that_cannot_be_printed(self):
+    def test_response_that_cannot_be_printed(self):
         where = f"--socket={self.start(dmidecode='echo S1').name}"
         for output in ("/dev/full", "&-"):
             shell = ["sh", "-c", f'exec "$@" >{output}', "sh"]
             self.assert_complaint(run(*shell, BIN / "ktclientctl", where, "hardware"), 3)
 
-    def test_broken_answer(self):
-        for records in ((), (b"\2\0",), (b"\2\0\0\0",), (b"\x10\0\0\0", b'{"stat'), (b"\0\0\0\0",),
-                        (b"\xff\xff\xff\xff", b"{}")):
-            for kind in (SEQPACKET, STREAM):
-                with self.subTest(records=records, kind=kind):
-                    self.assert_complaint(self.ask_server(*records, kind=kind), 3)
+    def test_broken_response(self):
+        for records in ((), (b"\2\0",), (b"\x10\0\0\0", b'{"stat'), (b"\0\0\0\0",)):
+            with self.subTest(records=records):
+                self.assert_complaint(self.ask_server(*records), 3)
         for answer in (b"{", b"[]", b"7", b"{}", b'{"status":7}', b'{"status":"Success\xff"}',
                        b'{"status":"Success"} x'):
             with self.subTest(answer=answer):
                 self.assert_complaint(self.ask_server(*packet(answer)), 3)
 
     @unittest.skipIf(os.geteuid() != 0, "takes a second user")
-    def test_server_of_another_user_is_told_nothing(self):
+    def test_server_of_another_user_gets_no_request(self):
         name = f"ktclientd-squatted-{os.getpid()}-{random.getrandbits(32)}"
         with subprocess.Popen([*NOBODY, "/usr/bin/python3", "-I", "-c", SQUATTER, name],
                               stdout=subprocess.PIPE, text=True) as squatter:

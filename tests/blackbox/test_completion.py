@@ -2,8 +2,8 @@ import re
 
 from harness import BIN, DOCS, Case, run
 
-# Calls what `complete` registered, as bash does with the words of a line. Outside of a completion
-# compopt fails.
+# Calls the function that `complete` registered, as bash does with the words of a line. Outside of a
+# completion compopt fails.
 COMPLETE = """
 . /usr/share/bash-completion/bash_completion && . "$1" && shift || exit
 compopt() { [[ $* != *nospace* ]] || space=no; }
@@ -17,7 +17,7 @@ printf '%s\\n' "${COMPREPLY[@]}"
 
 class CompletionTest(Case):
     def complete(self, line):
-        """The candidates, and whether a space is to follow."""
+        """The candidates, and whether bash adds a space."""
         words = re.findall(r"[=:]|[^\s=:]+|(?<=\s)\Z", line)  # as COMP_WORDBREAKS has it
         script = DOCS.parent / "packaging/completion" / words[0]
         result = run("bash", "--norc", "-c", COMPLETE, "bash", script, line, *words,
@@ -33,36 +33,24 @@ class CompletionTest(Case):
             options -= {option.removesuffix("=") for option in options if option[-1] == "="}
             self.assertEqual(self.complete(f"{program} --")[0], sorted(options))
 
-    def test_only_an_option_with_a_value_goes_on_without_a_space(self):
-        for program in ("ktclientd", "ktclientctl"):
-            self.assertEqual(self.complete(f"{program} --so"), (["--socket="], False))
-            self.assertEqual(self.complete(f"{program} --trace-c"), (["--trace-console"], True))
-
-    def test_values(self):
+    def test_values_and_commands(self):
         (self.folder / "kt.sock").touch()
         (self.folder / "kt.d").mkdir()
-        levels = [str(level) for level in range(6)]
-        for line, candidates in {
-                "ktclientctl --socket=": ["kt.d", "kt.sock"],
-                "ktclientctl --socket=kt.s": ["kt.sock"],
-                "ktclientctl --trace-level=": levels,
-                "ktclientctl --timeout=": [],
-                "ktclientd --socket=kt.": ["kt.d", "kt.sock"],
-                "ktclientd --trace-level=": levels,
-                "ktclientd --activated --trace-file=kt.s": ["kt.sock"],
-                "ktclientd --trace-folder=k": ["kt.d"],
-                "ktclientd --trace-file-prefix=t": ["true"],
-                "ktclientd --activated-period=": []}.items():
+        for line, candidates, space in (
+                ("ktclientctl --so", ["--socket="], False),
+                ("ktclientctl --trace-c", ["--trace-console"], True),
+                ("ktclientctl --socket=kt.", ["kt.d", "kt.sock"], True),
+                ("ktclientctl --trace-level=", list("012345"), True),
+                ("ktclientctl --compact --socket=kt.sock i", ["igel"], True),
+                ("ktclientd --so", ["--socket="], False),
+                ("ktclientd --trace-c", ["--trace-console"], True),
+                ("ktclientd --activated --trace-file=kt.s", ["kt.sock"], True),
+                ("ktclientd --trace-folder=k", ["kt.d"], True),
+                ("ktclientd --trace-level=", list("012345"), True),
+                ("ktclientd --trace-file-prefix=t", ["true"], True)):
             with self.subTest(line=line):
-                self.assertEqual(self.complete(line)[0], candidates)
-
-    def test_commands_of_the_client(self):
-        for line, candidates in {
-                "ktclientctl ": ["hardware", "igel", "send"],
-                "ktclientctl h": ["hardware"],
-                "ktclientctl --socket=kt.sock --compact i": ["igel"],
-                "ktclientctl send ": ["-"],
-                "ktclientctl igel ": []}.items():
-            with self.subTest(line=line):
-                self.assertEqual([word for word in self.complete(line)[0]
-                                  if not word.startswith("--")], candidates)
+                self.assertEqual(self.complete(line), (candidates, space))
+        for line, words in (("ktclientctl ", ["hardware", "igel", "send"]),
+                            ("ktclientctl send ", ["-"]), ("ktclientctl hardware ", [])):
+            candidates, _ = self.complete(line)
+            self.assertEqual([word for word in candidates if word[:2] != "--"], words)
