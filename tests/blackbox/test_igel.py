@@ -5,11 +5,11 @@ import ssl
 import subprocess
 import unittest
 
-from harness import CAN_MOUNT, NAMESPACE, NOT_IGEL, PATIENCE, STREAM, Case, ctl
+from harness import CAN_MOUNT, NAMESPACE, PATIENCE, STREAM, Case
 
 IGEL = {"sensor": {"igel": None}}
 
-# Prints as many letters as its certificate's first line says.
+# Prints a subject as long as the first line of the certificate file says.
 OPENSSL_OF_LENGTH = """read -r length <"$3"; printf 'subject=%0*d\\n' "$length" 7"""
 
 
@@ -43,7 +43,7 @@ class IgelTest(Case):
     def names_in_order(self):
         return [entry.name for entry in os.scandir(self.store)]
 
-    def test_certificates_are_what_another_reader_finds(self):
+    def test_certificates_are_as_openssl_and_python_read_them(self):
         long = "/O=" + "/O=".join("x" * 60 for _ in range(9))
         serials = {}
         for name, serial, arguments in (
@@ -56,32 +56,20 @@ class IgelTest(Case):
             serials[name] = int(serial, 16)
         for name in ("cacerts.pem", "upper.PEM", "none.crt", ".pem", "x.pem.bak"):
             self.make_certificate(name)
-        for setting in (True, False):
-            daemon = self.start_igel(f"--openssl-fingerprint-any-case={setting}")
-            found = self.certificates(daemon)
-            used = [name for name in self.names_in_order() if name in serials]
-            for certificate, name in zip(found, used, strict=True):
-                der = ssl.PEM_cert_to_DER_cert((self.store / name).read_text())
-                digest = hashlib.sha256(der).hexdigest().upper() if setting else ""
-                self.assertEqual(certificate["thumbprint_sha256"], digest)
-                self.assertEqual(int(certificate["serial_number"], 16), serials[name])
-                subject = subprocess.run(["openssl", "x509", "-in", self.store / name, "-noout",
-                                          "-subject"], capture_output=True, text=True).stdout
-                self.assertEqual("subject=" + certificate["subject"] + "\n", subject)
+        found = self.certificates(self.start_igel("--openssl-fingerprint-any-case"))
+        used = [name for name in self.names_in_order() if name in serials]
+        for certificate, name in zip(found, used, strict=True):
+            der = ssl.PEM_cert_to_DER_cert((self.store / name).read_text())
+            self.assertEqual(certificate["thumbprint_sha256"],
+                             hashlib.sha256(der).hexdigest().upper())
+            self.assertEqual(int(certificate["serial_number"], 16), serials[name])
+            subject = subprocess.run(["openssl", "x509", "-in", self.store / name, "-noout",
+                                      "-subject"], capture_output=True, text=True).stdout
+            self.assertEqual("subject=" + certificate["subject"] + "\n", subject)
 
-    def test_platforms(self):
-        for name, supported in (("IGEL OS 12", True), ("igel os 11", True), ("IGEL OS", False)):
-            daemon = self.start_igel(name=name)
-            with self.subTest(name=name):
-                self.assertEqual(daemon.ask(IGEL), {"status": "Success"} if supported else NOT_IGEL)
-        self.assertEqual(daemon.messages("ERROR"),
-                         ["Cannot handle IGEL request from non-IGEL device"])
-        shown = ctl(f"--socket={daemon.name}", "igel")
-        self.assertEqual(shown.returncode, 1)
-        self.assertIn("Not an IGEL device", shown.stderr)
-
-    def test_trust_store_that_cannot_be_read(self):
-        daemon = self.start_igel()
+    def test_trust_store_that_is_empty_or_cannot_be_read(self):
+        daemon = self.start_igel(name="igel os 11")
+        self.assertEqual(daemon.ask(IGEL), {"status": "Success"})
         for reason in ("No such file or directory", "Not a directory"):
             shutil.rmtree(self.store, ignore_errors=True)
             if reason == "Not a directory":
@@ -90,7 +78,7 @@ class IgelTest(Case):
             self.assertEqual(answer["status"], "ErrorGeneric")
             self.assertIn(f"{self.store}: {reason}", answer["error_message"])
 
-    def test_file_that_is_no_certificate_is_no_more_than_one_entry(self):
+    def test_file_that_is_no_certificate_leaves_the_others_intact(self):
         self.make_certificate("good.pem", subject="/CN=good")
         (self.store / "dangling.pem").symlink_to("/nonexistent")
         (self.store / "folder.pem").mkdir()
@@ -111,10 +99,7 @@ class IgelTest(Case):
                          ["", "", "", "", "CN = good", "CN = good"])
         warning = "Failed to analyse igel management certificate"
         self.assertEqual(daemon.messages("WARNING").count(warning), 11)
-        self.assertEqual(sorted(daemon.messages("ERROR")), sorted([
-            "Certificate could not be found", "Certificate file is too large",
-            *["Certificate is no regular file"] * 4,
-            *["Certificate has a name that a shell would not take as it is"] * 5]))
+        self.assertNotIn("Command took too long", daemon.messages("WARNING"))
         self.assertFalse(os.path.exists(self.folder.name))
 
     def test_many_certificates_and_an_answer_too_large_for_a_record(self):
@@ -130,15 +115,11 @@ class IgelTest(Case):
             client.recv(4)
             self.assert_ended(client)
         daemon.wait_for_trace("Failed to write packet")
-        (self.store / "0.pem").write_text("7\n")
-        self.assertEqual(len(self.certificates(daemon)), 200)
-
-        (self.store / "0.pem").write_text("1000000\n")
         daemon = self.start_igel(openssl=OPENSSL_OF_LENGTH, activated=STREAM)
         self.assertEqual(max(len(certificate["subject"])
                              for certificate in self.certificates(daemon)), 1000000)
 
-    def test_tool_that_hangs_is_one_entrys_matter(self):
+    def test_tool_that_hangs_costs_its_own_entry_only(self):
         for number in range(3):
             (self.store / f"{number}.pem").write_text("1\n")
         daemon = self.start_igel("--command-timeout=1", openssl=f"""case $3 in
@@ -147,10 +128,10 @@ class IgelTest(Case):
             {OPENSSL_OF_LENGTH}""")
         self.assertEqual([certificate["subject"] for certificate in self.certificates(daemon)],
                          ["7", "7"])
-        self.assertEqual([message for message in daemon.messages("ERROR")],
+        self.assertEqual(daemon.messages("ERROR"),
                          ["Failed to determine certificate information from command"])
 
-    def test_sigterm_while_many_certificates_are_still_to_come(self):
+    def test_sigterm_stops_the_reading_of_many_certificates(self):
         for number in range(1000):
             (self.store / f"{number}.pem").write_text("")
         daemon = self.start_igel("--command-timeout=0",

@@ -28,7 +28,15 @@ class ResourceTest(Case):
         self.assertLess(daemon.status("VmRSS", 10) - before, 4 * 1024)
         self.assertEqual(other.ask([]), NOT_IMPLEMENTED)
 
-    def test_running_out_of_descriptors(self):
+    # The limit also sets the IO thread's stack, which a copy of the request would overflow.
+    def test_deepest_nesting_is_answered_on_a_small_stack(self):
+        nested = b"[" * 65520 + b"]" * 65520
+        client = self.connect(self.start(launcher=["prlimit", "--stack=262144"]))
+        self.assertEqual(client.ask(nested), NOT_IMPLEMENTED)
+        self.assertEqual(client.ask(b'{"sensor":' + nested + b"}"), NOT_IMPLEMENTED)
+        self.assertEqual(client.ask(b'{"sensor":{"hardware":' + nested + b"}}"), GENERIC)
+
+    def test_clients_beyond_the_descriptor_limit_wait_and_are_answered(self):
         daemon = self.start(launcher=["prlimit", "--nofile=24"])
         descriptors = daemon.count_when_idle()
         clients = [self.connect(daemon) for _ in range(40)]
@@ -38,8 +46,8 @@ class ResourceTest(Case):
         passed, used = time.monotonic() - begin, processor_time(daemon) - used
         self.assertLess(used, 0.25 * passed)
         self.assertLess(daemon.messages("ERROR").count("Socket accept failed"), 20 * passed)
-        self.assertEqual(clients[0].ask(HARDWARE), GENERIC)  # there is none for a pipe either
-        for client in clients:  # each leaves its descriptor to one that waits
+        self.assertEqual(clients[0].ask(HARDWARE), GENERIC)  # no descriptor is left for a pipe
+        for client in clients:  # its end frees a descriptor for a waiting client
             self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
             client.close()
         self.assertEqual(daemon.count_when_idle(), descriptors)

@@ -18,7 +18,7 @@ expect() {
   fi
 }
 
-# The container has no firmware. What it shows of /sys are files of its own, read-only until now.
+# The container has no firmware. Its /sys is a read-only file system of its own.
 mount -o remount,rw /sys
 mkdir --parents /sys/firmware/dmi/tables
 install --mode=0400 /data/smbios_entry_point /data/DMI /sys/firmware/dmi/tables

@@ -1,4 +1,4 @@
-"""The packages in the folder KTCLIENTD_PACKAGES: what is in them, and whether it fits together."""
+"""Tests the content of the packages in the folder KTCLIENTD_PACKAGES."""
 
 import os
 import pathlib
@@ -7,7 +7,9 @@ import subprocess
 import tempfile
 import unittest
 
-HERE = pathlib.Path(__file__).parent
+LIST = pathlib.Path(__file__).parent / "deb.list"
+FOLDER = "drwxr-xr-x root/root "
+OF_DEBIAN = re.compile("/changelog.gz$|/copyright$|/lintian/")  # not in the archive
 PACKAGES = pathlib.Path(os.environ["KTCLIENTD_PACKAGES"]).resolve()
 
 
@@ -21,26 +23,32 @@ def run(*command):
 
 
 class Contents(unittest.TestCase):
-    """A list has each entry's mode, owner, and path; run with REWRITE=1 to write it anew."""
+    """deb.list has mode, owner and path of each file; REWRITE=1 in the environment renews it."""
 
-    def check(self, listing, name):
-        lines = [re.sub(r"^(\S+ \S+) +\d+ \S+ \S+ (\./)?", r"\1 /", line)
-                 for line in listing.splitlines(keepends=True)]
-        contents = "".join(sorted(lines, key=lambda line: line.split(maxsplit=2)[2]))
+    def files(self, *command):
+        """The files that the command lists. No folder is empty or has a mode of its own."""
+        lines = [re.sub(r" +\d+ \S+ \S+ (\./)?", " /", line, count=1)
+                 for line in run(*command).splitlines()]
+        files = {line for line in lines if line[0] != "d"}
+        parents = {folder for line in files for folder in pathlib.Path(line.split()[2]).parents}
+        self.assertEqual({line.rstrip("/") for line in lines if line[0] == "d"} - {FOLDER},
+                         {f"{FOLDER}{folder}" for folder in parents} - {f"{FOLDER}/"})
+        return files
+
+    def test_packages_hold_the_listed_files(self):
+        deb = self.files("dpkg-deb", "--contents", only("ktclientd_*.deb"))
         if os.environ.get("REWRITE"):
-            (HERE / name).write_text(contents)
-        self.assertEqual((HERE / name).read_text(), contents)
-
-    def test_debian_package(self):
-        self.check(run("dpkg-deb", "--contents", only("ktclientd_*.deb")), "deb.list")
-
-    def test_archive(self):
-        self.check(run("tar", "--list", "--verbose", "--gzip", "--file", only("*.tar.gz")),
-                   "archive.list")
+            by_path = sorted(deb, key=lambda line: line.split()[2])
+            LIST.write_text("".join(f"{line}\n" for line in by_path))
+        self.assertEqual(set(LIST.read_text().splitlines()), deb)
+        # In the archive the units are in /usr/lib and no manual is compressed.
+        archive = self.files("tar", "--list", "--verbose", "--gzip", "--file", only("*.tar.gz"))
+        self.assertEqual(archive, {line.replace(" /lib/", " /usr/lib/").removesuffix(".gz")
+                                   for line in deb if not OF_DEBIAN.search(line)})
 
 
 class Archive(unittest.TestCase):
-    """The archive, unpacked into the root of an image."""
+    """Unpacks the archive into the root of an image."""
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
