@@ -1,7 +1,7 @@
 """Runs the real programs, each daemon with a folder, socket and PATH of its own.
 
 KTCLIENTD_BIN names the folder of the programs. KTCLIENTD_SANITIZED=1 says that they are built with
-sanitizers: slow, large, and ending with a status of their own when they have something to report.
+sanitizers: slow, large, and with an exit status of their own after a report.
 """
 
 import collections
@@ -25,7 +25,7 @@ import jsonschema
 BIN = pathlib.Path(os.environ["KTCLIENTD_BIN"]).resolve()
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 SANITIZED = os.environ.get("KTCLIENTD_SANITIZED") == "1"
-DEADLINE = 60  # seconds, for what takes none unless it is broken
+DEADLINE = 60  # seconds; only a fault takes that long
 PATIENCE = DEADLINE if SANITIZED else 10  # seconds from a SIGTERM to the end
 MAX_PAYLOAD = 131072
 SEQPACKET, STREAM = socket.SOCK_SEQPACKET, socket.SOCK_STREAM
@@ -33,15 +33,15 @@ HARDWARE = {"sensor": {"hardware": None}}
 NOT_IMPLEMENTED, GENERIC = {"status": "ErrorNotImplemented"}, {"status": "ErrorGeneric"}
 NOT_IGEL = GENERIC | {"error_message": "Not an IGEL device"}
 
-# Runs a command where a file or folder, the first argument, stands in the place of the second.
+# Mounts its first argument, a file or folder, over its second, and runs the rest as a command.
 NAMESPACE = ["unshare", "--mount", *(["--map-root-user"] if os.geteuid() != 0 else []), "sh", "-c",
              'mount --bind "$1" "$2" && shift 2 && exec "$@"', "sh"]
 CAN_MOUNT = not subprocess.run([*NAMESPACE, "/dev/null", "/etc/os-release", "true"],
                                stderr=subprocess.DEVNULL).returncode
 
 HEADER = re.compile(r"\d\d:\d\d:\d\d\.\d{3}Z (FATAL|ERROR|WARNING|INFO|VERBOSE|DEBUG) {1,4} "
-                    r"[a-z_]+\((\d+):\d+\) - ")
-TraceLine = collections.namedtuple("TraceLine", "level pid message fields")
+                    r"[a-z_]+\(\d+:\d+\) - ")
+TraceLine = collections.namedtuple("TraceLine", "level message fields")
 
 
 def read_schema(what):
@@ -57,7 +57,7 @@ def serial(text):
 
 
 def packet(request):
-    """The header and the payload; bytes are sent as they are."""
+    """Returns the header and the payload; a request of type bytes is the payload itself."""
     payload = request if isinstance(request, bytes) else json.dumps(request).encode()
     return struct.pack("=I", len(payload)), payload
 
@@ -78,7 +78,7 @@ def in_thread(target):
 
 
 def parse_trace(text):
-    """The lines of a trace, each whole; the output of a command may have line ends of its own."""
+    """Splits a trace and checks that each line is whole. Field values may contain line ends."""
     lines = []
     for line in text and re.split(r"(?m)(?<=\n)(?=\d\d:\d\d:\d\d\.\d{3}Z )", text):
         header = HEADER.match(line)
@@ -110,7 +110,7 @@ class Client(socket.socket):
 
     def __init__(self, name, kind=SEQPACKET):
         super().__init__(socket.AF_UNIX, kind)
-        # A timeout of Python's own would refuse to wait for room in the backlog.
+        # With settimeout(), connect() would fail on a full backlog instead of waiting for room.
         for option in (socket.SO_RCVTIMEO, socket.SO_SNDTIMEO):
             self.setsockopt(socket.SOL_SOCKET, option, struct.pack("ll", DEADLINE, 0))
         try:
@@ -128,10 +128,10 @@ class Client(socket.socket):
             self.sendall(record)
 
     def answer(self):
-        """The next answer, which must be as documented; None at the end of the connection."""
+        """Returns the next answer, checked by the schema; None at the end of the connection."""
         try:
             header = self.recv(4, socket.MSG_WAITALL)
-        except ConnectionResetError:  # closed while it had something of ours to read
+        except ConnectionResetError:  # closed with requests unread
             return None
         if not header:
             return None
@@ -147,9 +147,9 @@ class Client(socket.socket):
 class Daemon:
     """A running ktclientd.
 
-    With `activated` systemd-socket-activate hands it a listening socket of that kind at its first
-    client; `activator` are arguments of its own. `launcher` is a command that ends in running the
-    daemon in its own place. `dmidecode` is a script; None is no such command.
+    With `activated`, a kind of socket, systemd-socket-activate listens and starts the daemon at the
+    first client; `activator` holds further arguments for it. `launcher` is a command that execs its
+    arguments. `dmidecode` is a shell script; with None there is no such command.
     """
 
     def __init__(self, folder, *arguments, name=None, activated=None, activator=(), launcher=(),
@@ -188,13 +188,13 @@ class Daemon:
     def connect_when_up(self):
         def try_to_connect():
             if self.process.poll() is not None:
-                self.wait_for_end(status=None)  # which it was not to do
+                self.wait_for_end(status=None)  # fails and shows the trace
             with contextlib.suppress(FileNotFoundError, ConnectionRefusedError):
                 return self.connect()
         return wait_until(try_to_connect, f"{self.name} is listened on")
 
     def ask(self, request):
-        """Asks on a connection of its own."""
+        """Asks on a new connection."""
         with self.connect() as client:
             return client.ask(request)
 
@@ -204,12 +204,12 @@ class Daemon:
             self.wait_for_end()
 
     def wait_for_end(self, seconds=DEADLINE, status=0):
-        """Waits until it ends; checks its status, and that nothing of it is left."""
+        """Waits for the end: with this exit status, no word on standard error, no process left."""
         try:
             ended = self.process.wait(seconds)
         except subprocess.TimeoutExpired:
             os.killpg(self.pid, signal.SIGKILL)
-            ended = f"{self.process.wait()}, only when it was killed"
+            ended = f"{self.process.wait()}, killed after the deadline"
         self._stderr.seek(0)
         complaints = self._stderr.read()
         self._stderr.close()
@@ -218,7 +218,7 @@ class Daemon:
         wait_until(lambda: not self.session(), "no process of its session is left")
 
     def session(self):
-        """The command lines of the processes of its session; commands have groups of their own."""
+        """The command lines of the processes in its session, which commands share."""
         found = []
         for folder in pathlib.Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
@@ -242,7 +242,7 @@ class Daemon:
                    f"{count} times {message!r} in the trace")
 
     def descriptors(self):
-        """What its open descriptors refer to, by number."""
+        """The targets of its open descriptors, by number."""
         found = {}
         for number in os.listdir(f"/proc/{self.pid}/fd"):
             with contextlib.suppress(FileNotFoundError):  # closed meanwhile
@@ -250,7 +250,7 @@ class Daemon:
         return found
 
     def count_when_idle(self):
-        """The number of its descriptors once no client is left: the one socket listens."""
+        """Waits until its only socket is the listening one; returns the number of descriptors."""
         def count():
             targets = self.descriptors().values()
             return sum(target.startswith("socket:") for target in targets) == 1 and len(targets)
@@ -277,7 +277,7 @@ class Case(unittest.TestCase):
         return daemon
 
     def start(self, *arguments, **options):
-        """Launches a daemon and waits until its start is complete."""
+        """Launches a daemon and waits for the end of its start."""
         daemon = self.launch(*arguments, **options)
         with daemon.connect_when_up() as client:
             self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
@@ -295,10 +295,10 @@ class Case(unittest.TestCase):
         return listener
 
     def wait_for_start(self, daemon, command):
-        """Waits until the command has written the whole line by which it tells that it runs."""
+        """Waits until the command has written a line to the file that shows that it runs."""
         started = daemon.commands / f"{command}.started"
         wait_until(lambda: started.exists() and started.read_text().endswith("\n"),
                    f"{command} runs")
 
     def assert_ended(self, client):
-        self.assertIsNone(client.answer(), "an answer in place of the end of the connection")
+        self.assertIsNone(client.answer(), "an answer instead of the end of the connection")

@@ -16,7 +16,7 @@ class ProtocolTest:
 
     def assert_refused(self, *records):
         with self.daemon.connect() as client:
-            with contextlib.suppress(ConnectionError):  # the daemon may close before the last record
+            with contextlib.suppress(ConnectionError):  # closed before the last record
                 client.send_all(*records)
             self.assert_ended(client)
         self.assertEqual(self.client.ask([]), NOT_IMPLEMENTED)

@@ -47,7 +47,7 @@ class ResourceTest(Case):
         self.assertLess(used, 0.25 * passed)
         self.assertLess(daemon.messages("ERROR").count("Socket accept failed"), 20 * passed)
         self.assertEqual(clients[0].ask(HARDWARE), GENERIC)  # no descriptor is left for a pipe
-        for client in clients:  # its end frees a descriptor for a waiting client
+        for client in clients:  # closing it frees a descriptor for a waiting client
             self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
             client.close()
         self.assertEqual(daemon.count_when_idle(), descriptors)

@@ -33,7 +33,7 @@ class SensorCommandTest(Case):
                             dmidecode="head -c 1048576 /dev/zero | tr '\\0' 7")
         self.assertEqual(daemon.ask(HARDWARE), serial("7" * 1048576))
         self.assertEqual(complaints_of_commands(daemon), [])
-        # Nor is a process killed that it leaves behind with another standard output.
+        # A background process with another standard output outlives the command.
         daemon.install("dmidecode", 'sleep 1000 >/dev/null & echo $! >"$0.left"; echo S1')
         self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
         os.kill(int((daemon.commands / "dmidecode.left").read_text()), 9)

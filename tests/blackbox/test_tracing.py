@@ -2,7 +2,7 @@ import contextlib
 import os
 import signal
 
-from harness import BIN, HARDWARE, NOT_IMPLEMENTED, Case, parse_trace, serial
+from harness import BIN, HARDWARE, NOT_IMPLEMENTED, Case, in_thread, parse_trace, serial
 
 
 class TraceFileTest(Case):
@@ -15,6 +15,29 @@ class TraceFileTest(Case):
         self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
         daemon.stop()
         self.assertTrue(parse_trace(file.read_text()))  # there is no hole before the first line
+
+    def test_lines_are_whole_under_load_on_every_sink(self):
+        with (open(self.folder / "stdout", "w") as stdout,
+              open(self.folder / "stderr", "w") as stderr):
+            daemon = self.start("--trace-console", "--trace-level=5", dmidecode="echo S1",
+                                stdout=stdout, stderr=stderr)
+
+        def load():
+            with contextlib.suppress(OSError, ValueError):  # the daemon ends
+                while True:
+                    with daemon.connect() as client:
+                        client.request(HARDWARE, [], b"{")
+                        while client.answer():
+                            pass
+        threads = [in_thread(load) for _ in range(4)]
+        daemon.wait_for_trace("Writing response to socket", 200)
+        daemon.stop()
+        for thread in threads:
+            thread.join()
+        printed = parse_trace((self.folder / "stdout").read_text())
+        complained = parse_trace((self.folder / "stderr").read_text())
+        self.assertEqual(len(daemon.trace()), len(printed) + len(complained))
+        self.assertEqual({line.level for line in complained}, {"ERROR"})
 
 
 class CrashTest(Case):
