@@ -1,5 +1,5 @@
 # Libraries from the system: PkgConfig::systemd, PkgConfig::glib, PkgConfig::uuid,
-# nlohmann_json::nlohmann_json, CLI11::CLI11 and, for the tests, GTest::gtest_main.
+# nlohmann_json::nlohmann_json, CLI11::CLI11, utf8cpp and, for the tests, GTest::gtest_main.
 
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
@@ -7,6 +7,7 @@ pkg_check_modules(glib REQUIRED IMPORTED_TARGET glib-2.0)
 pkg_check_modules(uuid REQUIRED IMPORTED_TARGET uuid)
 find_package(nlohmann_json 3.11 REQUIRED)
 find_package(CLI11 2.1 REQUIRED)
+find_package(utf8cpp 3.2 REQUIRED)
 if(KTCLIENTD_TESTS)
   find_package(GTest REQUIRED)
 endif()
