@@ -12,10 +12,10 @@
 
 namespace Base {
 
-// A view over shared storage: an offset and a length. Copying and slicing never copy elements, and
-// the storage lives as long as its last view; writes through one view are seen through the others.
+// A view over shared storage: an offset and a length. Copying and slicing copy no elements; the
+// views of one storage see each other's writes. The storage lives as long as its last view.
 //
-// Threads: as for the elements themselves; views may be copied and dropped on any thread.
+// Threads: views may be copied and destroyed on any thread; the elements have no lock.
 template <typename T>
 class Buffer {
   static_assert(std::is_trivially_copyable_v<T>);
@@ -27,7 +27,7 @@ class Buffer {
   // New storage of `length` elements, all zero.
   static Buffer Zeroed(std::size_t length) { return {std::make_shared<T[]>(length), 0, length}; }
 
-  // New storage whose elements are for the caller to fill: pages that are never written to cost no
+  // New storage of `length` elements, which the caller fills: pages that it never writes cost no
   // memory.
   static Buffer Uninitialized(std::size_t length) {
     return {std::make_shared_for_overwrite<T[]>(length), 0, length};
@@ -39,8 +39,8 @@ class Buffer {
     return copy;
   }
 
-  // A view of `length` elements from `offset` of this view on, over the same storage. Throws
-  // OverflowException when they are not all inside this view.
+  // A view of `length` elements, from the one at `offset` of this view on, over the same storage.
+  // Throws OverflowException when they are not all inside this view.
   Buffer Slice(std::size_t offset, std::size_t length) const {
     if (offset > _length || length > _length - offset) throw OverflowException();
     return {_storage, _offset + offset, length};

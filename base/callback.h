@@ -9,10 +9,10 @@
 namespace Base {
 
 // A move-only callable that takes `Args` and returns nothing: a task, a completion, a watch.
-// Made by `MakeCallback`, passed around as `Shared<CallbackNoCopy<Args...>>`.
+// `MakeCallback` makes it; it is passed around as `Shared<CallbackNoCopy<Args...>>`.
 //
-// Letting go of the last handle destroys the callable and what it captured. The callable lies in
-// the same allocation; the call is one indirect call.
+// Releasing the last handle destroys the callable and what it captured. The callable lies in the
+// same allocation; a call is one indirect call.
 template <typename... Args>
 class CallbackNoCopy : public Shareable {
  public:
@@ -40,7 +40,7 @@ class CallbackHolder final : public CallbackNoCopy<Args...> {
     static_cast<CallbackHolder const&>(self)._callable(std::forward<Args>(args)...);
   }
 
-  mutable Callable _callable;  // so that a callback may hand on what it captured
+  mutable Callable _callable;  // mutable: a callback may move out of what it captured
 };
 
 // The callback type that takes what a callable's call operator takes.

@@ -25,14 +25,14 @@ class OverflowException final : public Exception {
   OverflowException();
 };
 
-// A failed system call. Its text is kept apart from the inherited message, which stays empty: to
-// hand one on as a plain Exception, build that from `what()`.
+// A failed system call. The inherited message stays empty, so a copy as a plain Exception has no
+// text: build that one from `what()`.
 class ExceptionPosix final : public Exception {
  public:
-  // The text is that of `errorCode`, a value of errno(3): "No such file or directory (Err 2)".
+  // The text is the `ErrnoText` of `errorCode`, a value of errno(3).
   explicit ExceptionPosix(int errorCode);
 
-  // As above, after `text` and " - ". A caller that has no errno passes -1.
+  // The text is `text`, " - " and the `ErrnoText`. A caller that has no errno passes -1.
   ExceptionPosix(std::string const& text, int errorCode);
 
   char const* what() const noexcept override;
@@ -44,7 +44,9 @@ class ExceptionPosix final : public Exception {
   int _errorCode;
 };
 
-// The system's text of an errno with its number, in any locale and from any thread.
+// The system's text of an errno and the number: "No such file or directory (Err 2)".
+//
+// Threads: any.
 std::string ErrnoText(int code);
 
 }  // namespace Base

@@ -7,8 +7,8 @@
 
 namespace Base {
 
-// An optional value, held inline. As the status of an operation (`Maybe<Exception>`) an empty one
-// is success and a set one says what failed.
+// An optional value, held inline. `Maybe<Exception>` is the status of an operation: empty for
+// success, else the failure.
 template <typename T>
 class Maybe {
  public:

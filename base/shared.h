@@ -8,13 +8,12 @@
 
 namespace Base {
 
-// Base class of what lives behind `Shared` handles: it carries its own reference count.
+// Base class of the objects that `Shared` handles hold; it carries the reference count.
 //
-// Threads:  the count is atomic, so handles may be copied and dropped on any thread; what the
-//           object itself allows is its own contract.
-// Lifetime: the release of the last handle deletes the object, on the thread that releases it. A
-//           constructor must not make a handle to its own object: letting go of it would be the
-//           last.
+// Threads:  the count is atomic, so handles may be copied and released on any thread. What else the
+//           object allows is its own contract.
+// Lifetime: releasing the last handle deletes the object, on the thread that releases it. A
+//           constructor must not make a handle to its own object: its release would be the last.
 class Shareable {
  public:
   Shareable(Shareable const&) = delete;
@@ -35,7 +34,7 @@ class Shareable {
     return left;
   }
 
-  // How many objects in this process are held by at least one handle: for leak checks.
+  // How many objects of this process at least one handle holds. For leak checks.
   static std::size_t GetLiveObjectCount() noexcept {
     return _liveObjects.load(std::memory_order_relaxed);
   }
@@ -73,7 +72,7 @@ class Shared {
   Shared(Shared<U>&& other) noexcept  // NOLINT(google-explicit-constructor)
       : _object(other.Detach()) {}
 
-  // By value: the old object is let go of only after this handle holds the new one.
+  // By value, so that the old object is released only when this handle holds the new one.
   Shared& operator=(Shared other) noexcept {
     std::swap(_object, other._object);
     return *this;

@@ -2,9 +2,9 @@
 
 namespace Base {
 
-// Opens "/dev/null" for those of standard input, output and error that are closed: a descriptor
-// that took one of their numbers would get what is printed there. First thing in `main`, before
-// there are other descriptors or threads.
+// Opens "/dev/null" in place of each standard stream that is closed. Otherwise another descriptor
+// would get its number, and with it what is printed there. Call this first in `main`, before there
+// are other descriptors or threads.
 void OpenMissingStandardStreams();
 
 }  // namespace Base

@@ -10,7 +10,7 @@ void UniqueFd::Reset(int fd) noexcept {
   int const old = std::exchange(_fd, fd);
   if (old < 0) return;
   int const error = errno;
-  // Not repeated after EINTR: Linux has let go of the descriptor by then, see close(2).
+  // Not repeated after EINTR: Linux has closed the descriptor by then, see close(2).
   close(old);
   errno = error;
 }

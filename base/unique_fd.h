@@ -4,7 +4,7 @@
 
 namespace Base {
 
-// Owns a file descriptor; -1 is none. Never logs, leaves errno as it was.
+// Owns a file descriptor; -1 is none. Never changes errno.
 class UniqueFd {
  public:
   UniqueFd() noexcept = default;
@@ -19,10 +19,10 @@ class UniqueFd {
   int Get() const noexcept { return _fd; }
   explicit operator bool() const noexcept { return _fd >= 0; }
 
-  // Gives the descriptor to the caller.
+  // Hands the descriptor over to the caller.
   [[nodiscard]] int Release() noexcept { return std::exchange(_fd, -1); }
 
-  // Closes what it holds and takes `fd`.
+  // Closes its descriptor and takes over `fd`.
   void Reset(int fd = -1) noexcept;
 
  private:

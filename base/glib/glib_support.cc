@@ -13,8 +13,8 @@ GlibSource StartGlibTimer(GMainContext* context, std::chrono::nanoseconds delay,
   auto const delayMs = std::chrono::duration_cast<milliseconds>(delay).count();
   GlibSource source(g_timeout_source_new(
       static_cast<guint>(std::clamp<std::int64_t>(delayMs, 0, std::numeric_limits<guint>::max()))));
-  // Whole milliseconds would end up to one too early, and the rest of the wait would be a series of
-  // timers without any delay.
+  // More exact than the interval: a timer of whole milliseconds would fire up to one too early, and
+  // timers without a delay would follow until the time has come.
   if (delay.count() > 0) {
     g_source_set_ready_time(
         source.get(), g_get_monotonic_time() + std::chrono::ceil<microseconds>(delay).count());

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <memory>
 
-// GLib's objects with their owners, and the timers of the runners that use GLib.
+// Owners of GLib's objects, and the timers of the task runners over GLib.
 
 namespace Base {
 
@@ -14,7 +14,7 @@ struct GlibDeleter {
   void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
   void operator()(GError* error) const { g_error_free(error); }
 
-  // Off its context too: a source that is let go of does not fire again.
+  // Takes the source off its context too, so that it does not fire again.
   void operator()(GSource* source) const {
     g_source_destroy(source);
     g_source_unref(source);
@@ -26,8 +26,8 @@ using GlibLoop = std::unique_ptr<GMainLoop, GlibDeleter>;
 using GlibError = std::unique_ptr<GError, GlibDeleter>;
 using GlibSource = std::unique_ptr<GSource, GlibDeleter>;
 
-// Makes a timeout source that calls `callback` with `data` once `delay` has passed, and attaches it
-// to `context`, null being the default one. A negative delay is none. `timerId` gets the source's
+// Attaches a timeout source to `context`, null being the default context, that calls `callback`
+// with `data` when `delay` has passed. A negative delay counts as 0. Sets `timerId` to the source's
 // id.
 GlibSource StartGlibTimer(GMainContext* context, std::chrono::nanoseconds delay,
                           GSourceFunc callback, gpointer data, guint& timerId);

@@ -31,7 +31,7 @@ Shared<ThreadLinuxGlib> GetGlibThread() {
     made->Start();
     return made;
   });
-  // Only this function fills the slot, so the thread is of this class.
+  // Only this function creates the object, so the thread is of this class.
   return Shared<ThreadLinuxGlib>(static_cast<ThreadLinuxGlib*>(thread.Get()));
 }
 

@@ -8,11 +8,14 @@
 
 TRACE_MODULE("thread_linux_glib");
 
-// How a post reaches the loop. `g_main_loop_quit` ends a main loop that runs; one that has not
-// begun to run forgets it, and a post between the loop's last look at its queue and the begin of
-// its main loop would wait for the next one, a stop there for ever. So it is not the poster that
-// quits. It makes a source of the context ready, which stays ready until the main loop finds it,
-// however late that is, and which quits from inside.
+// A round: run tasks, set the timer for the first scheduled task, run the main loop until a wake or
+// the timer quits it.
+//
+// The obvious wake, `g_main_loop_quit` on the poster's thread, gets lost: it ends only a main loop
+// that runs already, and `g_main_loop_run` forgets an earlier quit. A post between the last look at
+// the queue and the start of the main loop would wait for the next post, and a stop for ever. So a
+// wake makes a source of the context ready. The source stays ready until the main loop finds it,
+// however late that is, and its callback quits the main loop from inside.
 
 namespace Base {
 
@@ -20,9 +23,9 @@ namespace {
 
 constexpr std::chrono::milliseconds shortestWait(10);
 
-// The wake source: never ready by itself, only by `g_source_set_ready_time`.
+// Dispatches the wake source, which only `g_source_set_ready_time` makes ready.
 gboolean DispatchWake(GSource* source, GSourceFunc callback, gpointer data) {
-  // Before the quit: what makes it ready again from here on is a wake of its own.
+  // Before the quit, so that a wake from here on makes the source ready again.
   g_source_set_ready_time(source, -1);
   return callback(data);
 }
@@ -33,11 +36,12 @@ gboolean QuitLoop(gpointer loop) {
 }
 
 GlibSource MakeWakeSource(GMainContext* context, GMainLoop* loop) {
-  // GLib takes them without const, and changes nothing.
+  // Not const, because GLib asks for a pointer to non-const; it changes nothing.
   static GSourceFuncs functions{nullptr, nullptr, &DispatchWake, nullptr, nullptr, nullptr};
   GlibSource source(g_source_new(&functions, sizeof(GSource)));
   g_source_set_callback(source.get(), &QuitLoop, loop, nullptr);
-  // Sources of others that are always ready must not keep it from its turn.
+  // GLib dispatches only the highest priority that is ready, so that other sources of the context
+  // that are always ready cannot starve this one.
   g_source_set_priority(source.get(), G_PRIORITY_HIGH);
   g_source_attach(source.get(), context);
   return source;

@@ -10,21 +10,19 @@
 
 namespace Base {
 
-// A loop over a GLib main context of its own: sources that others attach to the context fire on the
-// loop's thread, whose thread-default context it is. Each round
+// A loop over a GLib main context of its own. Any code may attach sources to the context; they fire
+// on the loop's thread, whose thread-default context it is. Each round
 //
-//   1. runs the scheduled tasks that are due, then the posted ones until there are none left, those
-//      that are posted meanwhile too;
-//   2. runs a GLib main loop on the context until there is a post, a stop or a scheduled task to
-//      run. The timer for a scheduled task is never shorter than 10 ms; a round that something else
-//      causes sooner runs what is due by then.
+//   1. runs the tasks (see Thread);
+//   2. runs a GLib main loop on the context until a post, a stop or a scheduled task ends it.
 //
-// When the loop ends it lets go of its tasks without running them. What is posted after that is
-// kept for the next run. Sources of others stay attached.
+// Deliberate: no timer of this thread is shorter than 10 ms, so a task that is scheduled 3 ms ahead
+// waits for 10 ms, unless something else begins a round sooner.
 //
-// Threads: PostTask, PostScheduledTask, Stop, IsCurrentThread and GetContext may be called from any
-//          thread.
-// Errors:  what a task throws is logged. Nothing may be thrown from the callback of a source.
+// When the loop ends, the sources of others stay attached.
+//
+// Threads: as Thread; `GetContext` on any thread.
+// Errors:  the callback of a source must not throw.
 class ThreadLinuxGlib final : public LoopThread {
  public:
   ThreadLinuxGlib();
@@ -32,8 +30,8 @@ class ThreadLinuxGlib final : public LoopThread {
   void PostTask(Task task) override;
   void PostScheduledTask(std::int64_t delayMs, Task task) override;
 
-  // The context to attach sources to, never null. It lives as long as this object; who needs it for
-  // longer takes a reference of its own.
+  // The context to which sources are attached, never null. It lives as long as this object; a
+  // caller that needs it longer takes a reference to it.
   GMainContext* GetContext() const { return _context.get(); }
 
  private:
@@ -46,7 +44,7 @@ class ThreadLinuxGlib final : public LoopThread {
   GlibContext const _context;
   GlibLoop const _loop;
   GlibSource const _wakeSource;
-  GlibSource _timer;  // the loop's thread's; empty while nothing is scheduled
+  GlibSource _timer;  // of the loop's thread; empty while nothing is scheduled
 };
 
 }  // namespace Base

@@ -14,32 +14,47 @@
 
 TRACE_MODULE("thread_pool_linux_glib");
 
-// GLib carries no tasks: an item of its pool only says that the queue has one more, and the worker
-// that gets it takes the front one. So tasks start in posting order.
+// GLib's pool carries no tasks. An item that is pushed to it is the pool itself and says that the
+// queue has one more task; the worker that gets the item takes the task at the front. So tasks
+// start in posting order, whichever worker runs them, and a task is discarded by taking it out of
+// the queue: its item then finds no task and does nothing.
 //
-// What GLib holds, an item or a timer, owns a reference to the pool, and so finds it alive. A timer
-// may be about to call back while another thread destroys it: it looks whether that has happened
-// before it touches the pool, under a lock that belongs to none.
+// Scheduled tasks lie in a store of their own. There is at most one timer, for the earliest of
+// them; each task that is scheduled, and each timer that has fired, sets it anew. When it fires, an
+// exclusive pool pushes the tasks that are due to its workers; any other pool runs them right
+// there.
 //
-// `_activities` is what `Close` waits for.
+// Each item and the timer hold a reference to the pool, so GLib never calls back into a deleted
+// pool. A timer has a second danger: GLib may be about to call it back while another thread
+// destroys it and releases its reference. So the callback first asks, under `timersMutex`, whether
+// its source is destroyed, and only then touches the pool; timers are destroyed under the same
+// lock. The lock is not the pool's, because the pool may be gone by then.
 //
-// GLib's locks order all of this, but a race checker sees nothing of them: our own words that go
-// the same way, `handover` before an item and `_activities` after it, let it see the order.
+// `Close` takes the GLib pool, the timer and the scheduled tasks away under `_mutex`, under which
+// posts look whether the pool is open: a post is either before `Close`, and its task runs, or it
+// throws. `Close` then waits until `_activities` is 0. GLib's own wait, that of
+// g_thread_pool_free(), is not enough: it leaves out timer callbacks, and a second `Close` has no
+// GLib pool left to wait for. A task of the pool cannot wait for itself, so `TaskScope` knows which
+// pools' tasks the calling thread is running.
+//
+// GLib's locks order all of this, but ThreadSanitizer does not see them, as GLib is not
+// instrumented. Two atomics of our own run the same way and show it the order: `handover` from a
+// push to its worker, `_activities` from a worker to `Close`.
 
 namespace Base {
 
 namespace {
 
-// Under it timers are made and destroyed, and look whether they still exist. No other lock is
-// taken inside, but those of GLib.
+// Held while a timer is created or destroyed, and while its callback asks whether it is destroyed.
+// Only locks of GLib are taken under it.
 std::mutex timersMutex;
 
-// Written before an item is handed to GLib, read when it comes out: of all pools, as the reader
-// must not touch the item's before that.
+// Written before an item is pushed, read when a worker gets it. One for all pools: the worker must
+// not touch its pool before it has read this.
 std::atomic<unsigned> handover{0};
 
-// The pools of whose tasks the calling thread is inside: more than one where a task iterates the
-// context on which another pool's timers are.
+// The pools whose tasks the calling thread is running. There is more than one when a task iterates
+// the context of another pool's timers.
 class TaskScope {
  public:
   explicit TaskScope(ThreadPool const* pool) : _pool(pool), _outer(_innermost) {
@@ -75,7 +90,7 @@ ThreadPoolLinuxGlib::ThreadPoolLinuxGlib(GMainContext* context, int maximumThrea
     TRACE_ERROR("Failed to create ThreadPool",
                 Trace::As("message", std::string_view(error->message)),
                 Trace::As("code", error->code));
-    // There is one all the same, with as many workers as could be started.
+    // GLib may return a pool all the same, with as many workers as it could start.
     if (_pool != nullptr) g_thread_pool_free(_pool, TRUE, FALSE);
     throw Exception("ThreadPool Failed");
   }
@@ -86,7 +101,7 @@ ThreadPoolLinuxGlib::ThreadPoolLinuxGlib(GMainContext* context, int maximumThrea
 }
 
 ThreadPoolLinuxGlib::~ThreadPoolLinuxGlib() {
-  // Nothing is left to be run: it would hold the pool.
+  // Nothing is left to run, as items and timers hold the pool.
   if (_pool != nullptr) ThreadPoolLinuxGlib::Close(true);
   TRACE_VERBOSE("ThreadPool destroyed", this);
 }
@@ -134,12 +149,13 @@ void ThreadPoolLinuxGlib::Close(bool cancelTasks) {
   context.reset();
   if (wait) AwaitIdle();
   std::deque<Task> tasks;
-  // After the wait there are only those left for which no worker could be started.
+  // After the wait, only tasks are left for which no worker could be started.
   if (cancelTasks || wait) tasks = _tasks.TakeAll();
   TRACE_VERBOSE("ThreadPool closed.", this);
 }
 
-// Takes `task`, or returns false when the pool is closed.
+// Queues `task` and pushes an item for it. Returns false, and leaves `task`, when the pool is
+// closed.
 bool ThreadPoolLinuxGlib::Push(Task& task) {
   GError* rawError = nullptr;
   {
@@ -149,7 +165,7 @@ bool ThreadPoolLinuxGlib::Push(Task& task) {
     AddReference();
     ++_activities;
     ++handover;
-    // A push that fails leaves the item in the pool as well.
+    // When this fails, the item is in GLib's queue nevertheless.
     g_thread_pool_push(_pool, this, &rawError);
   }
   if (GlibError const error{rawError}) {
@@ -171,7 +187,7 @@ void ThreadPoolLinuxGlib::OnItem(gpointer item, gpointer /*pool*/) {
   Trace::EnsureCrashStack();  // the workers are GLib's
   auto* const self = static_cast<ThreadPoolLinuxGlib*>(item);
   TaskScope const scope(self);
-  // Empty where the task has been let go of.
+  // Empty when the task has been discarded.
   if (Task const task = self->_tasks.Pop()) self->RunPosted(task);
   self->EndActivity();
   if (self->ReleaseReference() == 0) delete self;
@@ -185,7 +201,7 @@ void ThreadPoolLinuxGlib::RunPosted(Task const& task) {
   if (succeeded) TRACE_DEBUG("ThreadPool done executing task.", this);
 }
 
-// With the lock. Sets the timer anew for the first scheduled task, as long as there is one.
+// Under `_mutex`. Replaces the timer by one for the first scheduled task, if there is any.
 std::optional<ThreadPoolLinuxGlib::Wake> ThreadPoolLinuxGlib::SetTimer() {
   _timer.reset();
   auto const wakeTime = _scheduledTasks.GetEarliestWakeTime();
@@ -245,10 +261,10 @@ void ThreadPoolLinuxGlib::RunDue() {
 
 void ThreadPoolLinuxGlib::RunScheduled(Task& task) {
   try {
-    // Only an exclusive pool keeps the context's thread free of its tasks.
+    // A closed pool takes no push: the task was due before `Close` and runs here.
     if (_exclusive && Push(task)) return;
   } catch (Exception const&) {
-    return;  // already logged; it stays queued
+    return;  // already logged; the task stays queued
   }
   TRACE_DEBUG("ThreadPool executing scheduled task...", this);
   bool const succeeded = RunCaught(task, [this](std::exception const& err) {
@@ -258,13 +274,13 @@ void ThreadPoolLinuxGlib::RunScheduled(Task& task) {
 }
 
 void ThreadPoolLinuxGlib::FreePool(GThreadPool* pool, bool wait) {
-  // Where no worker could be started there is none to take the items, and GLib would wait for ever.
+  // Without a worker nobody takes the items, and GLib would wait for ever.
   guint const dropped =
       g_thread_pool_get_num_threads(pool) == 0 ? g_thread_pool_unprocessed(pool) : 0;
   g_thread_pool_free(pool, dropped > 0 ? TRUE : FALSE, wait ? TRUE : FALSE);
   for (guint i = 0; i < dropped; ++i) {
     EndActivity();
-    ReleaseReference();  // not the last: the caller has one
+    ReleaseReference();  // not the last: the caller holds the pool
   }
 }
 

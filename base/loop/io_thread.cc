@@ -23,7 +23,7 @@ bool IsIOThread() {
 
 void ShutdownThreads() {
   TRACE_VERBOSE("Thread is being shutdown...");
-  // Tasks of a thread's last round still find it.
+  // Tasks of the last round still get their thread from its accessor: `Finish` releases it later.
   auto const stop = [](Thread& thread) { thread.Stop(); };
   GetProcessThreads().ioThread.Finish(stop);
   GetProcessThreads().glibThread.Finish(stop);

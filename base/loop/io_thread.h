@@ -5,15 +5,16 @@
 
 namespace Base {
 
-// The process-wide IO thread, on which sockets and streams complete. Created and started on first
-// use. Throws Exception "ThreadPool has been shutdown" once it has been shut down.
+// Returns the process-wide IO thread, on which sockets and streams complete; creates and starts it
+// on first use. Throws Exception "ThreadPool has been shutdown" after `ShutdownThreads`.
 Shared<ThreadLinux> GetIOThread();
 
 // Whether the caller runs on the process-wide IO thread.
 bool IsIOThread();
 
-// Stops the IO thread, then the GLib thread (base/glib/process_pools.h), waits for each and lets go
-// of it; they do not come back. Part of `ShutdownThreadPools`, which is the one to call.
+// Stops the IO thread, then the GLib thread (base/glib/process_pools.h), waits for each and
+// releases it. Neither is created again. `ShutdownThreadPools` calls this; call that function
+// instead.
 void ShutdownThreads();
 
 }  // namespace Base

@@ -15,8 +15,8 @@
 
 namespace Base {
 
-// What threads with a loop have in common, whatever the loop waits by: how they start and end, and
-// their tasks.
+// What all threads with a loop share: start, end, and the queues of their tasks. A derived class
+// adds the loop itself: by what it waits, and how a wake ends the wait.
 class LoopThread : public Thread {
  public:
   void Start() final;
@@ -25,30 +25,30 @@ class LoopThread : public Thread {
   void Run() final;
 
  protected:
-  // Logs as `log`, the derived thread's module.
+  // Writes its trace lines to `log`, the trace module of the derived class.
   explicit LoopThread(Shared<Trace::Log> log);
 
-  // Has the loop not wait, or wait no longer: it looks at its tasks, and whether it is to stop,
-  // once more. On any thread; never lost.
+  // Ends the loop's wait, or its next wait when it does not wait now, so that the loop looks at its
+  // tasks and at `IsStopping` again. Called on any thread. A wake is never lost.
   virtual void Wake() = 0;
 
-  // The loop. Runs on its thread until `IsStopping`, then lets go of whatever it holds.
+  // The loop: runs on its thread until `IsStopping`, then discards whatever it holds.
   virtual void RunLoop() = 0;
 
   bool IsStopping() const { return _stopping; }
 
-  // Both on any thread; without a wake.
+  // Queue a task on any thread and do not wake the loop.
   void Enqueue(Task task) { _tasks.Push(std::move(task)); }
   void Schedule(std::int64_t delayMs, Task task);
 
-  // When the first scheduled task becomes due, if there is one.
+  // Returns when the first scheduled task becomes due; empty when nothing is scheduled.
   std::optional<ScheduledTaskStore::TimePoint> GetEarliestWakeTime();
 
-  // Runs the scheduled tasks that are due, then the posted ones until there are none left, those
-  // that are posted meanwhile too. What they throw is logged.
+  // Runs the scheduled tasks that are due, then the posted tasks until there are none left, those
+  // that are posted meanwhile included. Logs what they throw.
   void RunTasks();
 
-  // Returns whether there was any; what they held may have posted others.
+  // Discards all tasks. Returns whether there were any: their destructors may have posted new ones.
   bool DiscardTasks();
 
  private:
@@ -59,7 +59,7 @@ class LoopThread : public Thread {
   TaskQueue _tasks;
   ScheduledTaskStore _scheduledTasks;
   std::atomic<bool> _stopping{false};
-  std::atomic<std::thread::id> _loopThreadId{};  // of no thread while the loop does not run
+  std::atomic<std::thread::id> _loopThreadId{};  // no thread's while the loop does not run
 };
 
 }  // namespace Base

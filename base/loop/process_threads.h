@@ -13,21 +13,20 @@
 
 namespace Base {
 
-// Logs and throws what an accessor answers after the shutdown: Exception "ThreadPool has been
-// shutdown".
+// Logs an ERROR and throws Exception "ThreadPool has been shutdown".
 [[noreturn]] void ThrowShutdown();
 
-// One object for the whole process, created on first use. After `Finish` there is none again.
+// One object for the whole process, created on first use and never again after `Finish`.
 //
 // Threads: any.
 template <typename T>
 class ProcessWide {
  public:
-  // Returns the object; creates it by `make` where there is none yet. Throws what `make` throws; a
-  // later call then tries again. After `Finish` it throws as `ThrowShutdown` does.
+  // Returns the object; calls `make` to create it when there is none yet. Throws what `make`
+  // throws, and a later call tries again. After `Finish` it throws as `ThrowShutdown` does.
   //
-  // Deliberate: `make` runs under the lock, so that no second object is ever created. It must not
-  // ask for the same object.
+  // Deliberate: `make` runs under the lock, so that no second object is ever created. `make` must
+  // not call `Get` or `Find` of the same object.
   template <typename Make>
   Shared<T> Get(Make make) {
     std::unique_lock lock(_mutex);
@@ -38,13 +37,13 @@ class ProcessWide {
     return object;
   }
 
-  // Returns the object; empty when there is none.
+  // Returns the object; empty when there is none. Waits for a `make` that runs.
   Shared<T> Find() {
     std::lock_guard const lock(_mutex);
     return _object;
   }
 
-  // Ends the creating, calls `end` with the object, if there is one, and then releases it. `Get`
+  // Forbids a new object; then, if there is an object, calls `end` with it and releases it. `Get`
   // and `Find` still return the object while `end` runs.
   template <typename End>
   void Finish(End end) {
@@ -70,7 +69,7 @@ struct ProcessThreads {
   ProcessWide<ThreadPool> exclusivePool;
 };
 
-// Never destroyed: accessors may be called until the process has ended.
+// Never destroyed: threads may call the accessors until the process has ended.
 ProcessThreads& GetProcessThreads();
 
 }  // namespace Base

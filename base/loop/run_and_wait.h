@@ -11,10 +11,10 @@
 
 namespace Base {
 
-// Runs `function` on the thread of a loop and waits for its end: the way in for a thread that has
-// to touch what belongs to the loop's. What the function throws arrives at the caller. Throws
-// Exception "Thread stopped" when the loop ends without having run it. The loop must be running:
-// one that does not run lets the caller wait until it does.
+// Runs `function` on the thread of a loop and returns when it has run: for another thread that
+// needs what only the loop's thread may touch. On the loop's own thread it is a plain call. Throws
+// what `function` throws, or Exception "Thread stopped" when the loop ends without running it. A
+// loop that does not run yet blocks the caller until it does.
 template <typename Function>
 void RunAndWait(Thread& thread, Function function) {
   if (thread.IsCurrentThread()) {
@@ -22,7 +22,7 @@ void RunAndWait(Thread& thread, Function function) {
     return;
   }
   bool ran = false;
-  std::exception_ptr error;  // destroyed by this thread alone: nothing else refers to it by then
+  std::exception_ptr error;  // the other thread refers to it no more when this one destroys it
   std::promise<void> promise;
   std::future<void> const end = promise.get_future();
   std::shared_ptr<void> onEnd(
@@ -35,7 +35,7 @@ void RunAndWait(Thread& thread, Function function) {
       error = std::current_exception();
     }
   }));
-  end.wait();  // the task has been run, or dropped
+  end.wait();  // until the task has been destroyed, whether the loop ran or discarded it
   if (!ran) throw Exception("Thread stopped");
   if (error) std::rethrow_exception(error);
 }

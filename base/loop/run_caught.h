@@ -7,8 +7,9 @@
 
 namespace Base {
 
-// How task runners run tasks: what a task throws ends that task only. Runs `task`; hands what it
-// throws to `onError`. Returns whether it threw nothing.
+// Runs `task` and calls `onError` with what the task throws, if anything. Returns true when the
+// task threw nothing. Every task runner runs its tasks by this function, so no exception ends a
+// thread.
 template <typename OnError>
 bool RunCaught(Task const& task, OnError onError) {
   try {

@@ -4,11 +4,11 @@
 
 namespace Base {
 
-StepBudget::StepBudget(Shared<ThreadLinux> loop, unsigned steps)
-    : _loop(std::move(loop)), _steps(steps), _round(_loop->GetRound()) {}
+StepBudget::StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound)
+    : _loop(std::move(loop)), _stepsPerRound(stepsPerRound), _round(_loop->GetRound()) {}
 
 void StepBudget::Run(Task const& step) {
-  if (UseStep()) {
+  if (SpendStep()) {
     step->Call();
   } else {
     _loop->PostToNextRound(step);
@@ -16,17 +16,17 @@ void StepBudget::Run(Task const& step) {
 }
 
 void StepBudget::Post(Task const& step) {
-  if (UseStep()) {
+  if (SpendStep()) {
     _loop->PostTask(step);
   } else {
     _loop->PostToNextRound(step);
   }
 }
 
-bool StepBudget::UseStep() {
+bool StepBudget::SpendStep() {
   if (_round != _loop->GetRound()) {
     _round = _loop->GetRound();
-    _left = _steps;
+    _left = _stepsPerRound;
   }
   if (_left == 0) return false;
   --_left;

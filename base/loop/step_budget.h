@@ -8,28 +8,34 @@
 
 namespace Base {
 
-// How much one connection, or one file, may do before the loop polls again.
+// A budget of steps for each round of a loop, so that one busy connection or file cannot starve the
+// others.
 //
-// A drain of the loop runs what is posted during it, so work that always finds its next piece ready
-// would keep the loop from everyone else, and from its end. Such work asks for each step whether
-// its turn goes on, and else comes back in the next round. On the loop's thread.
+// The loop runs every task that is posted while it drains its queue, and polls only then. Work that
+// always finds its next piece ready would keep the loop from polling, and from ending. Such work
+// takes each step through a budget: when the budget is used up, the step waits for the next round,
+// which fills the budget again.
+//
+// Threads: the loop's.
 class StepBudget {
  public:
-  // A turn has `steps` steps. In the round in which it is made there is none left.
-  StepBudget(Shared<ThreadLinux> loop, unsigned steps);
+  // Deliberate: a new budget is empty until the loop has polled once, so re-creating it gains
+  // nothing.
+  StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound);
 
-  // Takes a step: runs `step` now, inside this call, where the turn has one left, else in the
-  // loop's next round.
+  // Within the budget, runs `step` inside this call; else posts it to the loop's next round.
   void Run(Task const& step);
 
-  // The same for a step that must not run inside the call: it is posted where the turn goes on.
+  // For a step that must not run inside the call: within the budget, posts `step` to the current
+  // round, else to the next.
   void Post(Task const& step);
 
  private:
-  bool UseStep();
+  // Returns whether there was a step left in this round.
+  bool SpendStep();
 
   Shared<ThreadLinux> _loop;
-  unsigned const _steps;
+  unsigned const _stepsPerRound;
   std::uint64_t _round;
   unsigned _left = 0;
 };

@@ -7,7 +7,7 @@ namespace Base {
 
 namespace {
 
-// Far delays end at the clock's end instead of wrapping around into the past.
+// A delay beyond the clock's range ends at its last time and does not wrap around into the past.
 ScheduledTaskStore::TimePoint AddMilliseconds(ScheduledTaskStore::TimePoint now,
                                               std::int64_t delayMs) {
   using std::chrono::milliseconds;
@@ -19,7 +19,7 @@ ScheduledTaskStore::TimePoint AddMilliseconds(ScheduledTaskStore::TimePoint now,
 }  // namespace
 
 void TaskQueue::Push(Task task) {
-  if (!task) return;  // would be taken for the queue's end
+  if (!task) return;  // `Pop` returns an empty task for an empty queue
   std::lock_guard const lock(_mutex);
   _tasks.push_back(std::move(task));
 }

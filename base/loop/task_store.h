@@ -9,8 +9,10 @@
 
 #include "base/callback.h"
 
-// Where runners keep their tasks. Each store has a lock of its own, held for one push, pop or peek;
-// no task is run or destroyed under it.
+// The queues of the task runners. Each has a lock of its own and holds it for one push, pop or
+// peek; no task runs and no task is destroyed under that lock. Both ignore empty tasks.
+//
+// Threads: any.
 
 namespace Base {
 
@@ -19,7 +21,7 @@ class TaskQueue {
  public:
   void Push(Task task);
 
-  // The front task; empty when there is none.
+  // Takes the front task; empty when there is none.
   Task Pop();
 
   std::deque<Task> TakeAll();
@@ -29,7 +31,7 @@ class TaskQueue {
   std::deque<Task> _tasks;
 };
 
-// Tasks in the order of their wake times, those of one wake time in posting order.
+// Tasks in the order of their wake times; tasks with the same wake time are in posting order.
 class ScheduledTaskStore {
  public:
   using TimePoint = std::chrono::system_clock::time_point;
@@ -39,13 +41,13 @@ class ScheduledTaskStore {
     TimePoint wakeTime;
   };
 
-  // Sets the wake time `delayMs` milliseconds from now.
+  // Adds `task` with a wake time `delayMs` milliseconds from now.
   void Insert(std::int64_t delayMs, Task task);
 
-  // The earliest wake time, if there is one.
+  // Returns the earliest wake time; empty when there is no task.
   std::optional<TimePoint> GetEarliestWakeTime();
 
-  // The first task, if its wake time is not later than `now`; else empty.
+  // Takes the first task when its wake time is not later than `now`; else returns an empty task.
   Task TakeDue(TimePoint now);
 
   std::vector<Entry> TakeAll();

@@ -8,8 +8,8 @@ namespace Base {
 
 namespace {
 
-// A plain pointer with a reference of its own: a thread-local handle would be taken down in an
-// order that nobody sees.
+// A plain pointer that owns a reference. A handle would have a destructor, which would run at the
+// thread's end in no certain order with the other thread-local destructors.
 thread_local Thread* current = nullptr;
 
 }  // namespace

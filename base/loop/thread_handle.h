@@ -6,22 +6,23 @@
 
 namespace Base {
 
-// The thread that a loop was started on. It may be ended from any thread, its own included, and
-// from several at once.
+// The thread on which a loop was started. Any thread may call `End`, the started one included, and
+// several may do so at once.
 class ThreadHandle {
  public:
   ThreadHandle() = default;
   ThreadHandle(ThreadHandle const&) = delete;
   ThreadHandle& operator=(ThreadHandle const&) = delete;
 
-  // A thread that let itself go before `Start` had stored it is still here.
+  // A thread that called `End` before `Start` had stored it is still here.
   ~ThreadHandle() { End(); }
 
-  // Runs `entry` on a new thread. Returns 0, or the errno when there can be none. Only after `End`.
+  // Runs `entry` on a new thread. Returns 0, or the errno when no thread can be started. A handle
+  // that has been started must be ended first.
   int Start(std::function<void()> entry);
 
-  // Waits for the thread's end; on the thread itself, lets it go on alone. Whoever comes second, or
-  // where there is no thread, does not wait.
+  // Waits for the thread's end; called on the thread itself, detaches it instead. Returns at once
+  // when there is no thread or another call already waits.
   void End();
 
  private:

@@ -20,6 +20,34 @@
 
 TRACE_MODULE("thread_linux");
 
+// A round has three steps: run tasks, wait, turn events into tasks. The tasks of step three run in
+// step one of the next round, together with what other threads have posted meanwhile.
+//
+// Events become tasks because a callback may do anything: remove the watch whose event comes next
+// in the array, close a descriptor, open another one with the same number. So the scan only looks
+// callbacks up and posts them, and each task holds its callback. By the time the task runs, its
+// watch may be gone; sockets and files expect that. Callbacks and posted tasks also share one queue
+// that way, and one handler that logs what they throw.
+//
+// A wake is a write to an eventfd. The write makes an event, and the event waits in the kernel
+// until the loop polls, so a post between the last look at the queue and the start of the wait is
+// not lost. The eventfd is edge-triggered: every write is an event of its own, and nobody reads the
+// counter. A task posted on the loop's own thread needs no wake, because the loop empties the queue
+// before it waits. A scheduled task always needs one: it may be overdue when the loop computes its
+// timeout, and an overdue task does not end the wait.
+//
+// Step one has no bound: it also runs what its own tasks post. `_nextRoundTasks` is for work that
+// would never let it end. While there are such tasks, the loop polls with a timeout of 0.
+//
+// The end: `Stop` sets a flag and wakes, and the loop leaves after the round. It then discards
+// tasks, watches and child callbacks in turn until none is left, as their destructors may post new
+// ones.
+//
+// Deliberate, each with a comment where it happens: a task that becomes overdue just before the
+// wait does not end it; the loop reports a child that a signal ended one look late; it looks for
+// exits only when something else wakes it, as `_childSignalFd`, which would report them at once, is
+// never set.
+
 namespace Base {
 
 namespace {
@@ -42,7 +70,6 @@ ThreadLinux::ThreadLinux() : LoopThread(traceModule) {
     TRACE_ERROR("Failed to create epoll wake event", error);
     throw ExceptionPosix(error);
   }
-  // Edge-triggered: every write is an event of its own, so the counter never has to be read.
   epoll_event event{};
   event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLET;
   event.data.fd = _wakeEvent.Get();
@@ -56,14 +83,13 @@ ThreadLinux::ThreadLinux() : LoopThread(traceModule) {
 
 void ThreadLinux::PostTask(Task task) {
   Enqueue(std::move(task));
-  // The loop looks at its queue before it waits again.
   if (!IsCurrentThread()) Wake();
 }
 
 void ThreadLinux::PostScheduledTask(std::int64_t delayMs, Task task) {
   Schedule(delayMs, std::move(task));
-  // From the loop's own thread too: a task that is overdue by the time the loop waits would not
-  // end the wait (see GetTimeoutMs).
+  // On the loop's thread too: a task that is overdue when the loop begins to wait does not end the
+  // wait (see GetTimeoutMs).
   Wake();
 }
 
@@ -139,8 +165,8 @@ int ThreadLinux::GetTimeoutMs() {
   if (!_nextRoundTasks.empty()) return 0;
   auto const wakeTime = GetEarliestWakeTime();
   if (!wakeTime) return -1;
-  // Rounded toward zero. There is no lower bound: a task that became due more than a millisecond
-  // ago makes this a wait without end, which only another event ends; kept as it is.
+  // Rounded toward zero. Deliberate: there is no lower bound, so when a task became due more than a
+  // millisecond ago, epoll_wait(2) gets a negative timeout and waits until another event.
   auto const remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
       *wakeTime - std::chrono::system_clock::now());
   auto const timeoutMs = static_cast<int>(std::clamp<std::int64_t>(
@@ -188,8 +214,6 @@ void ThreadLinux::ProcessWatch(epoll_event const& event) {
     return;
   }
   TRACE_DEBUG("Watched file ready", this, fd, events);
-  // A task, so that no callback changes the watches under the scan. It holds the callback: by the
-  // time it runs the watch may be gone, and its descriptor's number another file's.
   PostTask(MakeCallback([callback = found->second, fd, events] { callback->Call(fd, events); }));
 }
 
@@ -238,8 +262,8 @@ bool ThreadLinux::CheckProcessExit(pid_t pid, int& status) {
     TRACE_ERROR("Process wait failed", error, waitResult);
     throw ExceptionPosix(error);
   }
-  // A child that a signal ended does not count as exited here, although this call has reaped it: it
-  // is reported when it is next looked at and no longer exists. Kept as it is.
+  // Deliberate: a child that a signal ended does not count as exited here, although this call has
+  // reaped it. The next look finds that it does not exist (ECHILD) and reports it with status 0.
   bool const exited = waitResult > 0 && WIFEXITED(status);
   TRACE_DEBUG("Checked process has exited", waitResult, status, exited, pid);
   return exited;
@@ -258,14 +282,14 @@ void ThreadLinux::DispatchChildCallback(pid_t pid, int status) {
 }
 
 void ThreadLinux::DiscardAll() {
-  // Destructors of what is let go of may post, or touch a watch: until nothing is left.
+  // Destructors of what is discarded may post tasks or add watches: repeat until nothing is left.
   bool mayBeMore = true;
   while (mayBeMore) {
     auto const nextRoundTasks = std::exchange(_nextRoundTasks, {});
     auto const watches = std::exchange(_watches, {});
     auto const children = std::exchange(_children, {});
     for (auto const& [fd, callback] : watches) {
-      // Else the kernel would go on reporting it if the loop ran again.
+      // The kernel would go on reporting the descriptor when the loop runs again.
       epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, fd, nullptr);
     }
     mayBeMore = DiscardTasks() || !nextRoundTasks.empty() || !watches.empty() || !children.empty();

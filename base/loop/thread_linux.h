@@ -15,21 +15,19 @@
 
 namespace Base {
 
-// A loop over one epoll(7) instance: posted tasks, scheduled tasks, descriptor watches and child
-// exits, one thing at a time. Each round
+// A loop over one epoll(7) instance, which also runs the callbacks of descriptor watches and of
+// child exits. Each round
 //
-//   1. runs the scheduled tasks that are due, then the posted ones until there are none left, those
-//      that are posted meanwhile too: who posts to the loop from its own tasks without end holds up
-//      everything else, and has to let the loop poll in between (see `PostToNextRound`);
+//   1. runs the tasks (see Thread);
 //   2. waits for an event, a post or the next scheduled task;
 //   3. posts the callback of every watch that is ready and of every child that has exited.
 //
-// When the loop ends it lets go of its watches, child callbacks and tasks without running them, so
-// that what they hold does not outlive it. What is posted after that is kept for the next run.
+// A task that posts its successor keeps the loop in step 1, where it neither polls nor ends:
+// endless work belongs in `PostToNextRound` or a StepBudget. When the loop ends, it discards its
+// watches and its child callbacks as it discards its tasks.
 //
-// Threads: PostTask, PostScheduledTask, Stop and IsCurrentThread may be called from any thread.
-//          Watches and children belong to the loop's thread while it runs.
-// Errors:  what a task or callback throws is logged. Failed system calls throw ExceptionPosix.
+// Threads: those of Thread for what Thread declares, the loop's thread alone for the rest.
+// Errors:  the loop logs what a callback throws. Failed system calls throw ExceptionPosix.
 class ThreadLinux final : public LoopThread {
  public:
   using WatchCallback = Shared<CallbackNoCopy<int, int>>;  // descriptor, epoll event bits
@@ -40,28 +38,28 @@ class ThreadLinux final : public LoopThread {
   void PostTask(Task task) override;
   void PostScheduledTask(std::int64_t delayMs, Task task) override;
 
-  // Watches `fd` for `events`, epoll_ctl(2)'s bits, handed to the kernel as they are. The callback
-  // is called with the bits that the kernel reports, each time it does, until `RemoveWatch`; it may
-  // still come once after that, when the event was found before.
+  // Watches `fd` for `events`, bits of epoll_ctl(2) that go to the kernel unchanged. Posts
+  // `callback` with the bits that the kernel reports, each time it reports any, until
+  // `RemoveWatch`. A callback that has been posted by then still runs.
   void AddWatch(int fd, std::uint32_t events, WatchCallback callback);
 
-  // Changes the events of a watch and keeps its callback.
+  // Changes the events of a watch; its callback stays.
   void UpdateWatch(int fd, std::uint32_t events);
 
-  // Ends a watch; one that the kernel does not know is no error.
+  // Ends a watch. Ignores a descriptor that has none.
   void RemoveWatch(int fd);
 
-  // Calls back, as a task, once the child `pid` has exited, with its wait status; at once where it
-  // already has, or is no child of this process. Children are looked at when the loop wakes: a
-  // loop with scheduled tasks does so at least once a second.
+  // Posts `callback` once with the process id and the wait status when the child `pid` has exited:
+  // at once when it has exited already, or is no child of this process (status 0).
+  //
+  // Deliberate: the loop looks for exits only when something else wakes it, at least once a second
+  // while a task is scheduled. It reports a child that a signal ended one look late, with status 0.
   void MonitorChildProcess(pid_t pid, ChildCallback callback);
 
-  // Queues `task` for the next round, which does not wait for anything but looks at what is ready.
-  // On the loop's thread only.
+  // Queues `task` for the next round. The loop polls for what is ready before it, without waiting.
   void PostToNextRound(Task task);
 
-  // The number of the current round. A task that finds the number unchanged since some earlier step
-  // knows that the loop has not polled since. On the loop's thread only.
+  // The number of the current round: as long as it is the same, the loop has not polled.
   std::uint64_t GetRound() const { return _round; }
 
  private:
@@ -82,7 +80,7 @@ class ThreadLinux final : public LoopThread {
   std::map<pid_t, ChildCallback> _children;
   UniqueFd _epoll;
   UniqueFd _wakeEvent;
-  int _childSignalFd = -1;  // no source of child signals is in use: exits are found by polling
+  int _childSignalFd = -1;  // never set: the loop finds exits by polling
   std::uint64_t _round = 0;
 };
 

@@ -15,8 +15,8 @@ void ShutdownThreadPools() {
   static std::once_flag isShutdown;
   std::call_once(isShutdown, [] {
     TRACE_VERBOSE("ThreadPool is being shutdown...");
-    // Closed and not only let go of: others may have handles, and their tasks must not outlive the
-    // threads that they use.
+    // Releasing the pools is not enough: others may hold them, and their tasks must not run after
+    // the threads that they use have ended.
     auto const close = [](ThreadPool& pool) { pool.Close(false); };
     GetProcessThreads().pool.Finish(close);
     GetProcessThreads().exclusivePool.Finish(close);

@@ -8,24 +8,29 @@
 namespace Base {
 
 // A task runner with several threads: its tasks start in posting order and may run at the same
-// time. Post what blocks or computes for long here, not to a loop.
+// time. Post work that blocks or computes for long to a pool and not to a loop.
+//
+// Lifetime: posted and scheduled tasks hold the pool, so its last user may release it before they
+//           have run.
+// Errors:   posting throws Exception "ThreadPool Closed" after `Close`, "ThreadPool Failed" when no
+//           thread can be started.
 class ThreadPool : public TaskRunner {
  public:
-  // Ends the pool; from then on posting throws Exception "ThreadPool Closed". Returns when none of
-  // its tasks runs any more: what has been posted is run before, what is still scheduled is let go
-  // of.
+  // Closes the pool: runs the tasks that have been posted, discards those that are still scheduled,
+  // and returns when no task of the pool runs any more. `cancelTasks` changes nothing here, as no
+  // posted task is left. A second call only waits.
   //
-  // From inside one of the pool's own tasks, which it cannot wait for, it returns at once: what has
-  // been posted runs later, or with `cancelTasks` is let go of. Nothing runs later than the end of
-  // another call from outside.
+  // Called inside one of the pool's own tasks, it does not wait, for that task would wait for
+  // itself. The posted tasks run later, or are discarded with `cancelTasks`. A later `Close` from
+  // outside still waits for all of them.
   virtual void Close(bool cancelTasks) = 0;
 };
 
-// Closes the process-wide pools, whose posted tasks run before that, then ends the process-wide
-// threads; once: a second call does nothing. From the thread that runs `main`.
+// Closes the process-wide pools, which runs their posted tasks, then stops the process-wide
+// threads. A second call does nothing. Call it on the thread that runs `main`.
 void ShutdownThreadPools();
 
-// Queues a task on `thread` that stops it and then calls `completion`, if there is one.
+// Posts a task to `thread` that stops the thread and then calls `completion`, if there is one.
 void PostStop(Shared<Thread> const& thread, Callback<> completion = {});
 
 }  // namespace Base

@@ -4,10 +4,12 @@
 
 namespace Base {
 
-// Captured by the callback of a registered watch or a monitored child, here "watch", so that it
-// holds the object whose descriptor or program that is. When the watch goes, above all when the
-// loop ends and lets go of it, the object is told by its `void OnWatchDropped() noexcept`: it lets
-// go of its pending operations, which may hold it as well.
+// A handle that the callback of a descriptor watch or of a monitored child captures, so that the
+// watch holds the object whose descriptor or child it watches.
+//
+// When the callback is destroyed, above all when the loop ends and discards its watches, this
+// handle calls `void OnWatchDropped() noexcept` of the object. The object then discards its pending
+// operations. They hold the object too, so it would never be deleted otherwise.
 template <typename Owner>
 class WatchHold {
  public:
