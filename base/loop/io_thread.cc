@@ -16,11 +16,6 @@ Shared<ThreadLinux> GetIOThread() {
   });
 }
 
-bool IsIOThread() {
-  Shared<ThreadLinux> const ioThread = GetProcessThreads().ioThread.Find();
-  return ioThread && ioThread->IsCurrentThread();
-}
-
 void ShutdownThreads() {
   TRACE_VERBOSE("Thread is being shutdown...");
   // Tasks of the last round still get their thread from its accessor: `Finish` releases it later.

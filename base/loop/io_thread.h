@@ -9,9 +9,6 @@ namespace Base {
 // on first use. Throws Exception "ThreadPool has been shutdown" after `ShutdownThreads`.
 Shared<ThreadLinux> GetIOThread();
 
-// Whether the caller runs on the process-wide IO thread.
-bool IsIOThread();
-
 // Stops the IO thread, then the GLib thread (base/glib/process_pools.h), waits for each and
 // releases it. Neither is created again. `ShutdownThreadPools` calls this; call that function
 // instead.

@@ -26,7 +26,7 @@ class ProcessWide {
   // throws, and a later call tries again. After `Finish` it throws as `ThrowShutdown` does.
   //
   // Deliberate: `make` runs under the lock, so that no second object is ever created. `make` must
-  // not call `Get` or `Find` of the same object.
+  // not call `Get` of the same object.
   template <typename Make>
   Shared<T> Get(Make make) {
     std::unique_lock lock(_mutex);
@@ -37,14 +37,8 @@ class ProcessWide {
     return object;
   }
 
-  // Returns the object; empty when there is none. Waits for a `make` that runs.
-  Shared<T> Find() {
-    std::lock_guard const lock(_mutex);
-    return _object;
-  }
-
   // Forbids a new object; then, if there is an object, calls `end` with it and releases it. `Get`
-  // and `Find` still return the object while `end` runs.
+  // still returns the object while `end` runs.
   template <typename End>
   void Finish(End end) {
     std::unique_lock lock(_mutex);

@@ -12,7 +12,7 @@
 #include "base/glib/process_pools.h"
 #include "base/glib/thread_linux_glib.h"
 #include "base/glib/thread_pool_linux_glib.h"
-#include "base/loop/run_and_wait.h"
+#include "base/loop/io_thread.h"
 #include "base/loop/thread_pool.h"
 #include "tests/support/base/child.h"
 #include "tests/support/base/error_text.h"
@@ -22,11 +22,11 @@
 
 namespace {
 
-// What to do once, just before a main loop runs, and when a timer begins to call back.
+// Each runs once: just before a main loop runs, and when a timer begins to call back.
 std::function<void()> beforeMainLoop;
 std::function<void()> onTimer;
 
-// Whether GLib can start no more threads.
+// Whether GLib cannot start threads.
 std::atomic<bool> isOutOfThreads{false};
 
 void FailWithoutThreads(GError** error) {
@@ -40,26 +40,26 @@ Function* FindReal(Function* /*own*/, char const* name) {
 
 }  // namespace
 
-// These stand in for GLib's own, which they call. A loop cannot be quit before this:
+// These stand in for GLib's functions and call them. A main loop cannot be quit before this one.
 extern "C" void g_main_loop_run(GMainLoop* loop) {
   if (beforeMainLoop) std::exchange(beforeMainLoop, {})();
   FindReal(&g_main_loop_run, "g_main_loop_run")(loop);
 }
 
-// A timer asks who it is before it looks whether it still exists.
+// A timer's callback calls this before it looks whether its source is destroyed.
 extern "C" GSource* g_main_current_source() {
   if (onTimer) std::exchange(onTimer, {})();
   return FindReal(&g_main_current_source, "g_main_current_source")();
 }
 
-// As documented, an error leaves the item in the pool,
+// As GLib documents it, a push that fails leaves the item in the pool.
 extern "C" gboolean g_thread_pool_push(GThreadPool* pool, gpointer item, GError** error) {
   FindReal(&g_thread_pool_push, "g_thread_pool_push")(pool, item, nullptr);
   FailWithoutThreads(error);
   return isOutOfThreads ? FALSE : TRUE;
 }
 
-// and there is a pool as well.
+// As GLib documents it, an error may come with a pool.
 extern "C" GThreadPool* g_thread_pool_new(GFunc function, gpointer data, gint maximumThreads,
                                           gboolean exclusive, GError** error) {
   GThreadPool* const pool = FindReal(&g_thread_pool_new, "g_thread_pool_new")(
@@ -73,7 +73,7 @@ namespace {
 using Base::MakeCallback;
 using Base::Shared;
 
-// First, as these fork: no thread may be there yet.
+// These come first, because they fork: no thread may run yet.
 TEST(GlibProcessTest, TheShortestTimerOfALoopIsTenMilliseconds) {
   TemporaryDirectory const directory;
   std::string const path = directory.path / "trace";
@@ -82,7 +82,7 @@ TEST(GlibProcessTest, TheShortestTimerOfALoopIsTenMilliseconds) {
     Trace::InitializeTrace(true, "unused");
     auto const thread = Base::MakeShared<Base::ThreadLinuxGlib>();
     thread->PostTask(MakeCallback([&] {
-      // Behind the tasks of the round, so that nobody looks any more at what is due.
+      // In a task, so that the loop sets a timer for it before it looks at what is due.
       thread->PostScheduledTask(3, MakeCallback([] {}));
       beforeMainLoop = [&] { thread->Stop(); };
     }));
@@ -92,27 +92,31 @@ TEST(GlibProcessTest, TheShortestTimerOfALoopIsTenMilliseconds) {
   EXPECT_TRUE(ReadFile(path).find(" wakeTimeMs:10 }\n") != std::string::npos);
 }
 
-TEST(GlibProcessTest, ThePoolsOfAProcessRunTasksUntilTheyAreShutDown) {
+TEST(GlibProcessTest, TheThreadsOfAProcessRunTasksUntilTheyAreShutDown) {
   int const status = RunInChild([] {
     EventLog events;
     auto const note = [&events](auto const& isRight) {
       return MakeCallback([&events, isRight] { events.Add(isRight() ? "right" : "wrong"); });
     };
+    auto const ioThread = Base::GetIOThread();
     auto const pool = Base::GetThreadPool();
     auto const exclusive = Base::GetExclusiveThreadPool();
+    EXPECT_TRUE(ioThread == Base::GetIOThread());
     EXPECT_TRUE(pool == Base::GetThreadPool());
     auto const onGlibThread = [] { return Base::GetGlibThread()->IsCurrentThread(); };
     auto const elsewhere = [] { return !Base::Thread::GetCurrent(); };
+    ioThread->PostTask(note([&] { return ioThread->IsCurrentThread(); }));
     pool->PostTask(note(elsewhere));
     pool->PostScheduledTask(5, note(onGlibThread));
     exclusive->PostTask(note(elsewhere));
     exclusive->PostScheduledTask(5, note(elsewhere));
-    EXPECT_EQ(events.Take(4), "right;right;right;right;");
+    EXPECT_EQ(events.Take(5), "right;right;right;right;right;");
     pool->PostTask(note([] { return static_cast<bool>(Base::GetThreadPool()); }));
     Base::ShutdownThreadPools();
     Base::ShutdownThreadPools();
     EXPECT_EQ(events.Take(), "right;");
     EXPECT_THROW(pool->PostTask(note(elsewhere)), Base::Exception);
+    EXPECT_EQ(ErrorOf([] { Base::GetIOThread(); }), "ThreadPool has been shutdown");
     EXPECT_THROW(Base::GetThreadPool(), Base::Exception);
     EXPECT_THROW(Base::GetExclusiveThreadPool(), Base::Exception);
     EXPECT_THROW(Base::GetGlibThread(), Base::Exception);
@@ -152,15 +156,15 @@ class GlibTest : public LiveObjectsTest {
   Shared<Base::ThreadLinuxGlib> thread;
 };
 
-TEST_F(GlibTest, WhatIsAskedJustBeforeTheMainLoopIsNotLost) {
-  auto const ask = [this](std::function<void()> const& function) {
+TEST_F(GlibTest, APostOrStopJustBeforeTheMainLoopIsNotLost) {
+  auto const runBeforeMainLoop = [this](std::function<void()> const& function) {
     thread->PostTask(MakeCallback(
         [function] { beforeMainLoop = [function] { std::thread(function).join(); }; }));
   };
   thread->Start();
-  ask([this] { thread->PostTask(Note("posted")); });
+  runBeforeMainLoop([this] { thread->PostTask(Note("posted")); });
   EXPECT_EQ(events.Take(), "posted;");
-  ask([this] { thread->PostScheduledTask(0, Note("scheduled")); });
+  runBeforeMainLoop([this] { thread->PostScheduledTask(0, Note("scheduled")); });
   EXPECT_EQ(events.Take(), "scheduled;");
   thread->Stop();
 
@@ -201,17 +205,7 @@ TEST_F(GlibTest, APoolRunsTasksAtTheSameTime) {
   pool->Close(false);
 }
 
-TEST_F(GlibTest, APoolHasOneTimerAndTakesItAlong) {
-  for (bool const isClosed : {false, true}) {
-    auto const pool = MakePool(1);
-    for (int i = 0; i < 100; ++i) pool->PostScheduledTask(1'000'000 - i, Note("never"));
-    if (isClosed) pool->Close(false);
-    EXPECT_EQ(TakeTimers(pool), isClosed ? 0 : 1);
-    pool->Close(false);
-  }
-}
-
-TEST_F(GlibTest, ATimerThatComesTooLateTouchesNoPool) {
+TEST_F(GlibTest, ATimerThatFiresAfterCloseTouchesNoPool) {
   auto pool = MakePool(1);
   pool->PostScheduledTask(0, Note("never"));
   onTimer = [&pool] {
@@ -225,8 +219,8 @@ TEST_F(GlibTest, ATimerThatComesTooLateTouchesNoPool) {
   EXPECT_EQ(events.Take(0), "");
 }
 
-// From outside, Close runs what has been posted with or without its flag.
-TEST_F(GlibTest, CloseRunsWhatIsPostedAndDropsWhatIsScheduled) {
+// With or without its flag, as it comes from outside.
+TEST_F(GlibTest, CloseRunsPostedTasksAndDiscardsScheduledOnes) {
   for (bool const cancelTasks : {false, true}) {
     auto const pool = MakePool(1);
     int ran = 0;  // without a lock: Close is all the synchronisation it takes
@@ -268,25 +262,19 @@ TEST_F(GlibTest, CloseFromInsideATaskDoesNotWait) {
 }
 
 // The fixture finds a pool that is left.
-TEST_F(GlibTest, TheLastHandleMayGoInsideATask) {
+TEST_F(GlibTest, ATaskMayReleaseTheLastHandle) {
   thread->Start();
-  for (bool const exclusive : {false, true}) {
-    for (bool const scheduled : {false, true}) {
-      std::promise<void> alone;
-      auto pool = MakePool(1, exclusive);
-      Base::Task task = MakeCallback([this, pool, isAlone = alone.get_future()] {
-        isAlone.wait();
-        events.Add("ran");
-      });
-      if (scheduled) {
-        pool->PostScheduledTask(0, std::move(task));
-      } else {
-        pool->PostTask(std::move(task));
-      }
-      pool.Reset();
-      alone.set_value();
-      EXPECT_EQ(events.Take(), "ran;");
-    }
+  for (bool const scheduled : {false, true}) {
+    std::promise<void> alone;
+    auto pool = MakePool(1, scheduled);
+    Base::Task task = MakeCallback([this, pool, isAlone = alone.get_future()] {
+      isAlone.wait();
+      events.Add("ran");
+    });
+    scheduled ? pool->PostScheduledTask(0, std::move(task)) : pool->PostTask(std::move(task));
+    pool.Reset();
+    alone.set_value();
+    EXPECT_EQ(events.Take(), "ran;");
   }
 }
 
@@ -300,8 +288,7 @@ TEST_F(GlibTest, APoolWithoutThreadsFailsAndStillCloses) {
   pool->Close(false);
 }
 
-// Posts, timers and Close meet on as many threads. Every task that was taken is run or let go of,
-// and every posted one is run.
+// Four threads post, fire timers and close at once. Every posted task runs, and no task is left.
 TEST_F(GlibTest, PostsTimersAndCloseMayMeet) {
   thread->Start();
   for (int round = 0; round < 200; ++round) {

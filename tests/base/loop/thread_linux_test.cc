@@ -6,9 +6,6 @@
 #include <sys/wait.h>
 
 #include "base/exception.h"
-#include "base/loop/io_thread.h"
-#include "base/loop/thread_pool.h"
-#include "tests/support/base/child.h"
 #include "tests/support/base/loop/loop_fixture.h"
 
 namespace {
@@ -66,20 +63,6 @@ TEST_F(ThreadLinuxTest, ChildrenAreReportedHoweverTheyEnd) {
   EXPECT_NE(seen.find(std::to_string(exits) + ":" + std::to_string(3 << 8)), std::string::npos);
   EXPECT_NE(seen.find(std::to_string(dies) + ":"), std::string::npos);
   EXPECT_NE(seen.find("1:0;"), std::string::npos);
-}
-
-TEST(ProcessThreadsTest, TheIOThreadIsOneAndDoesNotComeBack) {
-  int const status = RunInChild([] {
-    auto const ioThread = Base::GetIOThread();
-    EXPECT_TRUE(ioThread == Base::GetIOThread());
-    EXPECT_FALSE(Base::IsIOThread());
-    Base::RunAndWait(*ioThread, [] { EXPECT_TRUE(Base::IsIOThread()); });
-    Base::ShutdownThreadPools();
-    Base::ShutdownThreadPools();
-    EXPECT_THROW(Base::GetIOThread(), Base::Exception);
-    EXPECT_FALSE(Base::IsIOThread());
-  });
-  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

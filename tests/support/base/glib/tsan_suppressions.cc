@@ -5,7 +5,8 @@
 // GLib, against the thread that created that pool.
 //
 // This ignores what GLib itself calls (malloc, free, memcpy) and nothing that GLib calls back. A
-// suppression of races by the library's name would cover every stack of a worker, our code included.
+// suppression of races by the library's name would cover every stack of a worker, our code
+// included.
 extern "C" char const* __tsan_default_suppressions();  // NOLINT(*-reserved-identifier)
 
 char const* __tsan_default_suppressions() { return "called_from_lib:libglib-2.0.so"; }
