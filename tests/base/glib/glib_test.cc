@@ -264,18 +264,19 @@ TEST_F(GlibTest, CloseFromInsideATaskDoesNotWait) {
 // The fixture finds a pool that is left.
 TEST_F(GlibTest, ATaskMayReleaseTheLastHandle) {
   thread->Start();
-  for (bool const scheduled : {false, true}) {
-    std::promise<void> alone;
-    auto pool = MakePool(1, scheduled);
-    Base::Task task = MakeCallback([this, pool, isAlone = alone.get_future()] {
-      isAlone.wait();
-      events.Add("ran");
-    });
-    scheduled ? pool->PostScheduledTask(0, std::move(task)) : pool->PostTask(std::move(task));
-    pool.Reset();
-    alone.set_value();
-    EXPECT_EQ(events.Take(), "ran;");
-  }
+  for (bool const exclusive : {false, true})
+    for (bool const scheduled : {false, true}) {
+      std::promise<void> alone;
+      auto pool = MakePool(1, exclusive);
+      Base::Task task = MakeCallback([this, pool, isAlone = alone.get_future()] {
+        isAlone.wait();
+        events.Add("ran");
+      });
+      scheduled ? pool->PostScheduledTask(0, std::move(task)) : pool->PostTask(std::move(task));
+      pool.Reset();
+      alone.set_value();
+      EXPECT_EQ(events.Take(), "ran;");
+    }
 }
 
 TEST_F(GlibTest, APoolWithoutThreadsFailsAndStillCloses) {
