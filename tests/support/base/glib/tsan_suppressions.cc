@@ -7,6 +7,6 @@
 // This ignores what GLib itself calls (malloc, free, memcpy) and nothing that GLib calls back. A
 // suppression of races by the library's name would cover every stack of a worker, our code
 // included.
-extern "C" char const* __tsan_default_suppressions();  // NOLINT(*-reserved-identifier)
+extern "C" char const* __tsan_default_suppressions();  // NOLINT: its name
 
 char const* __tsan_default_suppressions() { return "called_from_lib:libglib-2.0.so"; }
