@@ -3,7 +3,6 @@
 #include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -26,9 +25,9 @@ constexpr std::int64_t connectRetryMs = 10;
 
 // To connect to a socket file takes the permission to write to it. Empty where no group has that.
 std::string DescribeWhoMayConnect(Net::Address const& address) {
-  auto const* const path = reinterpret_cast<sockaddr_un const*>(address.GetData())->sun_path;
+  std::string const path = address.GetUnixPath();
   struct stat file {};
-  if (stat(path, &file) == -1 || (file.st_mode & S_IWGRP) == 0) return {};
+  if (stat(path.c_str(), &file) == -1 || (file.st_mode & S_IWGRP) == 0) return {};
   group entry{};
   group* found = nullptr;
   std::array<char, 4096> texts;

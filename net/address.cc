@@ -150,7 +150,7 @@ Address Address::Resolve(std::string const& name, std::uint32_t port, std::strin
     case AF_INET:
       return FromIPv4(ReadRecord<sockaddr_in>(address).sin_addr, static_cast<std::uint16_t>(port));
     case AF_INET6: {
-      auto record = ReadRecord<sockaddr_in6>(address);  // as it is: it may have a scope
+      auto record = ReadRecord<sockaddr_in6>(address);  // whole: it may have a scope
       record.sin6_port = htons(static_cast<std::uint16_t>(port));
       return FromRecord(record);
     }
@@ -210,6 +210,12 @@ std::string Address::GetInterfaceName() const {
     if (address.ToText() == text) name = entry->ifa_name;
   }
   return name;
+}
+
+std::string Address::GetUnixPath() const {
+  if (GetFamily() != AF_UNIX) return {};
+  auto const record = ReadRecord<sockaddr_un>(*this);
+  return {record.sun_path, strnlen(record.sun_path, sizeof record.sun_path)};
 }
 
 int Address::GetFamily() const {

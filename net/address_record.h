@@ -6,11 +6,12 @@
 
 #include "net/address.h"
 
-// Addresses as the kernel's records, sockaddr_in and the like; for the address itself.
+// Addresses as the kernel's records, sockaddr_in and the like.
 
 namespace Net {
 
-// Copied, because the storage holds no object of that type; what the address lacks is zero.
+// Copies the bytes, because the storage holds no object of that type. The part of the record that a
+// short address lacks is zero.
 template <typename Record>
 Record ReadRecord(Address const& address) {
   Record record{};

@@ -21,7 +21,20 @@
 
 TRACE_MODULE("address");
 
-// Addresses to text and back. Parsing ends in an empty result where the text is no address.
+// Addresses to text and back.
+//
+// Each family has a text of its own, which shows the fields of its record. A record that does not
+// have the family's length, or has something in a field that the text leaves out, such as an IPv6
+// flow label, gets the text of any other family instead: its bytes in hexadecimal. So no two
+// different addresses share a text, which comparing addresses by their texts relies on.
+//
+// An AF_UNIX path is the exception that the kernel makes, too: bytes after the path's terminating
+// zero do not count, as long as they are zeros. A path has therefore one text at any length.
+//
+// Parsing takes more texts than `ToText` writes, but no text for two addresses: the prefix "unix:",
+// the bracket of IPv6 and the lone number of a family tell the forms apart. A parser returns an
+// empty result when the text is no address; `FromText` alone logs and throws. The system's parsers
+// stop at a zero byte, so a text with one is refused before any of them sees it.
 
 namespace Net {
 
@@ -46,8 +59,7 @@ void AppendName(std::string& out, std::string_view name) {
   }
 }
 
-// Empty, like the next two, for a record that is no whole one, or has something in it that the text
-// would not tell.
+// Empty, as are `IPv4Text` and `IPv6Text`, for a record whose text would leave something out.
 std::optional<std::string> UnixText(Address const& address) {
   std::string text(unixPrefix);
   if (address.GetLength() <= pathOffset) return text;
@@ -126,7 +138,7 @@ std::optional<Address> ParseUnix(std::string_view text) {
   if (text.empty()) return FromRecord(record, pathOffset);
   bool const isAbstract = text.front() == '@';
   auto const name = Unescape(text.substr(isAbstract ? 1 : 0));
-  // The kernel takes and gives names that fill the record; a path then has no zero after it.
+  // The kernel accepts names that fill the record; such a path has no terminating zero.
   std::span const room = std::span(record.sun_path).subspan(isAbstract ? 1 : 0);
   if (!name || name->size() > room.size()) return {};
   if (!isAbstract && name->find('\0') != std::string::npos) return {};
@@ -162,13 +174,12 @@ std::optional<Address> ParseBytes(sa_family_t family, std::string_view digits) {
     Address const address(bytes.data(), Trace::FromHex(digits, bytes));
     if (address.GetFamily() == family) return address;
   } catch (Base::Exception const&) {
-    // The trace has what it is.
+    // Already logged.
   }
   return {};
 }
 
 std::optional<Address> Parse(std::string_view text) {
-  // The system's parsers would take it for the end.
   if (text.find('\0') != std::string_view::npos) return {};
   if (text.starts_with(unixPrefix)) return ParseUnix(text.substr(unixPrefix.size()));
   auto const colon = text.rfind(':');
