@@ -12,10 +12,26 @@
 
 TRACE_MODULE("file_stream_linux");
 
-// What epoll says of a descriptor is only when to try again: a hang-up or an error is what read(2)
-// or write(2) then makes of it. A hang-up is no end by itself, for it comes while there are still
-// bytes to read; and a watch of which nothing is asked would go on reporting it. So there is a
-// watch only while an operation waits.
+// A file tries each read and write at once. One that would block becomes pending: the file keeps
+// its callback and buffer, and arms the watch. The watch has the events of what is pending, and
+// goes with the last pending operation. It cannot stay, as that of a socket does: epoll(7) reports
+// a hang-up even to a watch without events, and a pipe's would be reported in every round of the
+// loop until the file closes.
+//
+// An event only says when to try again; the system call decides what has happened:
+//   - A hang-up is no end by itself, because there may be bytes left to read. read(2) finds the
+//     bytes first and the end after them.
+//   - An error event is what read(2) or write(2) then fails with, such as EPIPE.
+//   - EAGAIN means that another process was faster, and the operation still waits. The exception is
+//     a terminal whose other side is gone: it goes on to fail with EAGAIN while epoll reports the
+//     hang-up in every round. That ends the operation with EIO.
+//
+// The read goes before the write. Their completions are posted, so no callback changes the file
+// between the two; the failed read ends the write as well.
+//
+// `Close` ends what is pending before it closes the descriptor, so it reports also when close(2)
+// fails. A descriptor that is always ready, such as /dev/zero, never waits: its completions are
+// posted through a step budget, or the loop would not poll again as long as its reader reads on.
 
 namespace IO {
 
@@ -27,11 +43,10 @@ bool Has(int events, std::uint32_t bits) {
   return (static_cast<std::uint32_t>(events) & bits) != 0;
 }
 
-// A terminal whose other side is gone would still block, and be reported without end.
 bool IsOver(int events) { return Has(events, EPOLLHUP | EPOLLERR); }
 
-// Reads or writes once, by `call`. A signal is no outcome: a terminal looks for one even where it
-// does not wait.
+// Reads or writes once, by `call`, and again after a signal: a terminal looks for signals even when
+// it does not block.
 template <typename Call, typename Bytes>
 ssize_t Transfer(Call call, Base::UniqueFd const& fd, Bytes const& data) {
   ssize_t length = -1;
@@ -84,7 +99,7 @@ void FileStreamLinux::Post(Callback callback, Results... results) {
 
 void FileStreamLinux::Read(Buffer data, ReadCallback callback) {
   ThrowIfClosed("Attempt to read from closed file", data);
-  if (_readCallback) {
+  if (_read) {
     TRACE_ERROR("Attempt to read from already reading file", this, data);
     throw Base::Exception("File already reading");
   }
@@ -101,8 +116,7 @@ void FileStreamLinux::Read(Buffer data, ReadCallback callback) {
   } else if (error == EAGAIN) {
     TRACE_DEBUG("Read will complete async", this, data, error);
     Arm(EPOLLIN);
-    _readCallback = std::move(callback);
-    _readBuffer = std::move(data);
+    _read = {std::move(callback), std::move(data)};
   } else {
     TRACE_ERROR("Failed to read", this, data, error);
     Post(std::move(callback), StatusOf(error), Buffer(), true);
@@ -112,7 +126,7 @@ void FileStreamLinux::Read(Buffer data, ReadCallback callback) {
 
 void FileStreamLinux::Write(Buffer data, WriteCallback callback) {
   ThrowIfClosed("Attempt to write to closed file", data);
-  if (_writeCallback) {
+  if (_write) {
     TRACE_ERROR("Attempt to write to already writing file", this, data);
     throw Base::Exception("File already writing");
   }
@@ -129,8 +143,7 @@ void FileStreamLinux::Write(Buffer data, WriteCallback callback) {
   } else if (error == EAGAIN) {
     TRACE_DEBUG("Write will complete async", this, data, error);
     Arm(EPOLLOUT);
-    _writeCallback = std::move(callback);
-    _writeBuffer = std::move(data);
+    _write = {std::move(callback), std::move(data)};
   } else {
     TRACE_ERROR("Failed to write", this, data, error);
     Post(std::move(callback), StatusOf(error), Buffer());
@@ -161,21 +174,19 @@ void FileStreamLinux::Disarm(std::uint32_t event) {
 
 void FileStreamLinux::OnEvents(int events) {
   TRACE_DEBUG("File watch events", this, events);
-  if (Has(events, EPOLLIN | EPOLLHUP | EPOLLERR) && _readCallback) OnReadable(events);
-  if (Has(events, EPOLLOUT | EPOLLHUP | EPOLLERR) && _writeCallback) OnWritable(events);
+  if (Has(events, EPOLLIN | EPOLLHUP | EPOLLERR) && _read) OnReadable(events);
+  if (Has(events, EPOLLOUT | EPOLLHUP | EPOLLERR) && _write) OnWritable(events);
 }
 
 void FileStreamLinux::OnReadable(int events) {
-  ssize_t const bytesRead = Transfer(&read, _fd, _readBuffer);
+  ssize_t const bytesRead = Transfer(&read, _fd, _read.buffer);
   int error = errno;
   if (bytesRead == -1 && error == EAGAIN) {
-    if (!IsOver(events)) return;  // somebody else was faster; it still waits
+    if (!IsOver(events)) return;  // another reader was faster; the operation still waits
     error = EIO;
   }
   Disarm(EPOLLIN);
-  // Out of their fields first: what follows ends what is pending.
-  ReadCallback callback = std::exchange(_readCallback, {});
-  Buffer const data = std::exchange(_readBuffer, {});
+  auto [callback, data] = _read.Take();
   if (bytesRead >= 0) {
     TRACE_DEBUG("Async file read succeeded", this, events, bytesRead);
     Post(std::move(callback), Base::Status(), data.Slice(0, static_cast<std::size_t>(bytesRead)),
@@ -188,15 +199,14 @@ void FileStreamLinux::OnReadable(int events) {
 }
 
 void FileStreamLinux::OnWritable(int events) {
-  ssize_t const bytesWritten = Transfer(&write, _fd, _writeBuffer);
+  ssize_t const bytesWritten = Transfer(&write, _fd, _write.buffer);
   int error = errno;
   if (bytesWritten == -1 && error == EAGAIN) {
     if (!IsOver(events)) return;
     error = EIO;
   }
   Disarm(EPOLLOUT);
-  WriteCallback callback = std::exchange(_writeCallback, {});
-  Buffer const data = std::exchange(_writeBuffer, {});
+  auto [callback, data] = _write.Take();
   if (bytesWritten >= 0) {
     TRACE_DEBUG("Async file write succeeded", this, events, bytesWritten);
     Post(std::move(callback), Base::Status(),
@@ -209,11 +219,11 @@ void FileStreamLinux::OnWritable(int events) {
 }
 
 void FileStreamLinux::OnWatchDropped() noexcept {
-  if (_watchEvents == 0) return;  // taken away by the file itself, which has reported what waited
+  if (_watchEvents == 0) return;  // the file removed its watch, since nothing waited any more
   _watchEvents = 0;
-  // Out of their fields first: what goes with them may come back to this file.
-  auto const writeCallback = std::exchange(_writeCallback, {});
-  auto const readCallback = std::exchange(_readCallback, {});
+  // Out of their fields before they are destroyed: that may lead back to this file.
+  auto const write = _write.Take();
+  auto const read = _read.Take();
 }
 
 void FileStreamLinux::Close() {
@@ -240,48 +250,31 @@ void FileStreamLinux::CloseQuietly() {
 
 void FileStreamLinux::EndPendingOperations() {
   Base::Status const status = Base::Exception("File closed");
-  if (_writeCallback) {
-    Post(std::exchange(_writeCallback, {}), status, std::exchange(_writeBuffer, {}));
+  if (_write) {
+    auto [callback, data] = _write.Take();
+    Post(std::move(callback), status, std::move(data));
   }
-  if (_readCallback) {
-    Post(std::exchange(_readCallback, {}), status, std::exchange(_readBuffer, {}), true);
+  if (_read) {
+    auto [callback, data] = _read.Take();
+    Post(std::move(callback), status, std::move(data), true);
   }
 }
 
 FileReadStreamLinux::FileReadStreamLinux(Base::Shared<FileStreamLinux> file, std::size_t bufferSize)
-    : _file(std::move(file)), _bufferSize(bufferSize) {
-  TRACE_VERBOSE("Created read stream", this, bufferSize);
+    : SingleReadStream(traceModule, bufferSize), _file(std::move(file)) {}
+
+void FileReadStreamLinux::ReadOnce(Base::ByteBuffer buffer, Callback callback) {
+  _file->Read(std::move(buffer), std::move(callback));
 }
 
-void FileReadStreamLinux::Read(Callback callback) {
-  GetOpenFile().Read(_bufferSize == 0 ? Base::ByteBuffer() : Base::ByteBuffer::Zeroed(_bufferSize),
-                     std::move(callback));
-}
-
-void FileReadStreamLinux::ReadInto(Base::Buffer<unsigned char> buffer, Callback callback) {
-  GetOpenFile().Read(std::move(buffer), std::move(callback));
-}
-
-void FileReadStreamLinux::Close() {
-  if (!_file) return;
-  TRACE_VERBOSE("Closing read stream", this);
-  std::exchange(_file, {})->Close();
-}
-
-FileStreamLinux& FileReadStreamLinux::GetOpenFile() const {
-  if (!_file) {
-    TRACE_ERROR("Attempt to read from closed stream", this);
-    throw Base::Exception("Read Stream Closed");
-  }
-  return *_file;
-}
+void FileReadStreamLinux::CloseSource() { std::exchange(_file, {})->Close(); }
 
 FileWriteStreamLinux::FileWriteStreamLinux(Base::Shared<FileStreamLinux> file)
     : WholeWriteStream(traceModule), _file(std::move(file)) {
   TRACE_VERBOSE("Created write stream", this);
 }
 
-void FileWriteStreamLinux::WriteOnce(Base::Buffer<unsigned char> data, Callback callback) {
+void FileWriteStreamLinux::WriteOnce(Base::ByteBuffer data, Callback callback) {
   if (!_file) {
     TRACE_ERROR("Attempt to write to closed stream", this);
     throw Base::Exception("Write Stream Closed");

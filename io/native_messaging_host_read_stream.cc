@@ -16,7 +16,7 @@ namespace {
 
 using Callback = NativeMessagingHostReadStream::Callback;
 
-// For outcomes that are this stream's own and not the source's: as a task of their own.
+// Posts an outcome that this stream and not its source found.
 void PostOutcome(Callback const& callback, Base::Status status, bool complete) {
   Base::GetIOThread()->PostTask(Base::MakeCallback(
       [callback, status = std::move(status), complete] { callback->Call(status, {}, complete); }));
@@ -76,10 +76,10 @@ void NativeMessagingHostReadStream::OnSizeRead(Base::Status const& err, Buffer c
   }
   TRACE_VERBOSE("Reading data", packetSize);
   try {
-    // Uninitialised: who announces a packet and does not send it has taken address space only.
+    // Uninitialised, so a client that announces a packet and never sends it costs no memory.
     ReadData(Buffer::Uninitialized(packetSize), packetSize, callback);
   } catch (std::exception const& thrown) {
-    // No caller is left on the stack to catch it; one still waits for its callback.
+    // No caller is on the stack to catch it, and the caller still waits for its callback.
     callback->Call(Base::Exception(thrown.what()), {}, complete);
   }
 }
@@ -99,7 +99,7 @@ void NativeMessagingHostReadStream::OnDataRead(Base::Status const& err, Buffer c
                                                bool complete, Buffer const& allData,
                                                std::size_t remaining, Callback const& callback) {
   if (!err && data.GetLength() == 0 && complete) {
-    // Asked again, an ended stream would go on to say so.
+    // Reading on would find the same end again, without end.
     OnDataRead(Base::Exception("Unexpected End Of Stream"), data, complete, allData, remaining,
                callback);
     return;

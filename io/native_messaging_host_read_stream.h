@@ -17,7 +17,7 @@ namespace IO {
 //   4       n     payload, unterminated and unpadded
 //
 // Threads:  the IO thread, where the source completes.
-// Lifetime: a pending `Read` holds the stream; letting go of it does not cut the read short.
+// Lifetime: a pending `Read` holds the stream, so it completes also without other handles.
 class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer<unsigned char>> {
  public:
   // Accepts payloads of up to `maxPacketSize` bytes, that size included.
@@ -26,12 +26,13 @@ class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer
 
   // Reads one packet; calls back exactly once, never from inside this call, with
   // (status, payload, complete). `complete` is the end of the stream: success and no payload, or
-  // the last payload where the source reports its end along with the last bytes. Failures: the
+  // the last payload when the source reports its end along with the last bytes. Failures: the
   // source's own; "Invalid Header Size"; "Unexpected End Of Stream"; "Max Packet Size Exceeded",
-  // which leaves the payload unread. One read at a time, none after `Close`.
+  // which leaves the payload unread; "Read Stream Closed" after a `Close` between two reads of the
+  // source. Throws what the source throws at once. One read at a time, none after `Close`.
   void Read(Callback callback) override;
 
-  // Closes the source and lets go of it; a second call does nothing.
+  // Closes the source and releases it; a second call does nothing.
   void Close() override;
 
  private:

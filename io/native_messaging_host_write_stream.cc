@@ -44,7 +44,7 @@ void NativeMessagingHostWriteStream::OnSizeWritten(Base::Status const& err, Buff
   }
   TRACE_DEBUG("Writing data", this, data, Trace::As("sizeHex", Trace::ToHex(size.GetSpan())));
   if (data.GetLength() == 0) {
-    // A write of nothing would be an empty record on a packet socket.
+    // On a packet socket a write of no bytes would be an empty record.
     OnDataWritten(err, data, callback);
     return;
   }
@@ -55,7 +55,7 @@ void NativeMessagingHostWriteStream::OnSizeWritten(Base::Status const& err, Buff
                           self->OnDataWritten(status, data, callback);
                         }));
   } catch (std::exception const& thrown) {
-    // No caller is left on the stack to catch it; one still waits for its callback.
+    // No caller is on the stack to catch it, and the caller still waits for its callback.
     OnDataWritten(Base::Exception(thrown.what()), data, callback);
   }
 }

@@ -17,12 +17,13 @@ class NativeMessagingHostWriteStream final : public Base::WriteStream<Base::Buff
   explicit NativeMessagingHostWriteStream(Base::Shared<FileWriteStream> destination);
 
   // Writes one packet whose payload is `data`, as two writes on the destination, the length and the
-  // payload; an empty payload is the length alone. Calls back once with (status, data); a failure
-  // is the destination's. The length is the low 32 bits of the payload's. One write at a time, none
-  // after `Close`.
+  // payload; an empty payload is the length alone. The length is the low 32 bits of the payload's.
+  // Calls back exactly once, never from inside this call, with (status, data). Failures: the
+  // destination's own; "Write Stream Closed" after a `Close` between the two writes. Throws what
+  // the first write throws. One write at a time, none after `Close`.
   void Write(Base::Buffer<unsigned char> data, Callback callback) override;
 
-  // Closes the destination and lets go of it; a second call does nothing.
+  // Closes the destination and releases it; a second call does nothing.
   void Close() override;
 
  private:

@@ -12,7 +12,7 @@ WholeWriteStream::WholeWriteStream(Base::Shared<Trace::Log> log) : _log(std::mov
 void WholeWriteStream::Write(Buffer data, Callback callback) { Send(0, data, callback); }
 
 void WholeWriteStream::Send(std::size_t offset, Buffer const& total, Callback const& callback) {
-  // The completion holds the stream: its user may let go while bytes are still under way.
+  // The completion holds the stream: its user may release it while bytes are still under way.
   auto onWritten = Base::MakeCallback([self = Base::Shared(this), offset, total, callback](
                                           Base::Status const& status, Buffer written) {
     self->OnWritten(status, written, offset, total, callback);
@@ -41,7 +41,7 @@ void WholeWriteStream::OnWritten(Base::Status const& status, Buffer const& writt
   try {
     Send(newOffset, total, callback);
   } catch (std::exception const& err) {
-    // No caller is left on the stack to catch it; one still waits for its callback.
+    // No caller is on the stack to catch it, and the caller still waits for its callback.
     callback->Call(Base::Exception(err.what()), total);
   }
 }

@@ -10,20 +10,20 @@
 
 namespace IO {
 
-// A sink that writes its data by as many single writes as that takes: what sinks over a socket and
-// over a file have in common.
+// A byte sink that repeats single writes until all data is written: the common base of sinks over a
+// socket and over a file.
 class WholeWriteStream : public FileWriteStream {
  public:
-  // Calls back once with all of `data`, after its last byte or the first error. Throws what the
-  // first `WriteOnce` throws; what a later one throws is such an error.
+  // Calls back exactly once with all of `data`, after its last byte or the first error. Throws what
+  // the first `WriteOnce` throws; the callback reports what a later one throws.
   void Write(Base::Buffer<unsigned char> data, Callback callback) final;
 
  protected:
-  // Logs as `log`, the derived stream's module.
+  // Logs as `log`, the module of the derived stream.
   explicit WholeWriteStream(Base::Shared<Trace::Log> log);
 
-  // Writes once; calls back with the part of `data` that was taken, which may be all. Where there
-  // is something to take, nothing taken would be tried again without end.
+  // Writes once; calls back with the part of `data` that was taken, which may be all. It takes at
+  // least one byte of data that is not empty, or `Write` would repeat it without end.
   virtual void WriteOnce(Base::Buffer<unsigned char> data, Callback callback) = 0;
 
  private:

@@ -1,23 +1,42 @@
 #include "net/socket_linux.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <exception>
 #include <limits>
 #include <utility>
 
 #include "base/exception.h"
+#include "net/accept_backoff.h"
+#include "net/socket_calls.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("socket_linux");
+
+// A socket tries each connect, read and write at once. An operation that would block becomes
+// pending: the socket keeps its callback and buffer, and arms the watch for its event.
+//
+// The watch has three states: there is none (`noWatch`) until the first operation has to wait; it
+// is armed with the events of what is pending; or it has no events left. The last state is not the
+// first: epoll(7) reports a hang-up and an error even to a watch without events, so an idle socket
+// learns that its peer is gone, and closes.
+//
+// `_error` latches what ended the socket. `Close` latches "Socket closed", and a read or write that
+// fails closes the socket after it has reported its errno. A hang-up or an error event closes the
+// descriptor first and then latches its own text, which the pending operations report. A failed
+// bind or connect latches nothing: the caller may try again.
+//
+// One event may carry several bits. `OnEvents` completes
+//   1. the connect, which everything else needs;
+//   2. one accept: the level-triggered watch reports the next connection in the loop's next round;
+//   3. the read, because bytes that came before a hang-up are still to be delivered;
+//   4. the write;
+//   5. an error, or a hang-up without EPOLLIN: nothing is left to read, and all else ends.
+// Completions are posted, so no callback changes the socket between two steps. A step may close
+// the socket: the later ones then find nothing pending.
 
 namespace Net {
 
@@ -25,34 +44,18 @@ namespace {
 
 constexpr std::uint32_t noWatch = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint32_t readEvents = EPOLLIN | EPOLLPRI;
-constexpr long resourceRestNs = 100'000'000;  // how often it looks whether there are some again
-constexpr time_t otherRestSeconds = 1;
 
 bool Has(int events, std::uint32_t bit) { return (static_cast<std::uint32_t>(events) & bit) != 0; }
 
-bool IsOutOfResources(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-// The fate of one connection, which is then out of the backlog; any other failure would be reported
-// again at once, and so on without end.
-bool ConcernsOneConnection(int error) { return error == ECONNABORTED || error == EINTR; }
-
-// Whether this process and the system have a descriptor to spare.
-bool HasFreeDescriptor() { return static_cast<bool>(Base::UniqueFd(eventfd(0, EFD_CLOEXEC))); }
+Base::Status StatusOf(int error) { return Base::Exception(Base::ErrnoText(error)); }
 
 }  // namespace
 
 SocketLinux::SocketLinux(int domain, int type, int protocol,
                          Base::Shared<Base::ThreadLinux> ioThread)
-    : _fd(socket(domain, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol)),
+    : _fd(OpenSocket(domain, type, protocol)),
       _ioThread(std::move(ioThread)),
       _watchEvents(noWatch) {
-  if (!_fd) {
-    int const error = errno;
-    TRACE_ERROR("Failed to create socket", domain, type, protocol, error);
-    throw Base::ExceptionPosix(error);
-  }
   TRACE_VERBOSE("Created socket", this, domain, type, protocol, Trace::As("fd", _fd.Get()));
 }
 
@@ -62,19 +65,11 @@ SocketLinux::SocketLinux(Base::UniqueFd fd, Base::Shared<Base::ThreadLinux> ioTh
     TRACE_ERROR("Invalid socket", Trace::As("fd", _fd.Get()));
     throw Base::Exception("Invalid socket");
   }
-  int const flags = fcntl(_fd.Get(), F_GETFL);
-  if (flags == -1) {
-    int const error = errno;
-    TRACE_ERROR("Failed to read attached socket access mode", Trace::As("fd", _fd.Get()), error);
-    throw Base::ExceptionPosix(error);
-  }
-  if (fcntl(_fd.Get(), F_SETFL, flags | O_NONBLOCK) == -1) {
-    int const error = errno;
-    TRACE_ERROR("Failed to set attached socket non blocking", Trace::As("fd", _fd.Get()), error);
-    throw Base::ExceptionPosix(error);
-  }
+  int const flags = MakeNonBlocking(_fd);
   TRACE_VERBOSE("Attached socket", this, Trace::As("fd", _fd.Get()), flags);
 }
+
+SocketLinux::~SocketLinux() = default;
 
 template <typename... Fields>
 void SocketLinux::ThrowLatchedError(std::string_view message, Fields const&... fields) {
@@ -114,7 +109,7 @@ void SocketLinux::SetOption(int level, int option, void const* value, socklen_t 
 }
 
 PeerCredentials SocketLinux::GetPeerCredentials() {
-  // The text is that of SetOption: kept as it is.
+  // Deliberate: the ERROR line is that of SetOption.
   ThrowLatchedError("Attempt to set option after error");
   PeerCredentials credentials;
   socklen_t length = sizeof credentials;
@@ -133,9 +128,12 @@ void SocketLinux::Listen(int maxConnections, AcceptCallback acceptCallback) {
     int const error = errno;
     TRACE_ERROR("Failed to listen", this, maxConnections);
     PostAcceptError(Base::ErrnoText(error));
-    // And on as if it had succeeded: kept as it is.
+    // Deliberate: the socket goes on as if it listened, and logs that it does.
   }
-  MakeRestTimer();
+  if (!_acceptBackoff) {
+    _acceptBackoff = Base::MakeShared<AcceptBackoff>(_ioThread);
+    _acceptBackoff->Watch(Base::MakeCallback([self = Base::Shared(this)] { self->Arm(EPOLLIN); }));
+  }
   Arm(EPOLLIN);
   TRACE_VERBOSE("Socket listening", maxConnections);
 }
@@ -148,7 +146,8 @@ void SocketLinux::Connect(Address const& address, Base::StatusCallback callback)
   }
   int const result = connect(_fd.Get(), address.GetData(), address.GetLength());
   int const error = errno;
-  // errno decides, even after a connect() that returned 0: kept as it is.
+  // Deliberate: errno decides, so a connect() that returned 0 counts as pending when errno held
+  // EINPROGRESS.
   if (error == EINPROGRESS) {
     TRACE_DEBUG("Connect will complete async", this, address);
     Arm(EPOLLOUT);
@@ -158,7 +157,7 @@ void SocketLinux::Connect(Address const& address, Base::StatusCallback callback)
     Post(std::move(callback), Base::Status());
   } else {
     TRACE_ERROR("Failed to connect socket", this, address, error);
-    Post(std::move(callback), Base::Status(Base::Exception(Base::ErrnoText(error))));
+    Post(std::move(callback), StatusOf(error));
   }
 }
 
@@ -174,7 +173,7 @@ void SocketLinux::Disconnect(Base::StatusCallback callback) {
 
 void SocketLinux::Write(Buffer data, WriteCallback callback) {
   ThrowLatchedError("Attempt to write after error", Trace::As("data", data));
-  if (_writeCallback) {
+  if (_write) {
     TRACE_ERROR("Attempt to write to already writing socket", this, data);
     throw Base::Exception("Socket already writing");
   }
@@ -182,26 +181,24 @@ void SocketLinux::Write(Buffer data, WriteCallback callback) {
     TRACE_ERROR("Attempt to write with invalid callback", this);
     throw Base::Exception("Invalid Callback");
   }
-  ssize_t const bytesWritten = send(_fd.Get(), data.GetData(), data.GetLength(), 0);
-  int const error = errno;
+  auto const [bytesWritten, error] = Send(_fd, data);
   if (bytesWritten >= 0) {
     TRACE_VERBOSE("Write succeeded", this, data, bytesWritten);
     Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesWritten)));
   } else if (error == EAGAIN) {
     TRACE_DEBUG("Write will complete async", this, data, error);
     Arm(EPOLLOUT);
-    _writeCallback = std::move(callback);
-    _writeBuffer = std::move(data);
+    _write = {std::move(callback), std::move(data)};
   } else {
     TRACE_ERROR("Failed to write", this, data, error);
-    Post(std::move(callback), Base::Status(Base::Exception(Base::ErrnoText(error))), Buffer());
+    Post(std::move(callback), StatusOf(error), Buffer());
     CloseQuietly();
   }
 }
 
 void SocketLinux::Read(Buffer data, ReadCallback callback) {
   ThrowLatchedError("Attempt to read after error", Trace::As("data", data));
-  if (_readCallback) {
+  if (_read) {
     TRACE_ERROR("Attempt to read to already reading socket", this, data);
     throw Base::Exception("Socket already reading");
   }
@@ -209,7 +206,7 @@ void SocketLinux::Read(Buffer data, ReadCallback callback) {
     TRACE_ERROR("Attempt to read with invalid callback", this);
     throw Base::Exception("Invalid Callback");
   }
-  auto const [ret, error] = Receive(data);
+  auto const [ret, error, isTruncated] = Receive(data);
   if (ret >= 0) {
     TRACE_VERBOSE("Read succeeded", this, data, Trace::As("bytesRead", ret));
     Post(std::move(callback), Base::Status(), data.Slice(0, static_cast<std::size_t>(ret)),
@@ -218,29 +215,20 @@ void SocketLinux::Read(Buffer data, ReadCallback callback) {
     TRACE_DEBUG("Read will complete async", this, data, Trace::As("ptr", data.GetData()),
                 Trace::As("ret", ret), Trace::As("error", error));
     Arm(EPOLLIN);
-    _readCallback = std::move(callback);
-    _readBuffer = std::move(data);
+    _read = {std::move(callback), std::move(data)};
   } else {
     TRACE_ERROR("Failed to read", this, data, Trace::As("error", error), Trace::As("ret", ret));
-    Post(std::move(callback), Base::Status(Base::Exception(Base::ErrnoText(error))), Buffer(),
-         true);
+    Post(std::move(callback), StatusOf(error), Buffer(), true);
     Close();
   }
 }
 
-SocketLinux::Received SocketLinux::Receive(Buffer const& data) {
-  // recvmsg, because it tells of a record that was cut. Without a control buffer descriptors that a
-  // peer sends along are closed by the kernel.
-  iovec part{data.GetData(), data.GetLength()};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  ssize_t const bytesRead = recvmsg(_fd.Get(), &message, 0);
-  int const error = errno;
-  if (bytesRead >= 0 && (message.msg_flags & MSG_TRUNC) != 0) {
-    TRACE_WARNING("Record was truncated", this, bytesRead);
+Received SocketLinux::Receive(Buffer const& data) {
+  Received const received = Net::Receive(_fd, data);
+  if (received.isTruncated) {
+    TRACE_WARNING("Record was truncated", this, Trace::As("bytesRead", received.length));
   }
-  return {bytesRead, error};
+  return received;
 }
 
 void SocketLinux::Arm(std::uint32_t event) {
@@ -268,8 +256,8 @@ void SocketLinux::OnEvents(int events) {
   if (!_fd) return;
   if (Has(events, EPOLLOUT) && _connectCallback) OnConnected();
   if (Has(events, EPOLLIN) && _acceptCallback) OnAcceptable();
-  if (Has(events, EPOLLIN | EPOLLHUP) && _readCallback) OnReadable(events);
-  if (Has(events, EPOLLOUT) && _writeCallback) OnWritable(events);
+  if (Has(events, EPOLLIN | EPOLLHUP) && _read) OnReadable(events);
+  if (Has(events, EPOLLOUT) && _write) OnWritable(events);
   if (Has(events, EPOLLERR) || (Has(events, EPOLLHUP) && !Has(events, EPOLLIN))) {
     OnHangUpOrError(events);
   }
@@ -282,14 +270,9 @@ void SocketLinux::OnConnected() {
 }
 
 void SocketLinux::OnAcceptable() {
-  std::array<unsigned char, 16> record{};
-  socklen_t length = record.size();
-  Base::UniqueFd fd(
-      accept4(_fd.Get(), reinterpret_cast<sockaddr*>(record.data()), &length, SOCK_CLOEXEC));
-  int const error = errno;
+  auto [fd, error, address] = Accept(_fd);
   if (fd) {
-    // The length is that of the whole address, however much of it the record could take.
-    OnAccepted(std::move(fd), Address(record.data(), std::min<std::size_t>(length, record.size())));
+    OnAccepted(std::move(fd), address);
     return;
   }
   if (error == EAGAIN) {
@@ -298,7 +281,9 @@ void SocketLinux::OnAcceptable() {
   }
   TRACE_ERROR("Socket accept failed", this, error);
   PostAcceptError(Base::ErrnoText(error));
-  if (!ConcernsOneConnection(error)) RestFromAccepting(error);
+  if (!AcceptBackoff::IsNeededAfter(error)) return;
+  Disarm(EPOLLIN);
+  _acceptBackoff->Start(error);
 }
 
 void SocketLinux::PostAcceptError(std::string text) {
@@ -314,54 +299,15 @@ void SocketLinux::OnAccepted(Base::UniqueFd fd, Address const& address) {
   }
 }
 
-// A descriptor, and not a scheduled task: one that becomes due while the loop is busy would not end
-// the loop's next wait.
-void SocketLinux::MakeRestTimer() {
-  _restTimer.Reset(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-  if (!_restTimer) {
-    int const error = errno;
-    TRACE_ERROR("Failed to create rest timer", this, error);
-    throw Base::ExceptionPosix(error);
-  }
-  _ioThread->AddWatch(_restTimer.Get(), EPOLLIN,
-                      Base::MakeCallback([self = Base::Shared(this)](int /*fd*/, int /*events*/) {
-                        self->OnRested();
-                      }));
-}
-
-void SocketLinux::RestFromAccepting(int error) {
-  _isOutOfResources = IsOutOfResources(error);
-  Disarm(EPOLLIN);
-  itimerspec rest{};
-  if (_isOutOfResources) {
-    rest.it_value.tv_nsec = resourceRestNs;
-    rest.it_interval = rest.it_value;  // until there are some
-  } else {
-    rest.it_value.tv_sec = otherRestSeconds;
-  }
-  timerfd_settime(_restTimer.Get(), 0, &rest, nullptr);
-}
-
-void SocketLinux::OnRested() {
-  std::uint64_t expirations = 0;
-  if (!_restTimer || read(_restTimer.Get(), &expirations, sizeof expirations) == -1) return;
-  if (_isOutOfResources && !HasFreeDescriptor()) return;
-  itimerspec const off{};
-  timerfd_settime(_restTimer.Get(), 0, &off, nullptr);
-  Arm(EPOLLIN);
-}
-
 void SocketLinux::OnReadable(int events) {
   Disarm(readEvents);
-  auto const [bytesRead, error] = Receive(_readBuffer);
+  auto const [bytesRead, error, isTruncated] = Receive(_read.buffer);
   if (bytesRead == -1 && error == EAGAIN) {
-    // Readiness is a hint; the operation still waits.
+    // Readiness was a hint only; the operation still waits.
     Arm(EPOLLIN);
     return;
   }
-  // Out of their fields first: what follows may start the next read.
-  ReadCallback callback = std::exchange(_readCallback, {});
-  Buffer const data = std::exchange(_readBuffer, {});
+  auto [callback, data] = _read.Take();
   if (bytesRead >= 0) {
     TRACE_DEBUG("Async socket read succeeded", this, events, Trace::As("bytesRead", bytesRead));
     Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesRead)),
@@ -369,44 +315,38 @@ void SocketLinux::OnReadable(int events) {
     return;
   }
   TRACE_ERROR("Async socket read attempt failed", this, events, Trace::As("error", error));
-  Post(std::move(callback), Base::Status(Base::Exception(Base::ErrnoText(error))), data, true);
+  Post(std::move(callback), StatusOf(error), data, true);
   CloseQuietly();
 }
 
 void SocketLinux::OnWritable(int events) {
   Disarm(EPOLLOUT);
-  ssize_t const bytesWritten = send(_fd.Get(), _writeBuffer.GetData(), _writeBuffer.GetLength(), 0);
-  int const error = errno;
+  auto const [bytesWritten, error] = Send(_fd, _write.buffer);
   if (bytesWritten == -1 && error == EAGAIN) {
     Arm(EPOLLOUT);
     return;
   }
-  WriteCallback callback = std::exchange(_writeCallback, {});
-  Buffer const data = std::exchange(_writeBuffer, {});
+  auto [callback, data] = _write.Take();
   if (bytesWritten >= 0) {
     TRACE_DEBUG("Async socket write succeeded", this, events, bytesWritten);
     Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesWritten)));
     return;
   }
   TRACE_ERROR("Async socket write failed", this, events, error);
-  Post(std::move(callback), Base::Status(Base::Exception(Base::ErrnoText(error))), data);
+  Post(std::move(callback), StatusOf(error), data);
   CloseQuietly();
 }
 
 void SocketLinux::OnHangUpOrError(int events) {
-  try {
-    CloseDescriptor();
-  } catch (Base::Exception const&) {
-    // Already logged; what is latched next is what the pending operations are told.
-  }
+  CloseDescriptor();
   if (Has(events, EPOLLHUP)) {
     TRACE_VERBOSE("Async socket hang up", this, events);
     _error = Base::Exception("Socket hung up");
     EndPendingOperations();
     return;
   }
-  // Asked of the closed descriptor, and with the outcomes the other way round than they read: kept
-  // as it is. What pending operations are told is that there was an error.
+  // Deliberate: the error is asked of the closed descriptor, and a call that succeeds counts as an
+  // unknown error. Callers learn that there was an error, never which.
   int value = 0;
   socklen_t length = sizeof value;
   if (getsockopt(_fd.Get(), SOL_SOCKET, SO_ERROR, &value, &length) == 0) {
@@ -415,62 +355,64 @@ void SocketLinux::OnHangUpOrError(int events) {
     _error = Base::Exception("Socket unknown error");
   } else {
     TRACE_ERROR("Async socket failed with error", this, events, Trace::As("error", value));
-    _error = Base::Exception(Base::ErrnoText(value));
+    _error = StatusOf(value);
   }
   EndPendingOperations();
 }
 
 void SocketLinux::OnWatchDropped() noexcept {
-  if (_watchEvents == noWatch) return;  // by `Close`, which has reported what was pending
+  if (_watchEvents == noWatch) return;  // by `Close`, which has ended what was pending
   _watchEvents = noWatch;
-  // Out of their fields first: what goes with them may come back to this socket.
+  // Out of their fields before they are destroyed: that may lead back to this socket.
   auto const connect = std::exchange(_connectCallback, {});
   auto const accept = std::exchange(_acceptCallback, {});
-  auto const write = std::exchange(_writeCallback, {});
-  auto const read = std::exchange(_readCallback, {});
+  auto const write = _write.Take();
+  auto const read = _read.Take();
 }
 
 void SocketLinux::Close() {
-  try {
-    CloseDescriptor();
-  } catch (Base::Exception const&) {
-    EndPendingOperations();
-    throw;
-  }
+  bool const isClosed = CloseDescriptor();
+  EndPendingOperations();
+  if (!isClosed) throw Base::Exception(_error.Get().what());
+}
+
+// After an operation that has reported its own failure.
+void SocketLinux::CloseQuietly() {
+  CloseDescriptor();
   EndPendingOperations();
 }
 
-void SocketLinux::CloseQuietly() {
-  try {
-    Close();
-  } catch (Base::Exception const&) {
-    // Already logged; the operation that failed has reported why.
-  }
-}
-
-void SocketLinux::CloseDescriptor() {
-  if (!_fd) return;
+// Returns false after a failure, which is logged; the descriptor is gone all the same.
+bool SocketLinux::CloseDescriptor() {
+  if (!_fd) return true;
   TRACE_VERBOSE("Closing socket...", this, Trace::As("fd", _fd.Get()));
-  Base::UniqueFd fd = std::move(_fd);  // closed whatever happens
+  Base::UniqueFd fd = std::move(_fd);
   _error = Base::Exception("Socket closed");
-  if (Base::UniqueFd const timer = std::move(_restTimer)) _ioThread->RemoveWatch(timer.Get());
-  if (std::exchange(_watchEvents, noWatch) != noWatch) _ioThread->RemoveWatch(fd.Get());
+  try {
+    if (auto const backoff = std::exchange(_acceptBackoff, {})) backoff->Close();
+    if (std::exchange(_watchEvents, noWatch) != noWatch) _ioThread->RemoveWatch(fd.Get());
+  } catch (Base::Exception const&) {
+    return false;
+  }
   if (close(fd.Release()) == -1) {
     int const error = errno;
     TRACE_ERROR("Failed to close socket.", this, error);
-    throw Base::Exception(_error.Get().what());
+    return false;
   }
   TRACE_VERBOSE("Close socket succeeded.", this);
+  return true;
 }
 
 void SocketLinux::EndPendingOperations() {
   _acceptCallback.Reset();
   if (_connectCallback) Post(std::exchange(_connectCallback, {}), _error);
-  if (_writeCallback) {
-    Post(std::exchange(_writeCallback, {}), _error, std::exchange(_writeBuffer, {}));
+  if (_write) {
+    auto [callback, data] = _write.Take();
+    Post(std::move(callback), _error, std::move(data));
   }
-  if (_readCallback) {
-    Post(std::exchange(_readCallback, {}), _error, std::exchange(_readBuffer, {}), true);
+  if (_read) {
+    auto [callback, data] = _read.Take();
+    Post(std::move(callback), _error, std::move(data), true);
   }
 }
 
