@@ -1,12 +1,9 @@
 #include "net/socket_linux.h"
 
-#include <sys/un.h>
-
-#include <array>
 #include <optional>
 #include <vector>
 
-#include "base/exception.h"
+#include "io/native_messaging_host_write_stream.h"
 #include "tests/support/base/child.h"
 #include "tests/support/base/descriptor_limit.h"
 #include "tests/support/base/loop/loop_fixture.h"
@@ -16,44 +13,12 @@ namespace {
 
 class SocketLinuxTest : public LoopTest {
  protected:
-  // Reads once, now or when there is something.
-  void Read(Base::Shared<Net::SocketLinux> const& socket, std::size_t length = 16) {
-    OnLoop([&] { socket->Read(Base::ByteBuffer::Zeroed(length), NoteRead()); });
-  }
-
   void Close(Base::Shared<Net::SocketLinux> const& socket) {
     OnLoop([&] { socket->Close(); });
   }
 
-  // Fills what the kernel takes, until a write has to wait for the peer.
-  void FillUp(Base::Shared<Net::SocketLinux> const& socket) {
-    Base::ByteBuffer const data = Base::ByteBuffer::Zeroed(65536);
-    for (bool waits = false; !waits;) {
-      waits = ErrorOf([&] { socket->Write(data, NoteWrite()); }) == "Socket already writing";
-    }
-    events.Take(0);
-  }
-
   Base::UniqueFd peer;
 };
-
-TEST_F(SocketLinuxTest, ReadsAreReportedOnceAndOneAtATime) {
-  auto const socket = MakePair(loop, SOCK_STREAM, peer);
-  Send(peer, "now");
-  Read(socket);
-  EXPECT_EQ(events.Take(), "read ok now;");
-  Read(socket);
-  EXPECT_EQ(ErrorOf([&] { socket->Read(Base::ByteBuffer::Zeroed(1), NoteRead()); }),
-            "Socket already reading");
-  EXPECT_EQ(ErrorOf([&] { socket->Write(Base::CopyOfText("x"), {}); }), "Invalid Callback");
-  Send(peer, "later");
-  EXPECT_EQ(events.Take(), "read ok later;");
-  Read(socket);
-  peer.Reset();
-  EXPECT_EQ(events.Take(), "read ok  end;");
-  Close(socket);
-  EXPECT_EQ(ErrorOf([] { Net::SocketLinux(Base::UniqueFd(), nullptr); }), "Invalid socket");
-}
 
 TEST_F(SocketLinuxTest, BytesBeforeAHangUpAreRead) {
   auto const socket = MakePair(loop, SOCK_STREAM, peer);
@@ -68,47 +33,31 @@ TEST_F(SocketLinuxTest, BytesBeforeAHangUpAreRead) {
   }
 }
 
-TEST_F(SocketLinuxTest, CloseReportsWhatIsPendingOnce) {
+TEST_F(SocketLinuxTest, AClosedSocketRefusesAllButItsDisconnect) {
   auto const socket = MakePair(loop, SOCK_STREAM, peer);
-  Read(socket);
-  FillUp(socket);
   Close(socket);
-  Close(socket);
-  EXPECT_EQ(events.Take(2),
-            "written Socket closed 65536;read Socket closed " + std::string(16, '\0') + " end;");
   EXPECT_EQ(ErrorOf([&] { socket->Bind({}); }), "Socket closed");
-  EXPECT_EQ(ErrorOf([&] { socket->Write(Base::CopyOfText("x"), NoteWrite()); }), "Socket closed");
   OnLoop([&] {
     socket->Disconnect(Base::MakeCallback(
         [this](Base::Status const& status) { events.Add("closed " + StatusText(status)); }));
   });
   EXPECT_EQ(events.Take(), "closed ok;");
+  EXPECT_EQ(ErrorOf([] { Net::SocketLinux(Base::UniqueFd(), nullptr); }), "Invalid socket");
 }
 
-TEST_F(SocketLinuxTest, AWaitingWriteGoesOnWhenThePeerReads) {
-  auto const socket = MakePair(loop, SOCK_STREAM, peer);
-  FillUp(socket);
-  std::array<char, 65536> bytes;
-  while (recv(peer.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
-  }
-  EXPECT_TRUE(events.Take().starts_with("written ok "));
-  FillUp(socket);
-  peer.Reset();
-  EXPECT_TRUE(events.Take().starts_with("written ")) << "the peer is gone";
-  EXPECT_NE(ErrorOf([&] { socket->GetPeerCredentials(); }), "none");
-}
-
-// Neither is closed: the loop's end has to let go of them.
-TEST_F(SocketLinuxTest, PendingOperationsDoNotOutliveTheLoop) {
-  Base::UniqueFd otherPeer;
-  for (Base::UniqueFd* const end : {&peer, &otherPeer}) {
-    auto const socket = MakePair(loop, SOCK_STREAM, *end);
+TEST_F(SocketLinuxTest, NoEmptyRecordFollowsAnEmptyPacket) {
+  auto const socket = MakePair(loop, SOCK_SEQPACKET, peer);
+  for (std::string const& payload : {std::string(), std::string("x")}) {
     OnLoop([&] {
-      socket->Read(Base::ByteBuffer::Zeroed(1),
-                   Base::MakeCallback([socket](Base::Status const&, Base::ByteBuffer, bool) {}));
+      Base::MakeShared<IO::NativeMessagingHostWriteStream>(
+          Base::MakeShared<Net::SocketWriteStream>(socket))
+          ->Write(Base::CopyOfText(payload), NoteWrite());
     });
+    EXPECT_EQ(events.Take(), "written ok " + std::to_string(payload.size()) + ";");
   }
-  FillUp(MakePair(loop, SOCK_SEQPACKET, peer));
+  EXPECT_EQ(Receive(peer), std::string(4, '\0'));
+  EXPECT_NE(Receive(peer), "");
+  Close(socket);
 }
 
 class ListenTest : public SocketLinuxTest {
@@ -160,32 +109,20 @@ TEST_F(ListenTest, OnlyTheRecordedPartOfALongPeerAddressIsUsed) {
   });
 }
 
-TEST_F(ListenTest, OutOfDescriptorsItRestsAndServesOnceThereAreSome) {
+TEST_F(ListenTest, OutOfDescriptorsItBacksOffAndServesOnceThereAreSome) {
   Base::UniqueFd const client(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   std::optional<DescriptorLimit> limit(GetNextDescriptor());
   ASSERT_EQ(connect(client.Get(), address.GetData(), address.GetLength()), 0);
   EXPECT_EQ(events.Take(), "Too many open files (Err 24) none;");
-  // The loop is free, and after some of its rests still no second failure has been reported.
+  // The loop is free, and some backoffs later it has reported no second failure.
   for (int i = 0; i < 3; ++i) {
     loop->PostScheduledTask(100 * i, Base::MakeCallback([this] { events.Add("free"); }));
   }
   EXPECT_EQ(events.Take(3), "free;free;free;");
-  // Busy past the end of a rest: the loop's next wait has to end all the same.
+  // The loop is busy past the end of a backoff: its next wait has to end all the same.
   OnLoop([] { std::this_thread::sleep_for(std::chrono::milliseconds(250)); });
   limit.reset();
   EXPECT_EQ(events.Take(), "ok unix:;");
-}
-
-TEST_F(ListenTest, ConnectsOnceAtATime) {
-  auto const client = Base::MakeShared<Net::SocketLinux>(AF_UNIX, SOCK_SEQPACKET, 0, loop);
-  auto const note = Base::MakeCallback(
-      [this](Base::Status const& status) { events.Add("connect " + StatusText(status)); });
-  OnLoop([&] { client->Connect(address, note); });
-  std::string const seen = events.Take(2);
-  EXPECT_NE(seen.find("connect ok;"), std::string::npos);
-  EXPECT_NE(seen.find("ok unix:;"), std::string::npos);
-  OnLoop([&] { client->Connect(Net::Address::FromUnixPath("/nowhere"), note); });
-  EXPECT_EQ(events.Take(), "connect No such file or directory (Err 2);");
 }
 
 }  // namespace

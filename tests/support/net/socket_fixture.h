@@ -12,13 +12,14 @@
 #include "base/unique_fd.h"
 #include "net/socket_linux.h"
 
-// A connected pair: a socket on `loop`, and the plain descriptor of its peer.
-inline Base::Shared<Net::SocketLinux> MakePair(Base::Shared<Base::ThreadLinux> const& loop,
-                                               int type, Base::UniqueFd& peer) {
+// A connected pair: a socket on `loop`, or a file, and the plain descriptor of its peer.
+template <typename Descriptor = Net::SocketLinux>
+Base::Shared<Descriptor> MakePair(Base::Shared<Base::ThreadLinux> const& loop, int type,
+                                  Base::UniqueFd& peer) {
   std::array<int, 2> ends{};
   EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()), 0);
   peer.Reset(ends[1]);
-  return Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(ends[0]), loop);
+  return Base::MakeShared<Descriptor>(Base::UniqueFd(ends[0]), loop);
 }
 
 inline void Send(Base::UniqueFd const& peer, std::string_view text) {
