@@ -11,12 +11,6 @@
 
 namespace Trace {
 
-namespace {
-
-constexpr int patienceMs = 1000;
-
-}  // namespace
-
 Console::Console() {
   Open(_streams[0], STDOUT_FILENO);
   Open(_streams[1], STDERR_FILENO);
@@ -33,15 +27,15 @@ void Console::Open(Stream& stream, int fd) {
   if (stream.reopened) stream.fd = stream.reopened.Get();
 }
 
-void Console::Write(bool toStandardError, std::string_view line) noexcept {
+void Console::Write(bool toStandardError, std::string_view line, int patienceMs) noexcept {
   Stream& stream = _streams[toStandardError ? 1 : 0];
-  bool const complete = WriteAll(stream, line);
+  bool const complete = WriteAll(stream, line, patienceMs);
   if (stream.stalled.load(std::memory_order_relaxed) == complete) {
     stream.stalled.store(!complete, std::memory_order_relaxed);
   }
 }
 
-bool Console::WriteAll(Stream& stream, std::string_view line) noexcept {
+bool Console::WriteAll(Stream& stream, std::string_view line, int patienceMs) noexcept {
   while (!line.empty()) {
     ssize_t const written =
         stream.isSocket ? send(stream.fd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL)

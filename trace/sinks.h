@@ -17,14 +17,14 @@ namespace Trace {
 //
 // A reader that has stopped reading must not stop the process. So pipes and terminals are opened
 // anew, non-blocking: setting the flag on the inherited descriptor would set it for the other
-// processes that share the open file. The first line that does not fit waits one second for the
-// reader. Later lines do not wait until the reader reads again. What does not fit is dropped.
+// processes that share the open file. The first line that does not fit waits for the reader. Later
+// lines do not wait until the reader reads again. What does not fit is dropped.
 class Console {
  public:
   Console();
 
-  // `line` ends with a line feed.
-  void Write(bool toStandardError, std::string_view line) noexcept;
+  // `line` ends with a line feed. Each wait for the reader lasts `patienceMs` at most.
+  void Write(bool toStandardError, std::string_view line, int patienceMs = 1000) noexcept;
 
  private:
   struct Stream {
@@ -35,7 +35,7 @@ class Console {
   };
 
   static void Open(Stream& stream, int fd);
-  static bool WriteAll(Stream& stream, std::string_view line) noexcept;
+  static bool WriteAll(Stream& stream, std::string_view line, int patienceMs) noexcept;
 
   std::array<Stream, 2> _streams;
 };

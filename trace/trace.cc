@@ -44,7 +44,8 @@
 #include <string_view>
 
 #include "trace/crash/crash_handler.h"
-#include "trace/crash/crash_report.h"
+#include "trace/crash/signal_safe_sinks.h"
+#include "trace/level_info.h"
 #include "trace/line_header.h"
 #include "trace/sinks.h"
 #include "trace/trace_arguments.h"
@@ -53,24 +54,6 @@
 namespace Trace {
 
 namespace {
-
-struct LevelInfo {
-  std::string_view name;
-  int syslogPriority;
-};
-
-constexpr std::array<LevelInfo, 6> levels{{
-    {"FATAL", LOG_CRIT},
-    {"ERROR", LOG_ERR},
-    {"WARNING", LOG_WARNING},
-    {"INFO", LOG_INFO},
-    {"VERBOSE", LOG_DEBUG},
-    {"DEBUG", LOG_DEBUG},
-}};
-
-LevelInfo const& GetLevelInfo(TraceLevel level) {
-  return levels[static_cast<std::size_t>(std::clamp(level, levelFatal, levelDebug))];
-}
 
 struct State {
   std::once_flag configured;
@@ -127,8 +110,8 @@ void Configure(bool skipCrashHandler) {
   state.syslog.store(HasArgument("trace-syslog"));
   state.pid.store(getpid());
   if (level >= levelFatal) {
-    SetCrashSinks(state.console ? &*state.console : nullptr, state.file ? &*state.file : nullptr,
-                  state.syslog);
+    SetSignalSafeSinks(state.console ? &*state.console : nullptr,
+                       state.file ? &*state.file : nullptr, state.syslog);
   }
   pthread_atfork(nullptr, nullptr, &OnForkedChild);
   Internal::currentLevel.store(level);

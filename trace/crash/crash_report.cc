@@ -4,43 +4,28 @@
 #include <execinfo.h>
 #include <limits.h>
 #include <link.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/uio.h>
-#include <sys/un.h>
-#include <syslog.h>
 #include <ucontext.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <span>
 #include <string_view>
 
-#include "trace/fixed_text.h"
-#include "trace/line_header.h"
-#include "trace/sinks.h"
+#include "trace/crash/signal_safe_sinks.h"
 
 namespace Trace {
 
 namespace {
 
-using Line = FixedText<1024>;
+using Line = SignalSafeText;
 using Address = std::uintptr_t;
 
 constexpr std::size_t maxFrames = 64;
-
-std::atomic<Console*> crashConsole{nullptr};
-std::atomic<TraceFile*> crashFile{nullptr};
-std::atomic<int> crashSyslog{-1};
-static_assert(std::atomic<Console*>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
-              "used in a signal handler");
+constexpr int consolePatienceMs = 1000;
 
 // The loader's name for the program's own file is empty, so the path is looked up beforehand.
 std::array<char, PATH_MAX> programPath{};
@@ -63,52 +48,14 @@ std::string_view GetSignalName(int signal) {
   }
 }
 
-void StartLine(Line& line) {
-  AppendLineHeader(line, {.time = std::chrono::system_clock::now(),
-                          .level = "FATAL",
-                          .module = "crash_handler",
-                          .pid = getpid(),
-                          .threadId = gettid()});
-}
+void StartLine(Line& line) { StartSignalSafeLine(line, "crash_handler", levelFatal); }
 
 void AppendAddress(Line& line, Address address) {
   if (address != 0) line.append("0x");
   line.AppendNumber(address, 16);
 }
 
-// Sends the datagram that syslog(3) would send, because syslog(3) takes a lock, which the crashed
-// thread may hold. The datagram has no time, because local time takes a lock too; the receiver adds
-// its own. Only the first line waits for a receiver whose queue is full.
-void WriteToSyslog(int socket, std::string_view line) {
-  sockaddr_un log{};
-  log.sun_family = AF_UNIX;
-  constexpr std::string_view path = _PATH_LOG;
-  path.copy(log.sun_path, sizeof log.sun_path - 1);
-  FixedText<256> start;
-  start.append("<");
-  start.AppendNumber(LOG_USER | LOG_CRIT);
-  start.append(">");
-  start.append(program_invocation_short_name);
-  start.append(": ");
-  std::string_view const tag = start.GetText();
-  std::array<iovec, 2> parts{{{const_cast<char*>(tag.data()), tag.size()},
-                              {const_cast<char*>(line.data()), line.size() - 1}}};
-  msghdr message{};
-  message.msg_name = &log;
-  message.msg_namelen = sizeof log;
-  message.msg_iov = parts.data();
-  message.msg_iovlen = parts.size();
-  static bool isStalled = false;
-  int const flags = isStalled ? MSG_DONTWAIT | MSG_NOSIGNAL : MSG_NOSIGNAL;
-  if (sendmsg(socket, &message, flags) == -1 && errno == EAGAIN) isStalled = true;
-}
-
-void Write(Line& text) {
-  std::string_view const line = text.GetLine();
-  if (Console* const console = crashConsole.load()) console->Write(true, line);
-  if (TraceFile* const file = crashFile.load()) file->WriteInSignalHandler(line);
-  if (int const socket = crashSyslog.load(); socket != -1) WriteToSyslog(socket, line);
-}
+void Write(Line& line) { WriteToSignalSafeSinks(line, levelFatal, consolePatienceMs); }
 
 void WriteSignal(siginfo_t const& info) {
   // A signal that was sent has the sender's ids in the place of the address.
@@ -187,16 +134,6 @@ class Registers {
 };
 
 }  // namespace
-
-void SetCrashSinks(Console* console, TraceFile* file, bool useSyslog) {
-  crashConsole = console;
-  crashFile = file;
-  if (!useSyslog) return;
-  int const syslogSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  timeval const patience{.tv_sec = 1, .tv_usec = 0};
-  setsockopt(syslogSocket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-  crashSyslog = syslogSocket;
-}
 
 void PrepareCrashReport() {
   ssize_t const length = readlink("/proc/self/exe", programPath.data(), programPath.size());

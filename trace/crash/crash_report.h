@@ -2,17 +2,9 @@
 
 #include <signal.h>
 
-// The lines that the crash handler writes, and their sinks.
+// The lines that the crash handler writes.
 
 namespace Trace {
-
-class Console;
-class TraceFile;
-
-// Sets the sinks of later reports, null for a sink that is off. Before this call there is no sink.
-// The caller never destroys them. Syslog must be a datagram socket at /dev/log: a stream socket
-// there gets nothing.
-void SetCrashSinks(Console* console, TraceFile* file, bool useSyslog);
 
 // Loads the unwinder and looks up the program's path, which a signal handler cannot do.
 void PrepareCrashReport();

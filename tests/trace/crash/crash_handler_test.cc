@@ -13,6 +13,7 @@
 #include <atomic>
 #include <barrier>
 #include <bit>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -30,6 +31,7 @@
 #include "tests/support/base/child.h"
 #include "tests/support/utilities/arguments/settings.h"
 #include "trace/crash/crash_stack.h"
+#include "trace/crash/signal_safe_line.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("crash_handler_test");
@@ -337,6 +339,27 @@ TEST_F(CrashTest, OfThreadsThatCrashAtOnceOneIsReported) {
     EXPECT_FALSE(isMainThread);
     EXPECT_GT(lines.size(), 3U) << "the other threads end no report";
   }
+}
+
+TEST_F(CrashTest, ASignalHandlerWritesALineWhileTheAllocatorIsBroken) {
+  int const status = Crash(
+      [] {
+        signal(SIGTERM, [](int) {
+          Trace::WriteSignalSafeLine("test", Trace::levelWarning, "Not shown", "what", "level");
+          Trace::WriteSignalSafeLine("test", Trace::levelError, "Ended", "what", "reader");
+          _exit(errno == ENOTTY ? 0 : 2);
+        });
+        errno = ENOTTY;
+        isMallocBroken = !isSanitized;
+        raise(SIGTERM);
+      },
+      {"--trace-console"});
+  EXPECT_EQ(status, 0);
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_TRUE(std::regex_match(
+      lines[0], std::regex(R"(\S{13} ERROR    test\((\d+):\1\) - Ended \{ what:"reader" \})")))
+      << lines[0];
+  EXPECT_EQ(err, lines[0] + "\n");
 }
 
 TEST_F(CrashTest, AForkedChildReportsItsOwnCrashAndTheParentGoesOn) {
