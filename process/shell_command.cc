@@ -16,9 +16,11 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "base/exception.h"
 #include "base/unique_fd.h"
+#include "process/command_budget.h"
 #include "process/pidfd.h"
 #include "trace/trace.h"
 #include "utilities/arguments/arguments.h"
@@ -36,12 +38,13 @@
 // is still to come. The exit of the shell alone does not count either: a process that it started in
 // the background may still print, and the pipe may still hold output.
 //
-// Each wait first asks for a stop reason: a cancel, the deadline, and while reading the size of the
-// output. A stopped command is killed as a process group. Killing the shell alone would leave the
-// tool that it started running, without anybody who would end it. The exit of the shell is awaited
-// without reaping it: as long as the zombie exists, the kernel gives its id to no other process or
-// group, so `Kill` cannot hit a stranger. Only `Reap` ends the zombie. It has a time limit too,
-// because a process that hangs in the kernel does not die; the daemon then leaves it behind.
+// Each wait first looks for a stop reason: a cancel, the end of the budget, the deadline, and while
+// reading the size of the output. A stopped command is killed as a process group. Killing the shell
+// alone would leave the tool that it started running, without anybody who would end it. The exit of
+// the shell is awaited without reaping it: as long as the zombie exists, the kernel gives its id to
+// no other process or group, so `Kill` cannot hit a stranger. Only `Reap` ends the zombie. It has a
+// time limit too, because a process that hangs in the kernel does not die; the daemon then leaves
+// it behind.
 //
 // A signal handler cancels: it sets a flag and writes to an eventfd that nobody reads. The eventfd
 // stays readable, so from then on every poll returns at once, in every thread.
@@ -69,10 +72,13 @@ std::atomic<bool> isCancelled{false};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
               "used in a signal handler");
 
-enum class StopReason { None, Deadline, Output, Cancel };
+enum class StopReason { None, Deadline, Budget, Output, Cancel };
 
-// Empty: no deadline.
-using Deadline = std::optional<Clock::time_point>;
+// When a command is stopped at the latest; the earlier of the two counts. Empty: no deadline.
+struct Deadlines {
+  std::optional<Clock::time_point> command;
+  std::optional<Clock::time_point> budget;
+};
 
 std::int64_t GetTimeoutSeconds() {
   Base::Maybe<std::int64_t> const setting = GetInt64Argument("command-timeout");
@@ -80,26 +86,38 @@ std::int64_t GetTimeoutSeconds() {
   return std::min(setting.Get(), maxTimeoutSeconds);
 }
 
-Deadline GetDeadline(std::int64_t timeoutSeconds) {
-  if (timeoutSeconds == 0) return {};
-  return Clock::now() + std::chrono::seconds(timeoutSeconds);
+Deadlines GetDeadlines(std::int64_t timeoutSeconds) {
+  Deadlines deadlines;
+  if (timeoutSeconds != 0) deadlines.command = Clock::now() + std::chrono::seconds(timeoutSeconds);
+  if (auto const* const budget = CommandBudget::GetCurrent()) deadlines.budget = budget->GetEnd();
+  return deadlines;
 }
 
-// The time left as a timeout of poll(2). Rounded up: rounded down, the last wait would end just
-// before the deadline, and poll would then be called in a loop with 0.
-int GetPollTimeout(Deadline const& deadline) {
-  if (!deadline) return -1;
+// The time left as a timeout of poll(2), or `timeoutMs` if that is shorter; -1 is no timeout.
+// Rounded up: rounded down, the last wait would end just before the deadline, and poll would then
+// be called in a loop with 0.
+int ShortenTimeout(int timeoutMs, std::optional<Clock::time_point> const& deadline) {
+  if (!deadline) return timeoutMs;
   auto const left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
-  return static_cast<int>(std::clamp<std::int64_t>(left, 0, std::numeric_limits<int>::max()));
+  std::int64_t const longest = timeoutMs == -1 ? std::numeric_limits<int>::max() : timeoutMs;
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, longest));
 }
 
-// Returns a stop reason if there is one already. Else waits for input on `fd`, the deadline or a
-// cancel, for at most `maxWaitMs` unless that is -1, and returns None; callers then look again.
-StopReason Wait(int fd, Deadline const& deadline, int maxWaitMs = -1) {
+StopReason GetStopReason(Deadlines const& deadlines) {
   if (AreShellCommandsCancelled()) return StopReason::Cancel;
-  if (deadline && Clock::now() >= *deadline) return StopReason::Deadline;
-  int timeout = GetPollTimeout(deadline);
-  if (maxWaitMs != -1 && (timeout == -1 || timeout > maxWaitMs)) timeout = maxWaitMs;
+  Clock::time_point const now = Clock::now();
+  if (deadlines.budget && now >= *deadlines.budget) return StopReason::Budget;
+  if (deadlines.command && now >= *deadlines.command) return StopReason::Deadline;
+  return StopReason::None;
+}
+
+// Returns a stop reason if there is one already. Else waits for input on `fd`, a deadline or a
+// cancel, for at most `maxWaitMs` unless that is -1, and returns None; callers then look again.
+StopReason Wait(int fd, Deadlines const& deadlines, int maxWaitMs = -1) {
+  StopReason const stopReason = GetStopReason(deadlines);
+  if (stopReason != StopReason::None) return stopReason;
+  int const timeout =
+      ShortenTimeout(ShortenTimeout(maxWaitMs, deadlines.command), deadlines.budget);
   std::array<pollfd, 2> fds{pollfd{.fd = fd, .events = POLLIN, .revents = 0},
                             pollfd{.fd = cancelFd, .events = POLLIN, .revents = 0}};
   poll(fds.data(), fds.size(), timeout);
@@ -113,7 +131,7 @@ class Command {
   int Start(std::string const& commandLine);
 
   // Reads the output to its end and then waits for the shell's exit, which it leaves to `Reap`.
-  StopReason RunToEnd(Deadline const& deadline, std::string& output);
+  StopReason RunToEnd(Deadlines const& deadlines, std::string& output);
 
   // Kills the process group. Only before `Reap`.
   void Kill() const { kill(-_pid, SIGKILL); }
@@ -122,8 +140,8 @@ class Command {
   std::optional<int> Reap() const;
 
  private:
-  StopReason ReadOutput(Deadline const& deadline, std::string& output);
-  StopReason WaitForExit(Deadline const& deadline) const;
+  StopReason ReadOutput(Deadlines const& deadlines, std::string& output);
+  StopReason WaitForExit(Deadlines const& deadlines) const;
   bool HasExited() const;
 
   pid_t _pid = -1;  // of the shell, and the id of the group
@@ -174,15 +192,15 @@ int Command::Start(std::string const& commandLine) {
   return error;
 }
 
-StopReason Command::RunToEnd(Deadline const& deadline, std::string& output) {
-  StopReason const stopReason = ReadOutput(deadline, output);
-  return stopReason == StopReason::None ? WaitForExit(deadline) : stopReason;
+StopReason Command::RunToEnd(Deadlines const& deadlines, std::string& output) {
+  StopReason const stopReason = ReadOutput(deadlines, output);
+  return stopReason == StopReason::None ? WaitForExit(deadlines) : stopReason;
 }
 
-StopReason Command::ReadOutput(Deadline const& deadline, std::string& output) {
+StopReason Command::ReadOutput(Deadlines const& deadlines, std::string& output) {
   std::array<char, 4096> piece;
   for (;;) {
-    StopReason const stopReason = Wait(_output.Get(), deadline);
+    StopReason const stopReason = Wait(_output.Get(), deadlines);
     if (stopReason != StopReason::None) return stopReason;
     ssize_t const count = read(_output.Get(), piece.data(), piece.size());
     if (count == 0) return StopReason::None;
@@ -191,9 +209,9 @@ StopReason Command::ReadOutput(Deadline const& deadline, std::string& output) {
   }
 }
 
-StopReason Command::WaitForExit(Deadline const& deadline) const {
+StopReason Command::WaitForExit(Deadlines const& deadlines) const {
   while (!HasExited()) {
-    StopReason const stopReason = Wait(_exit.Get(), deadline, _exit ? -1 : exitPollMs);
+    StopReason const stopReason = Wait(_exit.Get(), deadlines, _exit ? -1 : exitPollMs);
     if (stopReason != StopReason::None) return stopReason;
   }
   return StopReason::None;
@@ -216,34 +234,55 @@ std::optional<int> Command::Reap() const {
   }
 }
 
-void LogStop(StopReason stopReason, std::string const& commandLine, std::int64_t timeoutSeconds) {
+void RecordFailure(std::string failure) {
+  if (auto const* const budget = CommandBudget::GetCurrent()) {
+    budget->RecordFailure(std::move(failure));
+  }
+}
+
+void ReportStop(StopReason stopReason, std::string const& commandLine,
+                std::int64_t timeoutSeconds) {
   if (stopReason == StopReason::Deadline) {
     TRACE_WARNING("Command took too long", commandLine, timeoutSeconds);
+    RecordFailure("A command took longer than " + std::to_string(timeoutSeconds) + " seconds");
+  } else if (stopReason == StopReason::Budget) {
+    timeoutSeconds = CommandBudget::GetCurrent()->GetLimit().count();
+    TRACE_WARNING("Request took too long", commandLine, timeoutSeconds);
+    RecordFailure("The request took longer than " + std::to_string(timeoutSeconds) + " seconds");
   } else if (stopReason == StopReason::Output) {
     TRACE_WARNING("Command printed too much", commandLine, maxShellOutput);
+    RecordFailure("A command printed more than " + std::to_string(maxShellOutput) + " bytes");
   } else {
     TRACE_WARNING("Command was cancelled", commandLine);
   }
+}
+
+void ReportFailedStart(std::string const& commandLine, int error) {
+  TRACE_WARNING("Command could not be started", commandLine, error);
+  RecordFailure("A command could not be started: " + Base::ErrnoText(error));
 }
 
 }  // namespace
 
 ShellResult RunInShell(std::string const& commandLine) {
   std::int64_t const timeoutSeconds = GetTimeoutSeconds();
-  Deadline const deadline = GetDeadline(timeoutSeconds);
+  Deadlines const deadlines = GetDeadlines(timeoutSeconds);
   ShellResult result;
-  if (AreShellCommandsCancelled()) {
-    LogStop(StopReason::Cancel, commandLine, timeoutSeconds);
+  if (StopReason const stopReason = GetStopReason(deadlines); stopReason != StopReason::None) {
+    ReportStop(stopReason, commandLine, timeoutSeconds);
     result.wasStopped = true;
     return result;
   }
   Command command;
   result.errorCode = command.Start(commandLine);
-  if (result.errorCode != 0) return result;
-  StopReason const stopReason = command.RunToEnd(deadline, result.output);
+  if (result.errorCode != 0) {
+    ReportFailedStart(commandLine, result.errorCode);
+    return result;
+  }
+  StopReason const stopReason = command.RunToEnd(deadlines, result.output);
   result.wasStopped = stopReason != StopReason::None;
   if (result.wasStopped) {
-    LogStop(stopReason, commandLine, timeoutSeconds);
+    ReportStop(stopReason, commandLine, timeoutSeconds);
     result.output.clear();
     command.Kill();
   }

@@ -10,11 +10,15 @@ namespace Process {
 // The command ends when its output has ended and its shell has exited. So a process that the
 // command leaves behind counts as part of the command for as long as it holds the output open.
 //
-// Three things stop a command early:
+// Four things stop a command early, each with a WARNING line:
 //
 //   deadline  seconds from the start: setting "command-timeout", default 10, 0 for no deadline
+//   budget    the end of the thread's `CommandBudget` (process/command_budget.h), if it has one
 //   output    more than `maxShellOutput` bytes on standard output
 //   cancel    `CancelShellCommands`, when this process is to end
+//
+// A command is not even started after the end of the budget or after a cancel. The current budget
+// stores why a command was stopped, unless by a cancel, or why it could not be started.
 //
 // A stopped command is killed together with every process in its process group, and its shell is
 // reaped. A process that has moved to a session or a group of its own survives.
@@ -28,10 +32,9 @@ inline constexpr std::size_t maxShellOutput = std::size_t{1} << 20U;
 
 // How a command ended.
 struct ShellResult {
-  // The errno of a command that could not be started; else 0.
+  // The errno of a command that could not be started, after a WARNING line; else 0.
   int errorCode = 0;
-  // Whether the command was stopped, or not even started because of a cancel. A WARNING line says
-  // what stopped it.
+  // Whether one of the four things above stopped the command or kept it from being started.
   bool wasStopped = false;
   // The fields below are for a command that ended by itself.
   int status = 0;      // as waitpid(2) stores it

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "base/exception.h"
+#include "process/command_budget.h"
 #include "process/shell_command.h"
 #include "sensors/certificate.h"
 #include "trace/trace.h"
@@ -39,12 +40,23 @@ void AppendCertificate(std::string const& path, nlohmann::json& response) {
   });
 }
 
+// Throws when a command was stopped or could not be started: a response without its certificate
+// would look complete.
+void RequireCompleteCommands() {
+  if (Process::AreShellCommandsCancelled()) throw Base::Exception("Shutting down");
+  auto const* const budget = Process::CommandBudget::GetCurrent();
+  if (budget != nullptr && !budget->GetFailure().empty()) {
+    throw Base::Exception(budget->GetFailure());
+  }
+}
+
 void AppendCertificates(std::string const& folder, nlohmann::json& response) {
   std::error_code error;
   std::filesystem::directory_iterator entry(folder, error);
   for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-    if (Process::AreShellCommandsCancelled()) throw Base::Exception("Shutting down");
-    if (IsManagementCertificate(entry->path())) AppendCertificate(entry->path(), response);
+    if (!IsManagementCertificate(entry->path())) continue;
+    AppendCertificate(entry->path(), response);
+    RequireCompleteCommands();
   }
   if (error) {
     throw Base::Exception("Cannot read " + folder + ": " + Base::ErrnoText(error.value()));

@@ -8,5 +8,7 @@
 // default "/wfs/igel-rmagent/trust-store". A file that `GetCertificateInfo` refuses is left out.
 //
 // Blocks while openssl(1) runs, once for each certificate. Throws Base::Exception, with a text for
-// the client: "Cannot read <folder>: <reason>"; "Shutting down" when commands are cancelled.
+// the client: "Cannot read <folder>: <reason>"; "Shutting down" when commands are cancelled; the
+// failure of the current `Process::CommandBudget`. So with a budget no certificate is left out
+// because openssl was stopped or its shell could not be started.
 nlohmann::json AskIgel();
