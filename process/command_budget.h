@@ -28,7 +28,7 @@ class CommandBudget {
 
   // Why a command of this budget was stopped or could not be started, as a sentence for the client.
   // The first such command counts. Empty when each command ran to its own end; a cancel counts as
-  // none. An example: "A command took longer than 10 seconds".
+  // none. An example: "A command took longer than 10 s".
   std::string const& GetFailure() const { return _failure; }
 
   // The innermost budget of the calling thread; null when there is none.

@@ -14,9 +14,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <limits>
+#include <mutex>
 #include <optional>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/exception.h"
 #include "base/unique_fd.h"
@@ -43,8 +47,9 @@
 // alone would leave the tool that it started running, without anybody who would end it. The exit of
 // the shell is awaited without reaping it: as long as the zombie exists, the kernel gives its id to
 // no other process or group, so `Kill` cannot hit a stranger. Only `Reap` ends the zombie. It has a
-// time limit too, because a process that hangs in the kernel does not die; the daemon then leaves
-// it behind.
+// time limit too, because a process that hangs in the kernel does not die. The shell is then left
+// to `LateShells`: each later command first reaps those that have exited meanwhile, and the init
+// process reaps what is left when this process ends.
 //
 // A signal handler cancels: it sets a flag and writes to an eventfd that nobody reads. The eventfd
 // stays readable, so from then on every poll returns at once, in every thread.
@@ -124,6 +129,37 @@ StopReason Wait(int fd, Deadlines const& deadlines, int maxWaitMs = -1) {
   return StopReason::None;
 }
 
+// The shells that had not exited in time after they were killed, of all threads.
+class LateShells {
+ public:
+  void Add(pid_t pid) {
+    std::scoped_lock const lock(_mutex);
+    _pids.push_back(pid);
+  }
+
+  // Reaps those that have exited.
+  void Reap() {
+    std::vector<pid_t> pids;
+    {
+      std::scoped_lock const lock(_mutex);
+      pids.swap(_pids);
+    }
+    for (pid_t const pid : pids) {
+      if (waitpid(pid, nullptr, WNOHANG) == 0) Add(pid);
+    }
+  }
+
+ private:
+  std::mutex _mutex;
+  std::vector<pid_t> _pids;
+};
+
+// Never destroyed: a thread may still run a command while the process exits.
+LateShells& GetLateShells() {
+  static auto* const shells = new LateShells;
+  return *shells;
+}
+
 // A shell and the processes that it starts, all in one process group.
 class Command {
  public:
@@ -136,7 +172,8 @@ class Command {
   // Kills the process group. Only before `Reap`.
   void Kill() const { kill(-_pid, SIGKILL); }
 
-  // Reaps the shell and returns its status; empty when the shell does not exit although killed.
+  // Reaps the shell and returns its status. Empty when the shell does not exit although it was
+  // killed; `LateShells` then has it.
   std::optional<int> Reap() const;
 
  private:
@@ -149,19 +186,26 @@ class Command {
   Base::UniqueFd _exit;  // a pidfd; empty when the kernel gives none
 };
 
-// Owns the settings for posix_spawn(3): a new process group, no blocked signal, and `outputFd` as
-// standard output.
+// Owns the settings for posix_spawn(3): a new process group, every signal at its default and none
+// blocked, `outputFd` as standard output, and no descriptor above 2.
 class SpawnSettings {
  public:
   explicit SpawnSettings(int outputFd) {
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO);
     posix_spawnattr_init(&attributes);
-    posix_spawnattr_setpgroup(&attributes, 0);
+    // sigfillset leaves out the signals that glibc keeps for itself, and posix_spawn makes a child
+    // ignore those that are not in the set.
+    sigset_t all;
+    std::memset(&all, 0xff, sizeof all);
     sigset_t none;
     sigemptyset(&none);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setflags(
+        &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    error = posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO);
+    if (error == 0) error = CloseFrom(STDERR_FILENO + 1);
   }
   SpawnSettings(SpawnSettings const&) = delete;
   SpawnSettings& operator=(SpawnSettings const&) = delete;
@@ -172,7 +216,43 @@ class SpawnSettings {
 
   posix_spawn_file_actions_t actions{};
   posix_spawnattr_t attributes{};
+  int error = 0;  // an errno when an action could not be added
+
+ private:
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 34)
+  int CloseFrom(int first) { return posix_spawn_file_actions_addclosefrom_np(&actions, first); }
+#else
+  // The C library has no such action. So each descriptor that is open now gets an action of its
+  // own; one that another thread opens after this needs the close-on-exec bit.
+  int CloseFrom(int first) {
+    std::error_code failure;
+    std::filesystem::directory_iterator entry("/proc/self/fd", failure);
+    for (; !failure && entry != std::filesystem::directory_iterator(); entry.increment(failure)) {
+      int const fd = std::stoi(entry->path().filename());
+      int const result = fd < first ? 0 : posix_spawn_file_actions_addclose(&actions, fd);
+      if (result != 0) return result;
+    }
+    return failure.value();
+  }
+#endif
 };
+
+// Whether `variable`, "name=value", is addressed to this process and would mislead another one: the
+// protocols of systemd, see sd_notify(3) and sd_listen_fds(3), and the settings of this program.
+bool IsOwnVariable(std::string_view variable) {
+  return variable.starts_with("NOTIFY_SOCKET=") || variable.starts_with("LISTEN_") ||
+         variable.starts_with("KESTREL_");
+}
+
+// The environment for a command. Ends with a null pointer.
+std::vector<char*> GetCommandEnvironment() {
+  std::vector<char*> variables;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    if (!IsOwnVariable(*variable)) variables.push_back(*variable);
+  }
+  variables.push_back(nullptr);
+  return variables;
+}
 
 int Command::Start(std::string const& commandLine) {
   std::array<int, 2> ends{};
@@ -182,12 +262,14 @@ int Command::Start(std::string const& commandLine) {
   // Only the reading end: programs expect that their standard output blocks.
   if (fcntl(_output.Get(), F_SETFL, O_NONBLOCK) == -1) return errno;
   SpawnSettings const settings(commandEnd.Get());
+  if (settings.error != 0) return settings.error;
   std::string shell = "sh";
   std::string option = "-c";
   std::string text = commandLine;
   std::array<char*, 4> const argv{shell.data(), option.data(), text.data(), nullptr};
-  int const error =
-      posix_spawn(&_pid, "/bin/sh", &settings.actions, &settings.attributes, argv.data(), environ);
+  std::vector<char*> const environment = GetCommandEnvironment();
+  int const error = posix_spawn(&_pid, "/bin/sh", &settings.actions, &settings.attributes,
+                                argv.data(), environment.data());
   if (error == 0) _exit = OpenPidfd(_pid);
   return error;
 }
@@ -228,7 +310,10 @@ std::optional<int> Command::Reap() const {
   for (;;) {
     int status = -1;  // what pclose(3) returns when somebody else has reaped the child
     if (waitpid(_pid, &status, WNOHANG) != 0) return status;
-    if (Clock::now() >= deadline) return {};
+    if (Clock::now() >= deadline) {
+      GetLateShells().Add(_pid);
+      return {};
+    }
     pollfd exit{.fd = _exit.Get(), .events = POLLIN, .revents = 0};
     poll(&exit, 1, exitPollMs);
   }
@@ -244,11 +329,11 @@ void ReportStop(StopReason stopReason, std::string const& commandLine,
                 std::int64_t timeoutSeconds) {
   if (stopReason == StopReason::Deadline) {
     TRACE_WARNING("Command took too long", commandLine, timeoutSeconds);
-    RecordFailure("A command took longer than " + std::to_string(timeoutSeconds) + " seconds");
+    RecordFailure("A command took longer than " + std::to_string(timeoutSeconds) + " s");
   } else if (stopReason == StopReason::Budget) {
     timeoutSeconds = CommandBudget::GetCurrent()->GetLimit().count();
     TRACE_WARNING("Request took too long", commandLine, timeoutSeconds);
-    RecordFailure("The request took longer than " + std::to_string(timeoutSeconds) + " seconds");
+    RecordFailure("The request took longer than " + std::to_string(timeoutSeconds) + " s");
   } else if (stopReason == StopReason::Output) {
     TRACE_WARNING("Command printed too much", commandLine, maxShellOutput);
     RecordFailure("A command printed more than " + std::to_string(maxShellOutput) + " bytes");
@@ -267,6 +352,7 @@ void ReportFailedStart(std::string const& commandLine, int error) {
 ShellResult RunInShell(std::string const& commandLine) {
   std::int64_t const timeoutSeconds = GetTimeoutSeconds();
   Deadlines const deadlines = GetDeadlines(timeoutSeconds);
+  GetLateShells().Reap();
   ShellResult result;
   if (StopReason const stopReason = GetStopReason(deadlines); stopReason != StopReason::None) {
     ReportStop(stopReason, commandLine, timeoutSeconds);

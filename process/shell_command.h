@@ -6,9 +6,15 @@
 namespace Process {
 
 // Runs shell commands to their end on the calling thread, as popen(3) and pclose(3) do: the command
-// is one of `/bin/sh -c` and gets this process's environment, standard input and standard error.
-// The command ends when its output has ended and its shell has exited. So a process that the
-// command leaves behind counts as part of the command for as long as it holds the output open.
+// is one of `/bin/sh -c` and gets this process's standard input and standard error. The command
+// ends when its output has ended and its shell has exited. So a process that the command leaves
+// behind counts as part of the command for as long as it holds the output open.
+//
+// What a command inherits besides:
+//
+//   descriptors  none above 2, close-on-exec or not
+//   signals      none blocked, each with its default action, also one that this process ignores
+//   environment  without NOTIFY_SOCKET, LISTEN_* and KESTREL_*, which are for this process only
 //
 // Four things stop a command early, each with a WARNING line:
 //
@@ -21,11 +27,12 @@ namespace Process {
 // stores why a command was stopped, unless by a cancel, or why it could not be started.
 //
 // A stopped command is killed together with every process in its process group, and its shell is
-// reaped. A process that has moved to a session or a group of its own survives.
+// reaped. A process that has moved to a session or a group of its own survives. A shell that the
+// kernel holds is reaped by a later `RunInShell`, after a WARNING line "Command cannot be killed".
 //
-// No signal is blocked in the command, and each signal that this process handles has its default
-// action. Of this process's descriptors the command gets only those that are not close-on-exec:
-// here 0 to 2, because every other one is.
+// In a process that ignores SIGCHLD the kernel reaps the shell itself: `status` is then -1 and
+// `exitCode` 255, and the end of a stopped command can kill a process group that has got the number
+// of a shell that had exited before.
 //
 // Threads: any, several commands at a time too.
 inline constexpr std::size_t maxShellOutput = std::size_t{1} << 20U;
