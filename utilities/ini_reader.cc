@@ -1,21 +1,28 @@
 #include "utilities/ini_reader.h"
 
-#include <fstream>
+#include <sstream>
 
 #include "base/exception.h"
 #include "trace/trace.h"
+#include "utilities/file_bytes.h"
 
 TRACE_MODULE("ini_reader");
 
 IniReader::IniReader(std::string const& filename) {
-  std::ifstream file(filename);
-  if (!file) {
+  std::string text;
+  ReadOutcome const outcome = AppendFileBytes(filename, text);
+  if (outcome == ReadOutcome::NotOpened) {
     TRACE_VERBOSE("Failed to open ini file", filename);
     throw Base::Exception("Failed to open ini file");
   }
+  if (outcome == ReadOutcome::Failed) {
+    TRACE_VERBOSE("Bad ini file", filename);
+    throw Base::Exception("Bad ini file");
+  }
+  std::istringstream lines(text);
   Properties* properties = &_sections[""];
   std::string line;
-  while (std::getline(file, line)) {
+  while (std::getline(lines, line)) {
     auto const opening = line.find('[');
     auto const closing = line.find(']');
     auto const equals = line.find('=');
@@ -24,10 +31,6 @@ IniReader::IniReader(std::string const& filename) {
     } else if (equals != std::string::npos) {
       (*properties)[line.substr(0, equals)] = line.substr(equals + 1);
     }
-  }
-  if (file.bad()) {
-    TRACE_VERBOSE("Bad ini file", filename);
-    throw Base::Exception("Bad ini file");
   }
 }
 

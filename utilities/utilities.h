@@ -26,12 +26,16 @@ std::string GetRealmList();
 Base::Maybe<std::string> ReadFile(std::string const& filename);
 
 // Times as text: in UTC, in a format of strftime(3) and strptime(3), without fractions of a second.
+// "%s" is the number of seconds since 1970-01-01 00:00:00 UTC, whatever the local time zone is.
 
-// Reads `text` as a time. Fields that are missing in `format` are those of 1970-01-01 00:00:00.
-// Empty, after an ERROR line, when the format does not match the whole text or the time is outside
-// the range of `Trace::TimePoint`: from 1677-09-21 to 2262-04-11.
+// Reads `text` as a time. Fields that are missing in `format` are those of 1970-01-01 00:00:00. The
+// offset of "%z" counts: "12:00 +0100" is 11:00 in UTC. The name of "%Z" has no effect.
+//
+// Empty, after an ERROR line, when the format does not match the whole text, for a day or time that
+// does not exist (second 60 is one), for a format with "%s" and anything else, and for a time
+// outside the range of `Trace::TimePoint`: from 1677-09-21 to 2262-04-11.
 Base::Maybe<Trace::TimePoint> ParseTime(std::string const& text, std::string const& format);
 
-// Returns `time` as text, rounded down to a second. Empty, after an ERROR line, when the result
-// would have no byte or more than 256.
+// Returns `time` as text, rounded down to a second. Flags and width of "%s" have no effect. Empty,
+// after an ERROR line, when the result would have no byte or more than 256.
 Base::Maybe<std::string> FormatTime(Trace::TimePoint time, std::string const& format);

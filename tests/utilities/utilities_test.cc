@@ -1,11 +1,20 @@
 #include "utilities/utilities.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <string>
+#include <system_error>
+#include <thread>
+
+#include "utilities/ini_reader.h"
 
 namespace {
 
@@ -42,6 +51,34 @@ TEST(ReadFileTest, ReturnsAllBytesOrNothing) {
   EXPECT_FALSE(ReadFile("/proc/self"));
 }
 
+// Finds the descriptor with which another thread reads the FIFO.
+int FindReader(std::string const& fifo, int writer) {
+  for (;;) {
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code error;
+      int const fd = std::stoi(entry.path().filename());
+      if (fd != writer && std::filesystem::read_symlink(entry.path(), error) == fifo) return fd;
+    }
+    std::this_thread::yield();
+  }
+}
+
+TEST(ReadFileTest, NoCommandInheritsAFileThatIsBeingRead) {
+  std::string const name = testing::TempDir() + "utilities_test." + std::to_string(getpid());
+  for (void (*const read)(std::string const&) :
+       {+[](std::string const& file) { EXPECT_EQ(ReadFile(file).Get(), "a=b\n"); },
+        +[](std::string const& file) { EXPECT_EQ(IniReader(file).GetValue("", "a"), "b"); }}) {
+    ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+    std::thread reader(read, name);
+    int const writer = open(name.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(fcntl(FindReader(std::filesystem::canonical(name), writer), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(write(writer, "a=b\n", 4), 4);
+    close(writer);
+    reader.join();
+    unlink(name.c_str());
+  }
+}
+
 class TimeTextTest : public testing::Test {
  protected:
   static Trace::TimePoint At(std::int64_t seconds) {
@@ -63,10 +100,30 @@ TEST_F(TimeTextTest, ATimeReadsAsItWasWritten) {
   EXPECT_EQ(ParseTime("07:30", "%H:%M").Get(), At(27000));
 }
 
+TEST_F(TimeTextTest, OffsetsCountAndTheLocalZoneDoesNot) {
+  setenv("TZ", "XYZ-5", 1);
+  tzset();
+  for (std::int64_t const seconds : {std::int64_t{951782400}, std::int64_t{-1}}) {
+    std::string const text = std::to_string(seconds);
+    EXPECT_EQ(FormatTime(At(seconds), "%s").Get(), text);
+    EXPECT_EQ(FormatTime(At(seconds), "%%s %10s").Get(), "%s " + text);
+    EXPECT_EQ(ParseTime(text, "%s").Get(), At(seconds));
+  }
+  EXPECT_EQ(FormatTime(At(951782400), "%FT%T%z").Get(), "2000-02-29T00:00:00+0000");
+  EXPECT_EQ(ParseTime("2000-02-29T01:30:00 +0130", "%FT%T %z").Get(), At(951782400));
+  EXPECT_EQ(ParseTime("2000-02-28T16:00:00 -0800", "%FT%T %z").Get(), At(951782400));
+  EXPECT_FALSE(ParseTime("18446744073709551621", "%s"));
+  EXPECT_FALSE(ParseTime("7 ", "%s"));
+  EXPECT_FALSE(ParseTime("7 +0100", "%s %z"));
+  unsetenv("TZ");
+  tzset();
+}
+
 TEST_F(TimeTextTest, TextsInPartAndTimesOutOfRangeAreRefused) {
   for (char const* const text :
        {"", "2000-02-29T00:00:00", "2000-02-29T00:00:00Zx", "1677-01-01T00:00:00Z",
-        "2262-12-31T00:00:00Z", "9999-12-31T23:59:59Z", "yesterday"}) {
+        "2262-12-31T00:00:00Z", "9999-12-31T23:59:59Z", "yesterday", "2026-02-31T00:00:00Z",
+        "2026-04-31T00:00:00Z", "2016-12-31T23:59:60Z"}) {
     EXPECT_FALSE(ParseTime(text, format)) << text;
   }
   EXPECT_FALSE(FormatTime(At(0), ""));
