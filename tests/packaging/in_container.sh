@@ -24,6 +24,12 @@ mkdir --parents /sys/firmware/dmi/tables
 install --mode=0400 /data/smbios_entry_point /data/DMI /sys/firmware/dmi/tables
 mount -o remount,ro /sys
 
+step "Install and purge; somebody else made the group"
+groupadd ktclientd
+dpkg --install /data/package.deb
+dpkg --purge ktclientd
+groupdel ktclientd
+
 step "Install"
 dpkg --install /data/package.deb
 expect "socket is" "enabled active" \
