@@ -25,8 +25,9 @@ void PostOutcome(Callback const& callback, Base::Status status, bool complete) {
 }  // namespace
 
 NativeMessagingHostReadStream::NativeMessagingHostReadStream(Base::Shared<FileReadStream> source,
-                                                             std::uint32_t maxPacketSize)
-    : _source(std::move(source)), _maxPacketSize(maxPacketSize) {
+                                                             std::uint32_t maxPacketSize,
+                                                             BegunCallback onBegun)
+    : _source(std::move(source)), _maxPacketSize(maxPacketSize), _onBegun(std::move(onBegun)) {
   if (!_source) {
     TRACE_ERROR("Failed to create native messaging read stream on null source");
     throw Base::Exception("Invalid Argument");
@@ -76,6 +77,7 @@ void NativeMessagingHostReadStream::OnSizeRead(Base::Status const& err, Buffer c
   }
   TRACE_VERBOSE("Reading data", packetSize);
   try {
+    if (_onBegun) _onBegun->Call(packetSize);
     // Uninitialised, so a client that announces a packet and never sends it costs no memory.
     ReadData(Buffer::Uninitialized(packetSize), packetSize, callback);
   } catch (std::exception const& thrown) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "base/buffer.h"
+#include "base/callback.h"
 #include "base/shared.h"
 #include "base/stream.h"
 #include "io/file_stream.h"
@@ -20,9 +21,14 @@ namespace IO {
 // Lifetime: a pending `Read` holds the stream, so it completes also without other handles.
 class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer<unsigned char>> {
  public:
-  // Accepts payloads of up to `maxPacketSize` bytes, that size included.
-  // Throws Base::Exception "Invalid Argument" when `source` is empty.
-  NativeMessagingHostReadStream(Base::Shared<FileReadStream> source, std::uint32_t maxPacketSize);
+  // Called with the length of a payload before its memory is allocated and read.
+  using BegunCallback = Base::Shared<Base::CallbackNoCopy<std::uint32_t>>;
+
+  // Accepts payloads of up to `maxPacketSize` bytes, that size included. `onBegun` may be empty; a
+  // packet that it refuses, by throwing, fails with the text of the exception, and its payload
+  // stays unread. Throws Base::Exception "Invalid Argument" when `source` is empty.
+  NativeMessagingHostReadStream(Base::Shared<FileReadStream> source, std::uint32_t maxPacketSize,
+                                BegunCallback onBegun = {});
 
   // Reads one packet; calls back exactly once, never from inside this call, with
   // (status, payload, complete). `complete` is the end of the stream: success and no payload, or
@@ -46,6 +52,7 @@ class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer
 
   Base::Shared<FileReadStream> _source;  // empty once closed
   std::uint32_t const _maxPacketSize;
+  BegunCallback const _onBegun;
 };
 
 }  // namespace IO

@@ -1,5 +1,6 @@
 #include "net/socket_linux.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -123,16 +124,17 @@ PeerCredentials SocketLinux::GetPeerCredentials() {
 
 void SocketLinux::Listen(int maxConnections, AcceptCallback acceptCallback) {
   ThrowLatchedError("Attempt to listen after error", Trace::As("maxConnections", maxConnections));
+  if (!_acceptBackoff) {
+    // Before the listen, which lets clients in: it may fail.
+    _acceptBackoff = Base::MakeShared<AcceptBackoff>(_ioThread, _reservedDescriptors);
+    _acceptBackoff->Watch(Base::MakeCallback([self = Base::Shared(this)] { self->Arm(EPOLLIN); }));
+  }
   _acceptCallback = std::move(acceptCallback);
   if (listen(_fd.Get(), maxConnections) == -1) {
     int const error = errno;
     TRACE_ERROR("Failed to listen", this, maxConnections);
     PostAcceptError(Base::ErrnoText(error));
     // Deliberate: the socket goes on as if it listened, and logs that it does.
-  }
-  if (!_acceptBackoff) {
-    _acceptBackoff = Base::MakeShared<AcceptBackoff>(_ioThread);
-    _acceptBackoff->Watch(Base::MakeCallback([self = Base::Shared(this)] { self->Arm(EPOLLIN); }));
   }
   Arm(EPOLLIN);
   TRACE_VERBOSE("Socket listening", maxConnections);
@@ -184,6 +186,7 @@ void SocketLinux::Write(Buffer data, WriteCallback callback) {
   auto const [bytesWritten, error] = Send(_fd, data);
   if (bytesWritten >= 0) {
     TRACE_VERBOSE("Write succeeded", this, data, bytesWritten);
+    _bytesSent += static_cast<std::uint64_t>(bytesWritten);
     Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesWritten)));
   } else if (error == EAGAIN) {
     TRACE_DEBUG("Write will complete async", this, data, error);
@@ -270,8 +273,13 @@ void SocketLinux::OnConnected() {
 }
 
 void SocketLinux::OnAcceptable() {
+  if (!_acceptBackoff->MayAccept()) {
+    Disarm(EPOLLIN);
+    return;
+  }
   auto [fd, error, address] = Accept(_fd);
   if (fd) {
+    _acceptBackoff->OnAccepted(fd.Get());
     OnAccepted(std::move(fd), address);
     return;
   }
@@ -328,6 +336,7 @@ void SocketLinux::OnWritable(int events) {
   }
   auto [callback, data] = _write.Take();
   if (bytesWritten >= 0) {
+    _bytesSent += static_cast<std::uint64_t>(bytesWritten);
     TRACE_DEBUG("Async socket write succeeded", this, events, bytesWritten);
     Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesWritten)));
     return;
@@ -386,6 +395,7 @@ void SocketLinux::CloseQuietly() {
 bool SocketLinux::CloseDescriptor() {
   if (!_fd) return true;
   TRACE_VERBOSE("Closing socket...", this, Trace::As("fd", _fd.Get()));
+  auto const companion = std::exchange(_companion, {});  // released after the descriptor
   Base::UniqueFd fd = std::move(_fd);
   _error = Base::Exception("Socket closed");
   try {
@@ -414,6 +424,28 @@ void SocketLinux::EndPendingOperations() {
     auto [callback, data] = _read.Take();
     Post(std::move(callback), _error, std::move(data), true);
   }
+}
+
+bool SocketLinux::IsListening() const {
+  int isListening = 0;
+  socklen_t length = sizeof isListening;
+  return getsockopt(_fd.Get(), SOL_SOCKET, SO_ACCEPTCONN, &isListening, &length) == 0 &&
+         isListening != 0;
+}
+
+void SocketLinux::StopListening() {
+  AcceptCallback const released = std::exchange(_acceptCallback, {});
+  if (auto const backoff = std::exchange(_acceptBackoff, {})) backoff->Close();
+  if (_fd && _watchEvents != noWatch) Disarm(EPOLLIN);
+}
+
+bool SocketLinux::HasPeerGone() const {
+  pollfd state{.fd = _fd.Get(), .events = 0, .revents = 0};
+  return !_fd || (poll(&state, 1, 0) == 1 && state.revents != 0);
+}
+
+void SocketLinux::ShutdownReading() noexcept {
+  if (_fd) shutdown(_fd.Get(), SHUT_RD);
 }
 
 }  // namespace Net

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/buffer.h"
 #include "base/callback.h"
@@ -62,8 +63,33 @@ class SocketLinux final : public Socket {
   // watched.
   void Listen(int maxConnections, AcceptCallback acceptCallback);
 
+  // Accepts no connection while that would leave fewer than `count` descriptors to this process;
+  // the kernel's backlog then holds new clients. Before `Listen`.
+  void KeepDescriptorsFree(int count) { _reservedDescriptors = count; }
+
+  // Whether listen(2) has succeeded.
+  bool IsListening() const;
+
+  // Ends the accepting: the descriptor stays open, and new clients stay in the kernel's backlog,
+  // for another process that has the socket. Throws Base::ExceptionPosix.
+  void StopListening();
+
   // The peer of a connected AF_UNIX socket; zeros for other sockets. Throws Base::ExceptionPosix.
   PeerCredentials GetPeerCredentials();
+
+  // Whether the peer has closed its end, or shut down both directions. What it sent before may
+  // still be unread. True for a closed socket.
+  bool HasPeerGone() const;
+
+  // Ends the receiving side, see shutdown(2): reads get what has arrived and then the end of the
+  // stream; a send of an AF_UNIX peer fails with EPIPE. Does nothing on a closed socket.
+  void ShutdownReading() noexcept;
+
+  // How many bytes the kernel has taken from this socket's writes.
+  std::uint64_t GetBytesSent() const { return _bytesSent; }
+
+  // Releases `object` when the descriptor closes. One object.
+  void HoldUntilClosed(Base::Shared<Base::Shareable> object) { _companion = std::move(object); }
 
   void Connect(Address const& address, Base::StatusCallback callback) override;
   void Disconnect(Base::StatusCallback callback) override;
@@ -100,15 +126,18 @@ class SocketLinux final : public Socket {
   template <typename Callback, typename... Results>
   void Post(Callback callback, Results... results);
 
+  Base::Shared<Base::Shareable> _companion;  // released after the descriptor
   Base::UniqueFd _fd;
   Base::Shared<Base::ThreadLinux> _ioThread;
   std::uint32_t _watchEvents;  // the watch's interest; all bits set: there is no watch
   Base::Status _error;         // once set it stays set
   Base::StatusCallback _connectCallback;
   AcceptCallback _acceptCallback;
+  int _reservedDescriptors = 0;
   Base::Shared<AcceptBackoff> _acceptBackoff;  // of a listening socket
   IO::PendingOperation<WriteCallback> _write;
   IO::PendingOperation<ReadCallback> _read;
+  std::uint64_t _bytesSent = 0;
 };
 
 }  // namespace Net
