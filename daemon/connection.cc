@@ -1,18 +1,31 @@
 #include "daemon/connection.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "base/exception.h"
+#include "base/loop/io_thread.h"
 #include "daemon/activity.h"
 #include "daemon/budget_read_stream.h"
+#include "daemon/connection_table.h"
 #include "daemon/dispatch.h"
-#include "daemon/response.h"
 #include "io/native_messaging_host_read_stream.h"
+#include "net/socket.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("main");
+
+// The reading half of a connection; the writing half is in response.cc. The steps of one request:
+//
+//   StartReading     arms one read of one packet, on streams made for this packet
+//   OnPacketBegun    the header has come: the memory of the payload is charged to the user, the
+//                    deadline of the packet begins
+//   ReadFromSocket   the packet is whole, or the stream has ended or failed
+//   DispatchRequest  answers at once, or queues the request for a sensor
+//   Answer           writes the response and starts reading again
+//
+// Between ReadFromSocket and Answer no read is pending, so a client that has gone is noticed only
+// when its request's turn comes, or by the write of its response.
 
 namespace {
 
@@ -21,55 +34,127 @@ constexpr std::uint32_t maxPacketSize = 131072;
 
 }  // namespace
 
-void OnNewConnection(Base::Status const& err, Net::Address const& address,
-                     Base::Shared<Net::SocketLinux> const& socket) {
-  StampLastRead();
-  if (err) {
-    TRACE_ERROR("Failure listening for connections", err);
-    return;
-  }
-  try {
-    auto const [pid, uid, gid] = socket->GetPeerCredentials();
-    TRACE_VERBOSE("Received new connection", address, socket, Trace::As("pid", pid),
-                  Trace::As("uid", uid), Trace::As("gid", gid));
-    StartReading(socket);
-  } catch (Base::Exception const& thrown) {
-    TRACE_ERROR("Failure handling socket", socket, Trace::As("err", thrown));
-    DisconnectSocket(socket);
-  }
-}
+Connection::Connection(ConnectionTable& table, Base::Shared<Net::SocketLinux> socket,
+                       Base::Shared<UserAccount> account)
+    : _table(table),
+      _socket(std::move(socket)),
+      _account(std::move(account)),
+      _packetCharge(_account),
+      _outgoing(_account) {}
 
-void StartReading(Base::Shared<Net::Socket> const& socket) {
+void Connection::StartReading() {
   auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-      Base::MakeShared<BudgetReadStream>(Base::MakeShared<Net::SocketReadStream>(socket, readSize)),
-      maxPacketSize);
-  stream->Read(
-      Base::MakeCallback([socket](Base::Status const& err, Base::ByteBuffer buffer, bool complete) {
-        ReadFromSocket(socket, err, buffer, complete);
+      Base::MakeShared<BudgetReadStream>(
+          Base::MakeShared<Net::SocketReadStream>(_socket, readSize)),
+      maxPacketSize, Base::MakeCallback([self = Base::Shared(this)](std::uint32_t packetSize) {
+        self->OnPacketBegun(packetSize);
+      }));
+  stream->Read(Base::MakeCallback(
+      [self = Base::Shared(this)](Base::Status const& err, Base::ByteBuffer buffer, bool complete) {
+        self->ReadFromSocket(err, buffer, complete);
       }));
 }
 
-void ReadFromSocket(Base::Shared<Net::Socket> const& socket, Base::Status const& err,
-                    Base::ByteBuffer const& buffer, bool complete) {
-  StampLastRead();
+void Connection::OnPacketBegun(std::uint32_t length) {
+  _packetCharge.Set(length);
+  _packetTime = Clock::now();
+  UpdateWork();
+}
+
+void Connection::ReadFromSocket(Base::Status const& err, Base::ByteBuffer const& buffer,
+                                bool complete) {
+  StampActivity();
+  _packetTime.reset();
+  _packetCharge.Release();
+  auto const& socket = _socket;
   if (err) {
     TRACE_ERROR("Read packet from socket failed", socket, err);
-    DisconnectSocket(socket);
-    return;
-  }
-  if (complete) {
+    DisconnectSocket();
+  } else if (complete) {
     TRACE_VERBOSE("Socket is complete", socket, buffer);
-    DisconnectSocketWhenWritten(socket);
-    return;
+    DisconnectSocketWhenWritten();
+  } else {
+    ProcessPacket(buffer);
   }
+  UpdateWork();
+}
+
+void Connection::ProcessPacket(Base::ByteBuffer const& buffer) {
+  auto const& socket = _socket;
   try {
     TRACE_VERBOSE("Received packet from socket", socket, buffer);
     auto const packet = buffer.GetSpan();
-    DispatchRequest(socket, nlohmann::json::parse(packet.begin(), packet.end()));
-    StartReading(socket);
+    _hasRequest = true;
+    DispatchRequest(Base::Shared(this), nlohmann::json::parse(packet.begin(), packet.end()));
   } catch (...) {
-    // Deliberate: the line has no text of the exception, which would quote the client.
-    TRACE_ERROR("Failed to process request", socket);
-    DisconnectSocket(socket);
+    FailRequest();
+  }
+}
+
+void Connection::Answer(nlohmann::json const& response) {
+  try {
+    WriteResponse(response);
+    _hasRequest = false;
+    StartReading();
+  } catch (...) {
+    FailRequest();
+  }
+  UpdateWork();
+}
+
+void Connection::FailRequest() {
+  auto const& socket = _socket;
+  // Deliberate: the line has no text of the exception, which would quote the client.
+  TRACE_ERROR("Failed to process request", socket);
+  _hasRequest = false;
+  DisconnectSocket();
+}
+
+void Connection::DropRequest() {
+  auto const& socket = _socket;
+  TRACE_VERBOSE("Dropping request of a client that has gone", socket);
+  _hasRequest = false;
+  DisconnectSocket();
+}
+
+void Connection::DisconnectSocket() {
+  auto const& socket = _socket;
+  TRACE_VERBOSE("Disconnecting socket", socket);
+  _isClosed = true;
+  UpdateWork();
+  _socket->Disconnect(
+      Base::MakeCallback([self = Base::Shared(this), socket](Base::Status const& err) {
+        if (err) {
+          TRACE_ERROR("Failed to disconnect socket", socket);
+        } else {
+          TRACE_VERBOSE("Successfully disconnected socket", socket);
+        }
+        self->_table.Remove(*self);
+      }));
+}
+
+void Connection::Drain() { _socket->ShutdownReading(); }
+
+bool Connection::CheckDeadlines(Clock::time_point now) {
+  auto const& socket = _socket;
+  if (_packetTime && now - *_packetTime > maxStall) {
+    TRACE_WARNING("Packet took too long", socket);
+    DisconnectSocket();
+  } else if (HasStalledResponse(now)) {
+    TRACE_WARNING("Response took too long", socket);
+    DisconnectSocket();
+  }
+  return !_isClosed && (_packetTime || _outgoing.isWriting);
+}
+
+void Connection::UpdateWork() {
+  bool const hasDeadline = !_isClosed && (_packetTime || _outgoing.isWriting);
+  bool const isAtWork = hasDeadline || (!_isClosed && _hasRequest);
+  if (hasDeadline) _table.WatchDeadlines();
+  if (isAtWork == std::exchange(_isAtWork, isAtWork)) return;
+  if (isAtWork) {
+    BeginWork();
+  } else {
+    EndWork();
   }
 }

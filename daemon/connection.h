@@ -1,27 +1,113 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+
 #include "base/buffer.h"
+#include "base/loop/step_budget.h"
 #include "base/shared.h"
 #include "base/stream.h"
-#include "net/address.h"
-#include "net/socket.h"
+#include "daemon/packet_backlog.h"
+#include "daemon/user_account.h"
 #include "net/socket_linux.h"
 
-// The connections of clients: the daemon reads each one packet by packet, one request after the
-// other, until the client ends the stream or an operation fails.
+class ConnectionTable;
+
+// One client's connection, from its acceptance to its end: everything that the daemon knows of it.
+//
+// The daemon reads one packet, answers it, and reads the next packet once the response has been
+// handed to the writer. So at most one request is under way, responses keep the order of their
+// requests, and the kernel's buffer holds back a client that sends ahead.
+//
+// A connection ends at the end of the stream, after the responses that are under way: a client that
+// has shut down its sending side may still read. It ends at once on any failure, when it passes a
+// limit, and when a deadline passes.
 //
 // Threads:  the IO thread.
-// Lifetime: each pending operation holds its connection.
+// Lifetime: the table owns the connection until it is closed. Each pending operation holds it, too.
+class Connection final : public Base::Shareable {
+ public:
+  using Clock = std::chrono::steady_clock;
 
-// The accept callback: gets a new connection, or the failure to accept one.
-void OnNewConnection(Base::Status const& err, Net::Address const& address,
-                     Base::Shared<Net::SocketLinux> const& socket);
+  // The time in which a packet that has begun must be whole, and in which a response that waits
+  // must make progress.
+  static constexpr std::chrono::seconds maxStall{30};
 
-// Reads the next packet of a connection.
-void StartReading(Base::Shared<Net::Socket> const& socket);
+  Connection(ConnectionTable& table, Base::Shared<Net::SocketLinux> socket,
+             Base::Shared<UserAccount> account);
 
-// The read callback: answers a packet and reads the next one. A failure closes the connection. The
-// end of the stream closes it after the responses that are under way: a client that has shut down
-// its sending side may still read.
-void ReadFromSocket(Base::Shared<Net::Socket> const& socket, Base::Status const& err,
-                    Base::ByteBuffer const& buffer, bool complete);
+  Net::SocketLinux& GetSocket() const { return *_socket; }
+  uid_t GetUid() const { return _account->GetUid(); }
+
+  // Reads the next packet. Throws the socket's latched error.
+  void StartReading();
+
+  // Writes the response to the request under way and reads the next packet. A failure closes the
+  // connection.
+  void Answer(nlohmann::json const& response);
+
+  // The request under way can have no response: closes the connection.
+  void FailRequest();
+
+  // The client went before its request's turn: closes the connection.
+  void DropRequest();
+
+  // Serialises `response` compactly and sends it as one packet, after the responses that are under
+  // way. Returns at once; a failed write closes the connection.
+  // Throws nlohmann::json::exception for text that is not UTF-8, the socket's latched error, and
+  // Base::Exception "Too Many Unread Responses" when the client leaves more than 1 MiB unread.
+  void WriteResponse(nlohmann::json const& response);
+
+  // Closes the connection. Responses that are not written yet are lost.
+  void DisconnectSocket();
+
+  // Ends the reading side: the client's next send fails, so the client knows that the daemon has
+  // not taken the request. What has arrived before is still read and answered; then the connection
+  // ends.
+  void Drain();
+
+  // Closes the connection when one of its deadlines has passed. Returns whether one is pending.
+  bool CheckDeadlines(Clock::time_point now);
+
+ private:
+  // The responses on their way to the client.
+  struct Outgoing {
+    explicit Outgoing(Base::Shared<UserAccount> const& account);
+
+    bool isWriting = false;
+    std::size_t underWay = 0;  // length in bytes of the response that is being written
+    PacketBacklog backlog;     // the responses after it
+    MemoryCharge charge;       // of both
+    Base::StepBudget budget;
+    bool hasOverflowed = false;
+    bool disconnectWhenWritten = false;
+    std::uint64_t bytesSent = 0;  // of the socket, when the writer last made progress
+    Clock::time_point progress{};
+  };
+
+  void OnPacketBegun(std::uint32_t length);
+  void ReadFromSocket(Base::Status const& err, Base::ByteBuffer const& buffer, bool complete);
+  void ProcessPacket(Base::ByteBuffer const& packet);
+  void DisconnectSocketWhenWritten();
+  void Send(std::string const& text);
+  void StartWriting(std::string_view text);
+  void WriteNext();
+  void OnResponseWritten(Base::Status const& err, Base::ByteBuffer const& buffer);
+  void OnWriteFailed(Base::Status const& err, Base::ByteBuffer const& buffer);
+  bool HasStalledResponse(Clock::time_point now);
+  void UpdateWork();
+
+  ConnectionTable& _table;
+  Base::Shared<Net::SocketLinux> const _socket;
+  Base::Shared<UserAccount> const _account;
+  bool _hasRequest = false;                      // it waits for a sensor or runs in one
+  std::optional<Clock::time_point> _packetTime;  // when the packet began that is not whole yet
+  MemoryCharge _packetCharge;
+  Outgoing _outgoing;
+  bool _isClosed = false;
+  bool _isAtWork = false;  // as the activity counts it
+};

@@ -3,9 +3,13 @@
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "base/exception.h"
@@ -15,37 +19,46 @@
 #include "base/loop/thread_pool.h"
 #include "base/shared.h"
 #include "base/unique_fd.h"
-#include "daemon/connection.h"
+#include "daemon/connection_table.h"
+#include "daemon/end_deadline.h"
 #include "daemon/idle_shutdown.h"
+#include "daemon/sensor_queue.h"
 #include "daemon/signal_relay.h"
 #include "daemon/socket_file.h"
 #include "net/address.h"
 #include "net/socket_linux.h"
 #include "trace/trace.h"
 #include "utilities/arguments/arguments.h"
+#include "utilities/os.h"
 
 TRACE_MODULE("main");
 
-// The first thread runs `main`: it starts everything, runs the loop of the "main thread", on which
-// only signals and the idle check happen, and shuts everything down. Connections live on the IO
-// thread.
+// Three threads. The first one runs `main`: it starts everything, runs the loop of the "main
+// thread", on which only signals and the idle check happen, and shuts everything down. Connections
+// live on the IO thread, and sensors block a thread of their own (daemon/sensor_queue.h).
 //
-// The order of a start:
+// The order of a start; what can fail comes before the first client can connect:
 //   1. the listening socket: passed by systemd, or created and bound here
-//   2. the signal relay, so that SIGTERM ends even a start in order; `main` has blocked SIGTERM
-//      until then, and a SIGTERM that came earlier is delivered after step 3
-//   3. listen(2) on the IO thread; from here on clients are served
-//   4. READY=1 to the service manager, and the loop
+//   2. timers and signals
+//   3. the platform, which never changes while the daemon runs
+//   4. listen(2) on the IO thread; from here on clients are served
+//   5. READY=1 to the service manager, and the loop
+//
+// A daemon that is idle leaves so that no request is lost. The IO thread stops accepting: the
+// service manager keeps the listening socket and the clients that wait there. It shuts down the
+// reading side of every connection, so that a send fails from then on, and answers what had arrived
+// before. When the last connection has ended, it stops the loop of the main thread.
 //
 // The shutdown runs once, whichever comes first: a signal, or the end of the loop. It removes the
 // socket file before it closes the socket: once nobody listens, the next daemon may bind a file of
-// its own there. It closes the socket on the IO thread, which owns it, and waits for that. Then it
-// stops the loop and ends the process-wide threads.
+// its own there. Each of its steps waits for a thread, and the deadline of the end watches it.
 
 namespace {
 
 constexpr int backlog = 32;
-constexpr int activatedFd = SD_LISTEN_FDS_START;
+// What the daemon itself needs at a time: a shell command's pipe, pidfd and spawn, a certificate
+// folder, the trace file.
+constexpr int reservedDescriptors = 8;
 constexpr int loopEnded = 3;  // Deliberate: the end of the loop is logged as this signal number.
 
 // The shutdown empties it, also after a failed start, so the destructors of static objects find
@@ -53,8 +66,9 @@ constexpr int loopEnded = 3;  // Deliberate: the end of the loop is logged as th
 struct Daemon {
   Base::Shared<Net::SocketLinux> listenSocket;
   Base::Shared<Base::ThreadLinux> mainThread;
-  std::optional<SocketFile> socketFile;  // set when this process has bound a path
-  Base::UniqueFd folderLock;             // held until this process listens there
+  std::optional<SocketFile> socketFile;    // set when this process has bound a path
+  Base::UniqueFd folderLock;               // held until this process listens there
+  ConnectionTable* connections = nullptr;  // never destroyed: late tasks of the IO thread use it
   std::once_flag shutdown;
 };
 
@@ -63,8 +77,42 @@ Daemon& GetDaemon() {
   return daemon;
 }
 
-void UseActivatedSocket() {
-  int const listenSocketCount = sd_listen_fds(0);
+Base::Shared<Base::ThreadLinux> StartIOThread() {
+  TerminationBlock const block;
+  return Base::GetIOThread();
+}
+
+// Does nothing when no service manager has asked for notifications (sd_notify(3)).
+void NotifyServiceManager(char const* state) {
+  int const result = sd_notify(0, state);
+  if (result < 0)
+    TRACE_WARNING("Failed to notify service manager", state, Trace::As("error", -result));
+}
+
+void LeaveWhenDrained() {
+  Base::GetIOThread()->PostTask(Base::MakeCallback([] {
+    Daemon const& daemon = GetDaemon();
+    if (!daemon.listenSocket) return;  // a signal came first
+    auto const stop = Base::MakeCallback([mainThread = daemon.mainThread] {
+      Base::PostStop(Base::Shared<Base::Thread>(mainThread));
+    });
+    try {
+      daemon.listenSocket->StopListening();
+      daemon.connections->Drain(stop);
+    } catch (Base::Exception const& err) {
+      TRACE_WARNING("Failed to drain connections", err);
+      stop->Call();
+    }
+  }));
+}
+
+void UseActivatedSocket(PassedSockets const& passed) {
+  if (passed.error != 0) {
+    int const error = passed.error;
+    TRACE_ERROR("Failed to take passed sockets", error);
+    throw Base::ExceptionPosix("Failed to take passed sockets", error);
+  }
+  int const listenSocketCount = passed.count;
   if (listenSocketCount > 1) {
     TRACE_ERROR("Unexpected socket listen count", listenSocketCount);
     throw Base::Exception("Unexpected socket listen count");
@@ -72,16 +120,16 @@ void UseActivatedSocket() {
   if (listenSocketCount != 1) return;
   Daemon& daemon = GetDaemon();
   daemon.listenSocket =
-      Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(activatedFd), Base::GetIOThread());
+      Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(SD_LISTEN_FDS_START), StartIOThread());
   daemon.mainThread = Base::MakeShared<Base::ThreadLinux>();
-  StartIdleShutdown(*daemon.mainThread);
+  StartIdleShutdown(*daemon.mainThread, Base::Callback<>(&LeaveWhenDrained));
 }
 
 void BindOwnSocket(std::string const& socketText) {
   Daemon& daemon = GetDaemon();
   daemon.mainThread = Base::MakeShared<Base::ThreadLinux>();
   daemon.listenSocket =
-      Base::MakeShared<Net::SocketLinux>(AF_UNIX, SOCK_SEQPACKET, 0, Base::GetIOThread());
+      Base::MakeShared<Net::SocketLinux>(AF_UNIX, SOCK_SEQPACKET, 0, StartIOThread());
   Net::Address const address = Net::Address::FromUnixText(socketText);
   bool const isPath = socketText.find('/') != std::string::npos;
   if (isPath) daemon.folderLock = SocketFile::RemoveStale(socketText);
@@ -89,13 +137,21 @@ void BindOwnSocket(std::string const& socketText) {
   if (isPath) daemon.socketFile.emplace(socketText);
 }
 
+// Throws when listen(2) fails: such a socket reports the failure to its callback and otherwise
+// behaves as if it listened.
 void Listen() {
-  Base::RunAndWait(*Base::GetIOThread(), [listenSocket = GetDaemon().listenSocket] {
-    listenSocket->Listen(backlog,
-                         Base::MakeCallback([](Base::Status const& err, Net::Address address,
-                                               Base::Shared<Net::SocketLinux> socket) {
-                           OnNewConnection(err, address, socket);
-                         }));
+  Base::RunAndWait(*Base::GetIOThread(), [&daemon = GetDaemon()] {
+    auto connections = std::make_unique<ConnectionTable>(Base::GetIOThread());
+    connections->WatchTimer();
+    daemon.connections = connections.release();
+    daemon.listenSocket->KeepDescriptorsFree(reservedDescriptors);
+    daemon.listenSocket->Listen(
+        backlog, Base::MakeCallback([&connections = *daemon.connections](
+                                        Base::Status const& err, Net::Address address,
+                                        Base::Shared<Net::SocketLinux> socket) {
+          connections.OnNewConnection(err, address, socket);
+        }));
+    if (!daemon.listenSocket->IsListening()) throw Base::Exception("Failed to listen");
   });
 }
 
@@ -108,27 +164,27 @@ void CloseListenSocket(Base::Shared<Net::SocketLinux> const& listenSocket) {
   }
 }
 
-// Does nothing when no service manager has asked for notifications (sd_notify(3)).
-void NotifyServiceManager(char const* state) {
-  int const result = sd_notify(0, state);
-  if (result < 0)
-    TRACE_WARNING("Failed to notify service manager", state, Trace::As("error", -result));
-}
-
 void Shutdown() {
   Daemon& daemon = GetDaemon();
+  StartEndDeadline();
+  SetEndStage("service manager");
   TRACE_VERBOSE("Shutting down daemon...");
   NotifyServiceManager("STOPPING=1");
   if (daemon.listenSocket) {
     TRACE_VERBOSE("Shutting down listen socket");
+    SetEndStage("IO thread");
     daemon.socketFile.reset();
     CloseListenSocket(std::exchange(daemon.listenSocket, {}));
   }
+  SetEndStage("sensor thread");
+  GetSensorQueue().Stop();
   if (daemon.mainThread) {
     TRACE_VERBOSE("Shutting down main thread");
     std::exchange(daemon.mainThread, {})->Stop();
   }
+  SetEndStage("IO thread");
   Base::ShutdownThreadPools();
+  SetEndStage("trace log");
   TRACE_VERBOSE("Daemon shutdown complete.");
 }
 
@@ -140,10 +196,19 @@ void OnSignal(int signalNumber) {
 
 }  // namespace
 
-void RunDaemon() {
+PassedSockets TakePassedSockets() {
+  int const count = sd_listen_fds(0);
+  if (count >= 0) return {.count = count};
+  // The library counts a number of 0 as an error, but it says clearly that there is none.
+  char const* const text = std::getenv("LISTEN_FDS");  // NOLINT(concurrency-mt-unsafe): one thread
+  if (count == -EINVAL && text != nullptr && std::string_view(text) == "0") return {};
+  return {.error = -count};
+}
+
+void RunDaemon(PassedSockets const& passed) {
   std::string const socketText = GetArgument("socket", "com.norvel.kestrel");
   if (GetBoolArgument("activated", false)) {
-    UseActivatedSocket();
+    UseActivatedSocket(passed);
   } else {
     BindOwnSocket(socketText);
   }
@@ -153,10 +218,11 @@ void RunDaemon() {
     return;
   }
   RelayTermination(*daemon.mainThread, Base::Callback<int>(&OnSignal));
+  GetPlatform();
   Listen();
   GetDaemon().folderLock.Reset();
-  UnblockTermination();
   NotifyServiceManager("READY=1");
+  SetEndStage("main thread");
   // A second handle: the shutdown empties the first one while the loop still runs.
   Base::Shared<Base::ThreadLinux> const mainThread = daemon.mainThread;
   mainThread->Run();

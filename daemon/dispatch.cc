@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
-#include <string_view>
 
-#include "base/exception.h"
-#include "daemon/response.h"
+#include "daemon/sensor_queue.h"
 #include "sensors/hardware.h"
 #include "sensors/igel.h"
 #include "trace/trace.h"
@@ -15,37 +13,22 @@ TRACE_MODULE("main");
 
 namespace {
 
-struct Sensor {
-  std::string_view key;  // in the request's "sensor" object
-  nlohmann::json (*ask)();
-  std::string_view requestMessage;
-  std::string_view failureMessage;
-};
-
-// A request with several of the keys goes to the first sensor in this order.
-constexpr auto sensors = std::to_array<Sensor>({
+constexpr auto daemonSensors = std::to_array<Sensor>({
     {"hardware", &AskHardware, "Received hardware sensor request", "Error detecting bios serial"},
     {"igel", &AskIgel, "Received IGEL sensor request",
      "Error detecting igel management certificates"},
 });
 
-void Answer(Base::Shared<Net::Socket> const& socket, Sensor const& sensor) {
-  TRACE_VERBOSE(sensor.requestMessage, socket);
-  try {
-    WriteResponse(socket, sensor.ask());
-  } catch (Base::Exception const& err) {
-    TRACE_ERROR(sensor.failureMessage, err);
-    WriteErrorResponse(socket, "ErrorGeneric", err.what());
-  }
-}
+std::span<Sensor const> sensors = daemonSensors;
 
 }  // namespace
 
-void DispatchRequest(Base::Shared<Net::Socket> const& socket, nlohmann::json const& request) {
+void DispatchRequest(Base::Shared<Connection> const& connection, nlohmann::json const& request) {
+  auto const socket = Trace::As("socket", &connection->GetSocket());
   // contains() is false for a value that is not an object.
   if (!request.contains("sensor")) {
     TRACE_WARNING("Received unexpected request", socket);
-    WriteErrorResponse(socket, "ErrorNotImplemented", "");
+    connection->Answer({{"status", "ErrorNotImplemented"}});
     return;
   }
   // By reference: a packet can nest deep, and the library copies recursively.
@@ -54,8 +37,11 @@ void DispatchRequest(Base::Shared<Net::Socket> const& socket, nlohmann::json con
       sensors, [&wanted](Sensor const& candidate) { return wanted.contains(candidate.key); });
   if (sensor == sensors.end()) {
     TRACE_WARNING("Received unknown sensor request", socket);
-    WriteErrorResponse(socket, "ErrorNotImplemented", "");
+    connection->Answer({{"status", "ErrorNotImplemented"}});
     return;
   }
-  Answer(socket, *sensor);
+  TRACE_VERBOSE(sensor->requestMessage, socket);
+  GetSensorQueue().Add(connection, *sensor);
 }
+
+void UseSensors(std::span<Sensor const> replacement) { sensors = replacement; }

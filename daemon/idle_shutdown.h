@@ -1,14 +1,12 @@
 #pragma once
 
+#include "base/callback.h"
 #include "base/loop/thread_linux.h"
 
-// A socket-activated daemon ends when no connection and no packet has come for "activated-period"
-// seconds.
+// A socket-activated daemon ends when it has been idle for "activated-period" seconds: no
+// connection and no packet has come, and no work was under way.
 
-// Schedules the first check on `mainThread`, one period from now. Called once, before the loop
-// runs. Throws Base::ExceptionPosix.
-void StartIdleShutdown(Base::ThreadLinux& mainThread);
-
-// Stops the loop that it runs on when the period has passed without activity; otherwise schedules
-// itself for the time when the period may have passed.
-void CheckIdleShutdown();
+// Checks on `mainThread` whether the period has passed, the first time after one period, and calls
+// `onIdle` there, once, when it has. Called once, before the loop runs. Throws
+// Base::ExceptionPosix.
+void StartIdleShutdown(Base::ThreadLinux& mainThread, Base::Callback<> onIdle);

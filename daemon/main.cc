@@ -32,14 +32,15 @@ int main(int argc, char** argv) {
   if (IsWordOfCommandLine(argc, argv, "--help")) return Print(GetDaemonUsage().c_str());
   if (IsWordOfCommandLine(argc, argv, "--version"))
     return Print("ktclientd " KTCLIENTD_VERSION "\n");
-  BlockTermination();
+  PassedSockets const passed = TakePassedSockets();
   Base::OpenMissingStandardStreams();
   LimitHeap();
+  ParseArguments(argc, argv);
   try {
     SurviveBrokenPipes();
-    ParseArguments(argc, argv);
+    CatchTermination();
     Trace::InitializeTrace(false, "ktclientd.log");
-    RunDaemon();
+    RunDaemon(passed);
     return 0;
   } catch (Base::Exception const& err) {
     TRACE_ERROR("Failed running client daemon", err);

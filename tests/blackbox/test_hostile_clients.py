@@ -51,6 +51,7 @@ class HostileClients:
             "broken request": lambda client: client.request(b"{", []),
         }
         daemon = self.start(activated=self.activated)
+        daemon.ask(HARDWARE)  # starts the sensor thread
         descriptors = daemon.count_when_idle()
         for step, take in steps.items():
             with self.subTest(step=step):

@@ -1,26 +1,64 @@
 import contextlib
+import ctypes
 import os
 import random
+import signal
 import socket
 import subprocess
 import time
+import unittest
 
-from harness import (BIN, DEADLINE, GENERIC, HARDWARE, NOT_IMPLEMENTED, PATIENCE, SANITIZED,
-                     SEQPACKET, STREAM, Case, Client, ctl, run, wait_until)
+from harness import (BIN, CAN_MOUNT, DEADLINE, GENERIC, HARDWARE, NAMESPACE, NOT_IMPLEMENTED,
+                     PATIENCE, SANITIZED, SEQPACKET, STREAM, Case, Client, ctl, run, serial,
+                     wait_until)
 
 SHUTDOWN = ["Shutting down daemon...", "Shutting down listen socket", "Shutting down main thread",
             "Daemon shutdown complete."]
 
 
 class StopTest(Case):
-    def assert_orderly_end(self, daemon):
+    def assert_orderly_end(self, daemon, number=15):
         daemon.wait_for_end(PATIENCE)
         self.assertFalse(os.path.lexists(daemon.name), "left its socket file")
         events = [f"{line.message} {line.fields}".strip() for line in daemon.trace()
                   if line.message in [*SHUTDOWN, "Received signal"]]
-        self.assertEqual(events[:5], ["Received signal signal:15", *SHUTDOWN])
+        self.assertEqual(events[:5], [f"Received signal signal:{number}", *SHUTDOWN])
         self.assertEqual(events[-1], "Received signal signal:3")
-        self.assertLessEqual(set(events[5:-1]), {"Received signal signal:15"})
+        self.assertLessEqual(set(events[5:-1]), {f"Received signal signal:{number}"})
+
+    def test_signals_end_the_daemon_in_order_and_inherited_dispositions_do_not_matter(self):
+        ignoring = ["sh", "-c", 'trap "" CHLD HUP; exec "$@"', "sh"]
+        for number in (signal.SIGINT, signal.SIGHUP):
+            daemon = self.start(dmidecode="echo S1", launcher=ignoring if number == 2 else [])
+            if number == signal.SIGINT:
+                daemon.process.send_signal(signal.SIGHUP)  # which nohup(1) ignores
+                self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
+            daemon.process.send_signal(number)
+            self.assert_orderly_end(daemon, int(number))
+
+    @unittest.skipUnless(CAN_MOUNT and os.geteuid() == 0 and os.path.exists("/dev/fuse"),
+                         "takes a file system of its own")
+    def test_end_does_not_wait_for_a_sensor_on_a_dead_file_system(self):
+        store = self.folder / "store"
+        store.mkdir()
+        (self.folder / "os-release").write_text('NAME="IGEL OS 12"\n')
+        device = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)  # nobody will ever read from it
+        self.addCleanup(os.close, device)
+        libc = ctypes.CDLL(None, use_errno=True)
+        options = f"fd={device},rootmode=40000,user_id=0,group_id=0".encode()
+        self.assertEqual(libc.mount(b"dead", bytes(store), b"fuse", 0, options), 0)
+        self.addCleanup(libc.umount2, bytes(store), 2)  # MNT_DETACH
+        daemon = self.start(f"--igel-management-cert-path={store}", "--trace-console",
+                            launcher=[*NAMESPACE, self.folder / "os-release", "/etc/os-release"])
+        client = self.connect(daemon)
+        client.request({"sensor": {"igel": None}})
+        daemon.wait_for_trace("Received IGEL sensor request")
+        self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
+        daemon.process.terminate()
+        daemon.wait_for_end(PATIENCE)
+        last = daemon.trace()[-1]
+        self.assertEqual((last.level, last.message, last.fields),
+                         ("WARNING", "Ended without waiting", 'for:"sensor thread"'))
 
     def repeat_sigterm(self, daemon):
         """ThreadSanitizer may keep a signal that comes during the start until the next one."""
@@ -123,6 +161,15 @@ class FailedStartTest(Case):
         self.assertEqual([error.message for error in errors],
                          ["Unexpected socket listen count", "Failed running client daemon"])
         self.assertEqual(errors[0].fields, "listenSocketCount:2")
+
+        for count, status, last in (
+                (0, 0, ("VERBOSE", "Shutting down with nothing to do")),
+                (1, 1, ("ERROR", "Failed running client daemon"))):
+            passing = ["sh", "-c", f'LISTEN_FDS={count} LISTEN_PID=$$ exec "$@" 3<&-', "sh"]
+            daemon = self.launch("--activated", launcher=passing)
+            daemon.wait_for_end(status=status)
+            self.assertIn(last, [(line.level, line.message) for line in daemon.trace()])
+        self.assertIn("Failed to take passed sockets", daemon.messages("ERROR"))
 
         daemon = self.launch("--activated")
         daemon.wait_for_end()
