@@ -25,6 +25,10 @@ constexpr auto settings = std::to_array<Setting>({
      "/wfs/igel-rmagent/trust-store", "the folder of the IGEL management certificates"},
     {"--openssl-fingerprint-any-case", "KESTREL_OPENSSL_FINGERPRINT_ANY_CASE", "false",
      "take the fingerprint that OpenSSL 3 prints, which is \"sha256\" in lower case"},
+    {"--max-connections-per-user=COUNT", "KESTREL_MAX_CONNECTIONS_PER_USER", "64",
+     "how many connections a user other than root may have open; 0 for no limit"},
+    {"--request-timeout=SECONDS", "KESTREL_REQUEST_TIMEOUT", "30",
+     "how long all commands of one request may take together; 0 for no limit"},
     {"--trace-level=LEVEL", "KESTREL_TRACE_LEVEL", "4",
      "0 FATAL, 1 ERROR, 2 WARNING, 3 INFO, 4 VERBOSE, 5 DEBUG"},
     {"--trace-console", "KESTREL_TRACE_CONSOLE", "off",
@@ -33,13 +37,14 @@ constexpr auto settings = std::to_array<Setting>({
      "trace to syslog; present is on, whatever the value"},
     {"--trace-folder=FOLDER", "KESTREL_TRACE_FOLDER", "/tmp/",
      "the folder of the trace file ktclientd.log"},
-    {"--trace-file=FILE", "KESTREL_TRACE_FILE", "none", "the trace file's whole path instead"},
+    {"--trace-file=FILE", "KESTREL_TRACE_FILE", "none",
+     "the whole path of the trace file; overrides --trace-folder"},
     {"--logging-file=FILE", "KESTREL_LOGGING_FILE", "none",
      "the same, where --trace-file is not given"},
     {"--trace-file-prefix=BOOLEAN", "KESTREL_TRACE_FILE_PREFIX", "false",
      "date, time and process id before the trace file's name"},
     {"--trace-stringptr-maxlen=LENGTH", "KESTREL_TRACE_STRINGPTR_MAXLEN", "64",
-     "how much of a C string a trace field shows"},
+     "how many characters of a C string a trace field shows"},
 });
 
 }  // namespace
@@ -62,6 +67,11 @@ std::string GetDaemonUsage() {
       "\n"
       "  --help       print this and exit\n"
       "  --version    print the version and exit\n"
+      "\n"
+      "Limits that no setting changes: 131072 bytes for a request, 1 MiB of unread responses for "
+      "a\n"
+      "connection, 4 MiB of memory for a user, 30 seconds without progress of a packet or "
+      "response.\n"
       "\n"
       "Exit status: 0; 1 when the daemon could not start.\n");
   return text;
