@@ -89,21 +89,24 @@ void NotifyServiceManager(char const* state) {
     TRACE_WARNING("Failed to notify service manager", state, Trace::As("error", -result));
 }
 
+// Runs on the first thread. The task gets handles of its own: a signal may empty the daemon's while
+// the task runs.
 void LeaveWhenDrained() {
-  Base::GetIOThread()->PostTask(Base::MakeCallback([] {
-    Daemon const& daemon = GetDaemon();
-    if (!daemon.listenSocket) return;  // a signal came first
-    auto const stop = Base::MakeCallback([mainThread = daemon.mainThread] {
-      Base::PostStop(Base::Shared<Base::Thread>(mainThread));
-    });
-    try {
-      daemon.listenSocket->StopListening();
-      daemon.connections->Drain(stop);
-    } catch (Base::Exception const& err) {
-      TRACE_WARNING("Failed to drain connections", err);
-      stop->Call();
-    }
-  }));
+  Daemon const& daemon = GetDaemon();
+  if (!daemon.listenSocket) return;  // the shutdown has begun
+  Base::GetIOThread()->PostTask(
+      Base::MakeCallback([listenSocket = daemon.listenSocket, mainThread = daemon.mainThread,
+                          &connections = *daemon.connections] {
+        auto const stop = Base::MakeCallback(
+            [mainThread] { Base::PostStop(Base::Shared<Base::Thread>(mainThread)); });
+        try {
+          listenSocket->StopListening();
+          connections.Drain(stop);
+        } catch (Base::Exception const& err) {
+          TRACE_WARNING("Failed to drain connections", err);
+          stop->Call();
+        }
+      }));
 }
 
 void UseActivatedSocket(PassedSockets const& passed) {
