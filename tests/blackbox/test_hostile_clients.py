@@ -66,6 +66,7 @@ class HostileClients:
     def test_late_reader_gets_every_answer_in_order(self):
         daemon = self.start("--trace-level=2", activated=self.activated,
                             dmidecode=COUNTING_DMIDECODE)
+        daemon.ask(HARDWARE)  # starts the sensor thread
         descriptors = daemon.count_when_idle()
         with daemon.connect() as client:
             for _ in range(50):
@@ -74,7 +75,7 @@ class HostileClients:
             self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
             for number in range(50):
                 self.assertEqual([client.answer() for _ in range(100)],
-                                 [serial(f"S{number + 1}"), *[NOT_IMPLEMENTED] * 99])
+                                 [serial(f"S{number + 2}"), *[NOT_IMPLEMENTED] * 99])
             self.assert_ended(client)
         self.assertEqual(daemon.count_when_idle(), descriptors)
 
