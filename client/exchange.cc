@@ -13,6 +13,7 @@
 
 #include "base/exception.h"
 #include "base/loop/io_thread.h"
+#include "io/file_stream.h"
 #include "io/native_messaging_host_read_stream.h"
 #include "io/native_messaging_host_write_stream.h"
 #include "net/socket.h"
@@ -36,6 +37,36 @@ std::string DescribeWhoMayConnect(Net::Address const& address) {
   return "; it is for root and the members of the group " + name;
 }
 
+// Passes on a source of bytes and knows whether a byte has arrived: the outcome of a packet does
+// not say that.
+class ResponseStream final : public IO::FileReadStream {
+ public:
+  explicit ResponseStream(Base::Shared<IO::FileReadStream> source) : _source(std::move(source)) {}
+
+  bool HasBegun() const { return _hasBegun; }
+
+  void Read(Callback callback) override { _source->Read(Observe(std::move(callback))); }
+
+  void ReadInto(Base::ByteBuffer buffer, Callback callback) override {
+    _source->ReadInto(std::move(buffer), Observe(std::move(callback)));
+  }
+
+  void Close() override { _source->Close(); }
+
+ private:
+  Callback Observe(Callback callback) {
+    return Base::MakeCallback(
+        [self = Base::Shared(this), callback = std::move(callback)](
+            Base::Status const& status, Base::ByteBuffer data, bool complete) {
+          if (!status && data.GetLength() > 0) self->_hasBegun = true;
+          callback->Call(status, std::move(data), complete);
+        });
+  }
+
+  Base::Shared<IO::FileReadStream> const _source;
+  bool _hasBegun = false;
+};
+
 // A status has no error code, only the text of one.
 bool IsError(Base::Status const& status, int errorCode) {
   return Base::ErrnoText(errorCode) == status.Get().what();
@@ -44,11 +75,11 @@ bool IsError(Base::Status const& status, int errorCode) {
 }  // namespace
 
 Exchange::Exchange(Net::Address address, std::string request)
-    : _address(std::move(address)), _request(std::move(request)) {}
+    : _address(std::move(address)), _request(std::move(request)), _type(SOCK_SEQPACKET) {}
 
 std::future<Exchange::Outcome> Exchange::Start() {
   Base::GetIOThread()->PostTask(
-      Base::MakeCallback([self = Base::Shared(this)] { self->Connect(SOCK_SEQPACKET); }));
+      Base::MakeCallback([self = Base::Shared(this)] { self->Connect(); }));
   return _outcome.get_future();
 }
 
@@ -61,28 +92,29 @@ void Exchange::Try(Step step) {
   }
 }
 
-void Exchange::Connect(int type) {
-  Try([this, type] {
-    _socket = Base::MakeShared<Net::SocketLinux>(AF_UNIX, type, 0, Base::GetIOThread());
-    _socket->Connect(
-        _address, Base::MakeCallback([self = Base::Shared(this), type](Base::Status const& status) {
-          self->OnConnected(type, status);
-        }));
+void Exchange::Connect() {
+  Try([this] {
+    _socket = Base::MakeShared<Net::SocketLinux>(AF_UNIX, _type, 0, Base::GetIOThread());
+    _socket->Connect(_address,
+                     Base::MakeCallback([self = Base::Shared(this)](Base::Status const& status) {
+                       self->OnConnected(status);
+                     }));
   });
 }
 
-void Exchange::OnConnected(int type, Base::Status const& status) {
+void Exchange::OnConnected(Base::Status const& status) {
   if (!status) {
     Try([this] { SendRequest(); });
-  } else if (type == SOCK_SEQPACKET && IsError(status, EPROTOTYPE)) {
-    Connect(SOCK_STREAM);
+  } else if (_type == SOCK_SEQPACKET && IsError(status, EPROTOTYPE)) {
+    _type = SOCK_STREAM;
+    Connect();
   } else if (IsError(status, EAGAIN)) {
     // The listener's backlog is full. A non-blocking connect() cannot wait for room in it.
     Base::GetIOThread()->PostScheduledTask(
-        connectRetryMs,
-        Base::MakeCallback([self = Base::Shared(this), type] { self->Connect(type); }));
+        connectRetryMs, Base::MakeCallback([self = Base::Shared(this)] { self->Connect(); }));
   } else {
-    Fail("Cannot connect to " + _address.ToText() + ": " + status.Get().what() +
+    Fail((_isRepeat ? "Cannot connect again to " : "Cannot connect to ") + _address.ToText() +
+         ": " + status.Get().what() +
          (IsError(status, EACCES) ? DescribeWhoMayConnect(_address) : ""));
   }
 }
@@ -105,17 +137,39 @@ void Exchange::SendRequest() {
 
 void Exchange::OnRequestSent(Base::Status const& status) {
   if (status) {
-    Fail(std::string("Cannot send the request: ") + status.Get().what());
+    OnConnectionLost(status.Get().what());
+    return;
+  }
+  try {
+    auto const source = Base::MakeShared<ResponseStream>(
+        Base::MakeShared<Net::SocketReadStream>(_socket, readSize));
+    auto const stream =
+        Base::MakeShared<IO::NativeMessagingHostReadStream>(source, maxResponseSize);
+    stream->Read(Base::MakeCallback(
+        [self = Base::Shared(this), source](Base::Status const& readStatus, Base::ByteBuffer packet,
+                                            bool complete) {
+          if (source->HasBegun()) {
+            self->OnResponse(readStatus, packet, complete);
+          } else {
+            self->OnConnectionLost(readStatus ? readStatus.Get().what() : "End of stream");
+          }
+        }));
+  } catch (std::exception const& err) {
+    // The socket throws when it has found a hang-up between the end of the write and the read.
+    OnConnectionLost(err.what());
+  }
+}
+
+void Exchange::OnConnectionLost(std::string const& reason) {
+  if (std::exchange(_isRepeat, true)) {
+    Fail("The connection ended twice before a response (" + reason +
+         "): this user may have too many connections or unread responses, or the daemon is "
+         "stopping; see its log");
     return;
   }
   Try([this] {
-    auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-        Base::MakeShared<Net::SocketReadStream>(_socket, readSize), maxResponseSize);
-    stream->Read(
-        Base::MakeCallback([self = Base::Shared(this)](Base::Status const& readStatus,
-                                                       Base::ByteBuffer packet, bool complete) {
-          self->OnResponse(readStatus, packet, complete);
-        }));
+    _socket->Close();
+    Connect();
   });
 }
 
@@ -124,7 +178,7 @@ void Exchange::OnResponse(Base::Status const& status, Base::ByteBuffer const& pa
   if (status) {
     Fail(std::string("Cannot read the response: ") + status.Get().what());
   } else if (complete && packet.GetLength() == 0) {
-    Fail("The daemon closed the connection without a response");
+    Fail("The daemon's response is empty");
   } else if (!std::exchange(_ended, true)) {
     auto const bytes = packet.GetSpan();
     _outcome.set_value({.isResponse = true, .text = std::string(bytes.begin(), bytes.end())});

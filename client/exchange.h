@@ -11,6 +11,11 @@
 
 // Connects to the daemon, sends one request and reads its response.
 //
+// When the request cannot be sent, or the connection ends before the first byte of the response,
+// the exchange connects again and sends the request again, once. The reason is usually that the
+// daemon was idle and exits; systemd starts the next one. A request changes nothing, so a repeat
+// is harmless.
+//
 // Sends nothing unless the server is a process of root or of this user: any user can bind a name in
 // the abstract namespace. SO_PEERCRED names the process that called listen(), for an inherited
 // socket the one that passed it on.
@@ -35,10 +40,11 @@ class Exchange final : public Base::Shareable {
   std::future<Outcome> Start();
 
  private:
-  void Connect(int type);
-  void OnConnected(int type, Base::Status const& status);
+  void Connect();
+  void OnConnected(Base::Status const& status);
   void SendRequest();
   void OnRequestSent(Base::Status const& status);
+  void OnConnectionLost(std::string const& reason);
   void OnResponse(Base::Status const& status, Base::ByteBuffer const& packet, bool complete);
 
   // Runs a step of the exchange; an exception of the step ends the exchange with a failure.
@@ -48,6 +54,8 @@ class Exchange final : public Base::Shareable {
 
   Net::Address const _address;
   std::string const _request;
+  int _type;
+  bool _isRepeat = false;  // the first connection was lost
   Base::Shared<Net::SocketLinux> _socket;
   std::promise<Outcome> _outcome;
   bool _ended = false;

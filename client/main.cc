@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <future>
@@ -16,6 +17,7 @@
 #include "base/loop/thread_pool.h"
 #include "base/shared.h"
 #include "base/standard_streams.h"
+#include "base/string_conversion.h"
 #include "client/command_line.h"
 #include "client/exchange.h"
 #include "utilities/arguments/arguments.h"
@@ -24,11 +26,33 @@ namespace {
 
 enum class ExitStatus : int { Success = 0, OtherStatus = 1, WrongUsage = 2, NoResponse = 3 };
 
+// Beside the ASCII controls: the C1 controls, which are commands to a terminal; line and paragraph
+// separators; and the bidirectional controls, which show a text in another order.
+bool IsControl(wchar_t c) {
+  return (c >= 0x7F && c <= 0x9F) || c == 0x61C || c == 0x200E || c == 0x200F ||
+         (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+// Replaces each control by its escape sequence in JSON. Leaves ASCII controls but DEL alone.
+std::string EscapeControls(std::string_view text) {
+  std::wstring escaped;
+  for (wchar_t const c : Base::ToWide(text)) {
+    if (!IsControl(c)) {
+      escaped += c;
+      continue;
+    }
+    constexpr std::wstring_view digits = L"0123456789abcdef";
+    escaped += L"\\u";
+    for (int shift = 12; shift >= 0; shift -= 4) escaped += digits[(c >> shift) & 0xF];
+  }
+  return Base::ToUtf8(escaped);
+}
+
 // Prints one line: `reason` can hold text of the user or of the server, with control characters.
 int ExitWithError(ExitStatus status, std::string reason) {
   std::ranges::replace_if(
-      reason, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }, ' ');
-  std::cerr << "ktclientctl: " + reason + "\n";
+      reason, [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
+  std::cerr << "ktclientctl: " + EscapeControls(reason) + "\n";
   return static_cast<int>(status);
 }
 
@@ -45,19 +69,39 @@ std::string SendRequest(CommandLine const& commandLine) {
   return std::move(outcome.text);
 }
 
-// Printing is recursive. The daemon's responses have only a few levels.
-bool RefuseDeepNesting(int depth, nlohmann::json::parse_event_t /*event*/,
-                       nlohmann::json const& /*parsed*/) {
-  constexpr int maxDepth = 100;
-  if (depth > maxDepth) throw Base::Exception("The daemon's response is broken");
-  return true;
+// Whether valid JSON is small enough to be parsed and printed: printing is recursive, and its
+// indentation can be much longer than the text. The daemon's responses have only a few levels.
+bool IsSmall(std::string_view json) {
+  constexpr int maxDepth = 20;
+  constexpr int maxValues = 1'000'000;
+  int depth = 0;
+  int values = 1;
+  bool isInText = false;
+  for (std::size_t i = 0; i < json.size() && depth <= maxDepth && values <= maxValues; ++i) {
+    char const c = json[i];
+    if (c == '"') {
+      isInText = !isInText;
+    } else if (isInText) {
+      if (c == '\\') ++i;
+    } else if (c == '[' || c == '{') {
+      ++depth;
+      ++values;
+    } else if (c == ']' || c == '}') {
+      --depth;
+    } else if (c == ',') {
+      ++values;
+    }
+  }
+  return depth <= maxDepth && values <= maxValues;
 }
 
 int PrintResponse(std::string const& text, bool compact) {
-  auto const response = nlohmann::json::parse(text, &RefuseDeepNesting, false);
+  // Without a callback: with one, the time to parse grows with the square of the length.
+  auto const response =
+      IsSmall(text) ? nlohmann::json::parse(text, nullptr, false) : nlohmann::json();
   bool const isValid = response.contains("status") && response["status"].is_string();
   if (!isValid) return ExitWithError(ExitStatus::NoResponse, "The daemon's response is broken");
-  std::cout << response.dump(compact ? -1 : 2) << "\n" << std::flush;
+  std::cout << EscapeControls(response.dump(compact ? -1 : 2)) << "\n" << std::flush;
   if (!std::cout) return ExitWithError(ExitStatus::NoResponse, "Cannot print the response");
   auto const status = response["status"].get<std::string>();
   if (status == "Success") return static_cast<int>(ExitStatus::Success);

@@ -22,6 +22,15 @@ print(listener.accept()[0].recv(4096))
 """
 
 
+def read_request(client, requests):
+    requests.append(client.recv(*struct.unpack("=I", client.recv(4, socket.MSG_WAITALL))))
+
+
+# What a server does before it closes a connection without a response, for a reset and for an end.
+WAYS_TO_LOSE = (lambda client: client.recv(1, socket.MSG_PEEK),
+                lambda client: read_request(client, []))
+
+
 class ClientProgramTest(Case):
     def assert_complaint(self, result, status):
         """It ended with `status` and printed the reason in one line."""
@@ -29,19 +38,26 @@ class ClientProgramTest(Case):
         self.assertRegex(result.stderr, r"\Aktclientctl: [^\n]+\n\Z")
         self.assertEqual(bool(result.stdout), status == 1)
 
-    def ask_server(self, *records, silent=False):
-        """Asks a server that reads the request and sends `records`, then closes unless `silent`."""
+    def ask_server(self, *records, lost=(), kind=SEQPACKET, silent=False):
+        """Asks a server that reads the request and sends `records`, then closes unless `silent`.
+
+        Before, it closes a connection for each step of `lost`, after that step.
+        """
         name = f"{self.folder}/{random.getrandbits(64)}"
-        listener = self.listen(name)
+        listener = self.listen(name, kind)
         requests = []
 
         def serve():
+            for step in lost:
+                with listener.accept()[0] as client:
+                    step(client)
             with listener.accept()[0] as client:
                 client.settimeout(DEADLINE)
-                requests.append(client.recv(*struct.unpack("=I", client.recv(4))))
+                read_request(client, requests)
                 with contextlib.suppress(ConnectionError):
                     for record in records:
-                        client.sendall(record)
+                        for start in range(0, len(record), 65536):
+                            client.sendall(record[start:start + 65536])
                 if silent:
                     client.recv(1)
         thread = in_thread(serve)
@@ -89,15 +105,20 @@ class ClientProgramTest(Case):
         deep = '{"sensor":' + "[" * 65530 + "]" * 65530 + "}"
         self.assert_complaint(ctl(where, "send", "-", input=deep), 1)
 
-        answer = {"status": "ErrorGeneric", "error_message": "first\nsecond"}
-        result = self.ask_server(*packet(answer))
+        # Controls of terminals and of the direction of text are escaped; other text is not.
+        controls = "\x7f\x80\x9b\u061c\u200e\u2028\u202e\u2066\u2069"
+        answer = {"status": "ErrorGeneric", "error_message": f"first\nsecond\u00e4{controls}"}
+        result = self.ask_server(*packet(json.dumps(answer, ensure_ascii=False).encode()))
         self.assert_complaint(result, 1)
         self.assertIn("first", result.stderr)
         self.assertEqual(json.loads(result.stdout), answer)
+        for output in (result.stdout, result.stderr):
+            self.assertFalse(set(controls) & set(output), output)
+            self.assertIn("second\u00e4\\u007f\\u0080\\u009b\\u061c", output)
 
     def test_wrong_usage(self):
         for arguments in ([], ["hardware", "more"], ["igel", "more"], ["send"], ["send", "{"],
-                          ["send", "[]", "[]"], ["send", ""], ["tell"], ["HARDWARE"],
+                          ["send", "[]", "[]"], ["send", ""], ["tell"], ["\udc9b2J"], ["HARDWARE"],
                           ["hardware", "igel"], ["--loud", "hardware"], ["hardware", "-x"],
                           ["--logging-file=/x", "hardware"], ["--help=1", "hardware"],
                           ["--socket", "hardware"], ["--timeout", "hardware"],
@@ -115,7 +136,7 @@ class ClientProgramTest(Case):
         for name in (f"{self.folder}/none", stale, f"ktclientd-{os.getpid()}-none"):
             with self.subTest(name=name):
                 self.assert_complaint(ctl(f"--socket={name}", "hardware"), 3)
-        self.assert_complaint(self.ask_server(silent=True), 3)
+        self.assert_complaint(self.ask_server(lost=WAYS_TO_LOSE[-1:], silent=True), 3)
         self.listen(f"{self.folder}/full", backlog=0)
         with socket.socket(socket.AF_UNIX, SEQPACKET) as first:
             first.connect(f"{self.folder}/full")
@@ -157,13 +178,38 @@ class ClientProgramTest(Case):
             shell = ["sh", "-c", f'exec "$@" >{output}', "sh"]
             self.assert_complaint(run(*shell, BIN / "ktclientctl", where, "hardware"), 3)
 
+    def test_lost_connection_is_replaced_once(self):
+        answer = packet(serial("S1"))
+        for kind in (SEQPACKET, STREAM):
+            for way in WAYS_TO_LOSE:
+                result = self.ask_server(*answer, kind=kind, lost=[way])
+                self.assertEqual((result.returncode, result.stderr), (0, ""))
+                result = self.ask_server(kind=kind, lost=[way])
+                self.assert_complaint(result, 3)
+                self.assertIn("The connection ended twice before a response (", result.stderr)
+        name = f"{self.folder}/leaving"
+        listener = self.listen(name)
+
+        def leave():
+            with listener.accept()[0]:
+                listener.close()
+        thread = in_thread(leave)
+        result = ctl(f"--socket={name}", "hardware")
+        thread.join()
+        self.assert_complaint(result, 3)
+        self.assertIn(f"Cannot connect again to unix:{name}: Connection refused", result.stderr)
+
     def test_broken_response(self):
-        for records in ((), (b"\2\0",), (b"\x10\0\0\0", b'{"stat'), (b"\0\0\0\0",)):
+        large = b'{"status":"Success","x":[%s0]}'
+        result = self.ask_server(*packet(large % (b'{"":0},' * 300000)))
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        for records in ((b"\2\0",), (b"\x10\0\0\0", b'{"stat'), (b"\0\0\0\0",)):
             with self.subTest(records=records):
                 self.assert_complaint(self.ask_server(*records), 3)
         for answer in (b"{", b"[]", b"7", b"{}", b'{"status":7}', b'{"status":"Success\xff"}',
-                       b'{"status":"Success"} x'):
-            with self.subTest(answer=answer):
+                       b'{"status":"Success"} x', large % (b"[" * 50000 + b"]" * 50000 + b","),
+                       large % (b"0," * 1000000)):
+            with self.subTest(answer=answer[:40]):
                 self.assert_complaint(self.ask_server(*packet(answer)), 3)
 
     @unittest.skipIf(os.geteuid() != 0, "takes a second user")

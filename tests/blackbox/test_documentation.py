@@ -1,9 +1,11 @@
 import json
+import random
 import re
 import sys
 
 import jsonschema
-from harness import BIN, DOCS, GENERIC, RESPONSE, Case, in_thread, read_schema, run, serial
+from harness import (BIN, DOCS, GENERIC, RESPONSE, Case, in_thread, packet, read_schema, run,
+                     serial)
 
 ROOT = DOCS.parent
 PROTOCOL = (DOCS / "protocol.md").read_text()
@@ -60,21 +62,31 @@ class ProtocolDocumentTest(Case):
 
     def test_example_clients(self):
         daemon = self.start(dmidecode="echo KT-0001-DEMO")
-        silent = self.listen(f"{self.folder}/silent")
         for command in ([BIN / "example"], [sys.executable, DOCS / "example.py"]):
             with self.subTest(command=command):
                 result = run(*command, daemon.name)
                 self.assertIn("KT-0001-DEMO", result.stdout)
                 self.assertEqual((result.returncode, result.stderr), (0, ""))
 
-                def hang_up():
-                    with silent.accept()[0] as connection:
-                        connection.recv(4), connection.recv(1000)
-                server = in_thread(hang_up)
-                result = run(*command, f"{self.folder}/silent")
-                server.join()
-                self.assertEqual((result.returncode, result.stdout), (1, ""))
-                self.assertIn("no answer", result.stderr)
+                # The first connection is lost; then also the second.
+                for answers in ([[], packet(serial("S2"))], [[], []]):
+                    name = f"{self.folder}/{random.getrandbits(64)}"
+                    listener = self.listen(name)
+
+                    def serve():
+                        for records in answers:
+                            with listener.accept()[0] as connection:
+                                connection.recv(4), connection.recv(1000)
+                                for record in records:
+                                    connection.sendall(record)
+                    server = in_thread(serve)
+                    result = run(*command, name)
+                    server.join()
+                    if answers[1]:
+                        self.assertIn("S2", result.stdout)
+                    else:
+                        self.assertEqual((result.returncode, result.stdout), (1, ""))
+                        self.assertIn("no answer", result.stderr)
 
 
 class ManualTest(Case):
