@@ -1,6 +1,7 @@
 #include "io/file_stream_linux.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -24,7 +25,8 @@ TRACE_MODULE("file_stream_linux");
 //   - An error event is what read(2) or write(2) then fails with, such as EPIPE.
 //   - EAGAIN means that another process was faster, and the operation still waits. The exception is
 //     a terminal whose other side is gone: it goes on to fail with EAGAIN while epoll reports the
-//     hang-up in every round. That ends the operation with EIO.
+//     hang-up in every round. That ends the operation with EIO. The event may be out of date: a
+//     FIFO gets a new writer or reader after its hang-up. So poll(2) confirms the hang-up first.
 //
 // The read goes before the write. Their completions are posted, so no callback changes the file
 // between the two; the failed read ends the write as well.
@@ -43,7 +45,12 @@ bool Has(int events, std::uint32_t bits) {
   return (static_cast<std::uint32_t>(events) & bits) != 0;
 }
 
-bool IsOver(int events) { return Has(events, EPOLLHUP | EPOLLERR); }
+// Whether the event was a hang-up or an error, and the descriptor still reports one.
+bool IsOver(int events, Base::UniqueFd const& fd) {
+  if (!Has(events, EPOLLHUP | EPOLLERR)) return false;
+  pollfd state{fd.Get(), 0, 0};
+  return poll(&state, 1, 0) == 1;  // poll(2) reports both without being asked
+}
 
 // Reads or writes once, by `call`, and again after a signal: a terminal looks for signals even when
 // it does not block.
@@ -182,7 +189,7 @@ void FileStreamLinux::OnReadable(int events) {
   ssize_t const bytesRead = Transfer(&read, _fd, _read.buffer);
   int error = errno;
   if (bytesRead == -1 && error == EAGAIN) {
-    if (!IsOver(events)) return;  // another reader was faster; the operation still waits
+    if (!IsOver(events, _fd)) return;  // another reader was faster; the operation still waits
     error = EIO;
   }
   Disarm(EPOLLIN);
@@ -202,7 +209,7 @@ void FileStreamLinux::OnWritable(int events) {
   ssize_t const bytesWritten = Transfer(&write, _fd, _write.buffer);
   int error = errno;
   if (bytesWritten == -1 && error == EAGAIN) {
-    if (!IsOver(events)) return;
+    if (!IsOver(events, _fd)) return;
     error = EIO;
   }
   Disarm(EPOLLOUT);

@@ -152,6 +152,43 @@ TEST_F(FileStreamLinuxTest, ATerminalWhoseOtherSideIsGoneEndsItsWrite) {
   EXPECT_EQ(events.Take(), "written Input/output error (Err 5) 1048576;");
 }
 
+// The loop finds both ends gone. New ones open before the file looks at that, which must not end it.
+TEST_F(FileStreamLinuxTest, AFifoGoesOnWhenItsOtherEndComesBack) {
+  std::string const path = (directory.path / "fifo").string();
+  std::string const fullPath = (directory.path / "full").string();
+  ASSERT_EQ(mkfifo(path.c_str(), 0600) | mkfifo(fullPath.c_str(), 0600), 0);
+  auto const source = MakeReader(Open(path, O_RDONLY | O_NONBLOCK), 16);
+  Base::UniqueFd writer(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  Base::UniqueFd reader(open(fullPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  int const sink = open(fullPath.c_str(), O_WRONLY | O_CLOEXEC);
+  std::string const filler(static_cast<std::size_t>(fcntl(sink, F_GETPIPE_SZ)), 'f');
+  EXPECT_EQ(write(sink, filler.data(), filler.size()), static_cast<ssize_t>(filler.size()));
+  Base::UniqueFd const first(eventfd(0, EFD_CLOEXEC));
+  auto const stream = Attach(sink);
+  OnLoop([&] {
+    source->Read(NoteRead());
+    stream->Write(Base::CopyOfText("x"), NoteWrite());
+    loop->AddWatch(first.Get(), EPOLLIN, Base::MakeCallback([&](int fd, int) {
+                     writer.Reset(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+                     reader.Reset(open(fullPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+                     loop->RemoveWatch(fd);
+                   }));
+    // In this order the kernel reports them.
+    eventfd_write(first.Get(), 1);
+    writer.Reset();
+    reader.Reset();
+  });
+  AwaitRounds(2);
+  EXPECT_EQ(events.Take(0), "");
+  Put(writer, "more");
+  EXPECT_EQ(events.Take(), "read ok more;");
+  std::string taken(filler.size(), '\0');
+  EXPECT_EQ(read(reader.Get(), taken.data(), taken.size()), static_cast<ssize_t>(filler.size()));
+  EXPECT_EQ(events.Take(), "written ok 1;");
+  Close(source);
+  Close(stream);
+}
+
 // Both wait at once for one descriptor, and neither's end may be lost by the other's.
 TEST_F(FileStreamLinuxTest, ATerminalIsReadAndWrittenAtATime) {
   Base::UniqueFd const master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
