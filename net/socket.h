@@ -42,10 +42,11 @@ class Socket : public Base::Shareable {
   virtual void SetOption(int level, int option, void const* value, socklen_t valueLength) = 0;
 
   // Calls back with the status of the connect, and leaves the socket usable when that failed.
-  // Throws "Socket already connecting".
+  // Throws "Socket already connecting"; "Invalid Callback" for an empty callback.
   virtual void Connect(Address const& address, Base::StatusCallback callback) = 0;
 
-  // Closes the socket as `Close` does, and calls back with the status of that. Never throws.
+  // Closes the socket as `Close` does, and calls back with the status of that. With an empty
+  // callback it only closes. Never throws.
   virtual void Disconnect(Base::StatusCallback callback) = 0;
 
   // Sends once: calls back with the part of `data` that the kernel took, which may be all. Throws

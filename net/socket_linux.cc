@@ -124,6 +124,10 @@ PeerCredentials SocketLinux::GetPeerCredentials() {
 
 void SocketLinux::Listen(int maxConnections, AcceptCallback acceptCallback) {
   ThrowLatchedError("Attempt to listen after error", Trace::As("maxConnections", maxConnections));
+  if (!acceptCallback) {
+    TRACE_ERROR("Attempt to listen with invalid callback", this);
+    throw Base::Exception("Invalid Callback");
+  }
   if (!_acceptBackoff) {
     // Before the listen, which lets clients in: it may fail.
     _acceptBackoff = Base::MakeShared<AcceptBackoff>(_ioThread, _reservedDescriptors);
@@ -145,6 +149,10 @@ void SocketLinux::Connect(Address const& address, Base::StatusCallback callback)
   if (_connectCallback) {
     TRACE_ERROR("Attempt to connect to connecting socket", this, address);
     throw Base::Exception("Socket already connecting");
+  }
+  if (!callback) {
+    TRACE_ERROR("Attempt to connect with invalid callback", this);
+    throw Base::Exception("Invalid Callback");
   }
   int const result = connect(_fd.Get(), address.GetData(), address.GetLength());
   int const error = errno;
@@ -170,7 +178,7 @@ void SocketLinux::Disconnect(Base::StatusCallback callback) {
   } catch (Base::Exception const&) {
     status = _error;
   }
-  Post(std::move(callback), std::move(status));
+  if (callback) Post(std::move(callback), std::move(status));
 }
 
 void SocketLinux::Write(Buffer data, WriteCallback callback) {

@@ -60,7 +60,7 @@ class SocketLinux final : public Socket {
   // open. After a failure that would repeat itself at once, an accept backoff follows: without
   // descriptors or memory until there are some again, else of one second. A failed listen(2) is
   // reported through the callback, too. Throws Base::ExceptionPosix when the socket cannot be
-  // watched.
+  // watched; "Invalid Callback" for an empty callback.
   void Listen(int maxConnections, AcceptCallback acceptCallback);
 
   // Accepts no connection while that would leave fewer than `count` descriptors to this process;

@@ -104,6 +104,10 @@ void ThreadLinux::Wake() {
 }
 
 void ThreadLinux::AddWatch(int fd, std::uint32_t events, WatchCallback callback) {
+  if (!callback) {
+    TRACE_ERROR("Attempt to add watch with invalid callback", this, fd, events);
+    throw Exception("Invalid Callback");
+  }
   epoll_event event{};
   event.events = events;
   event.data.fd = fd;
@@ -139,6 +143,10 @@ void ThreadLinux::RemoveWatch(int fd) {
 }
 
 void ThreadLinux::MonitorChildProcess(pid_t pid, ChildCallback callback) {
+  if (!callback) {
+    TRACE_ERROR("Attempt to monitor child process with invalid callback", this, pid);
+    throw Exception("Invalid Callback");
+  }
   int status = 0;
   if (CheckProcessExit(pid, status)) {
     TRACE_VERBOSE("Dispatching callback for child process immediately since process has exited",

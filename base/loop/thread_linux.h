@@ -27,7 +27,8 @@ namespace Base {
 // watches and its child callbacks as it discards its tasks.
 //
 // Threads: those of Thread for what Thread declares, the loop's thread alone for the rest.
-// Errors:  the loop logs what a callback throws. Failed system calls throw ExceptionPosix.
+// Errors:  the loop logs what a callback throws. Failed system calls throw ExceptionPosix, an empty
+//          callback Exception "Invalid Callback"; both after an ERROR line.
 class ThreadLinux final : public LoopThread {
  public:
   using WatchCallback = Shared<CallbackNoCopy<int, int>>;  // descriptor, epoll event bits

@@ -45,6 +45,14 @@ TEST_F(SocketLinuxTest, AClosedSocketRefusesAllButItsDisconnect) {
   EXPECT_EQ(ErrorOf([] { Net::SocketLinux(Base::UniqueFd(), nullptr); }), "Invalid socket");
 }
 
+TEST_F(SocketLinuxTest, AnEmptyCallbackIsRefusedButDisconnects) {
+  auto const socket = MakePair(loop, SOCK_STREAM, peer);
+  EXPECT_EQ(ErrorOf([&] { socket->Connect({}, {}); }), "Invalid Callback");
+  EXPECT_EQ(ErrorOf([&] { socket->Listen(1, {}); }), "Invalid Callback");
+  OnLoop([&] { socket->Disconnect({}); });
+  EXPECT_EQ(ErrorOf([&] { socket->Bind({}); }), "Socket closed");
+}
+
 TEST_F(SocketLinuxTest, NoEmptyRecordFollowsAnEmptyPacket) {
   auto const socket = MakePair(loop, SOCK_SEQPACKET, peer);
   for (std::string const& payload : {std::string(), std::string("x")}) {

@@ -41,8 +41,11 @@ TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
     loop->RemoveWatch(fd.Get());
     loop->RemoveWatch(fd.Get());
     EXPECT_THROW(loop->UpdateWatch(fd.Get(), EPOLLOUT), Base::ExceptionPosix);
-    EXPECT_THROW(loop->AddWatch(-1, EPOLLIN, {}), Base::ExceptionPosix);
+    EXPECT_THROW(loop->AddWatch(-1, EPOLLIN, Base::MakeCallback([](int, int) {})),
+                 Base::ExceptionPosix);
   });
+  EXPECT_EQ(ErrorOf([&] { loop->AddWatch(fd.Get(), EPOLLOUT, {}); }), "Invalid Callback");
+  EXPECT_EQ(ErrorOf([&] { loop->MonitorChildProcess(1, {}); }), "Invalid Callback");
 }
 
 TEST_F(ThreadLinuxTest, ChildrenAreReportedHoweverTheyEnd) {
