@@ -130,8 +130,9 @@ void SocketLinux::Listen(int maxConnections, AcceptCallback acceptCallback) {
   }
   if (!_acceptBackoff) {
     // Before the listen, which lets clients in: it may fail.
-    _acceptBackoff = Base::MakeShared<AcceptBackoff>(_ioThread, _reservedDescriptors);
-    _acceptBackoff->Watch(Base::MakeCallback([self = Base::Shared(this)] { self->Arm(EPOLLIN); }));
+    auto const backoff = Base::MakeShared<AcceptBackoff>(_ioThread, _reservedDescriptors);
+    backoff->Watch(Base::MakeCallback([self = Base::Shared(this)] { self->Arm(EPOLLIN); }));
+    _acceptBackoff = backoff;  // when it is watched: else the next `Listen` tries again
   }
   _acceptCallback = std::move(acceptCallback);
   if (listen(_fd.Get(), maxConnections) == -1) {

@@ -59,8 +59,9 @@ class SocketLinux final : public Socket {
   // Calls back for every connection and for every accept(2) that fails, as long as the socket is
   // open. After a failure that would repeat itself at once, an accept backoff follows: without
   // descriptors or memory until there are some again, else of one second. A failed listen(2) is
-  // reported through the callback, too. Throws Base::ExceptionPosix when the socket cannot be
-  // watched; "Invalid Callback" for an empty callback.
+  // reported through the callback, too. Called again, it replaces the number and the callback.
+  // Throws Base::ExceptionPosix when the socket cannot be watched; "Invalid Callback" for an empty
+  // callback.
   void Listen(int maxConnections, AcceptCallback acceptCallback);
 
   // Accepts no connection while that would leave fewer than `count` descriptors to this process;

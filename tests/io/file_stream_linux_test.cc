@@ -152,7 +152,8 @@ TEST_F(FileStreamLinuxTest, ATerminalWhoseOtherSideIsGoneEndsItsWrite) {
   EXPECT_EQ(events.Take(), "written Input/output error (Err 5) 1048576;");
 }
 
-// The loop finds both ends gone. New ones open before the file looks at that, which must not end it.
+// The loop finds both ends gone. New ones open before the file looks at that, which must not end
+// it.
 TEST_F(FileStreamLinuxTest, AFifoGoesOnWhenItsOtherEndComesBack) {
   std::string const path = (directory.path / "fifo").string();
   std::string const fullPath = (directory.path / "full").string();

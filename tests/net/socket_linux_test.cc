@@ -117,6 +117,18 @@ TEST_F(ListenTest, OnlyTheRecordedPartOfALongPeerAddressIsUsed) {
   });
 }
 
+TEST_F(ListenTest, ASecondListenReplacesTheFirst) {
+  int const next = GetNextDescriptor();
+  OnLoop([this] {
+    listener->Listen(
+        64, Base::MakeCallback([this](Base::Status const&, Net::Address,
+                                      Base::Shared<Net::SocketLinux>) { events.Add("second"); }));
+  });
+  EXPECT_EQ(GetNextDescriptor(), next) << "no second timer";
+  Base::UniqueFd const client = Connect();
+  EXPECT_EQ(events.Take(), "second;");
+}
+
 TEST_F(ListenTest, OutOfDescriptorsItBacksOffAndServesOnceThereAreSome) {
   Base::UniqueFd const client(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   std::optional<DescriptorLimit> limit(GetNextDescriptor());
