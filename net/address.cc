@@ -48,10 +48,13 @@ Address FromIPv6(in6_addr const& ip, std::uint16_t port) {
   throw Base::Exception("Unhandled Address Family");
 }
 
+// The system's parsers stop at a zero byte and would take what comes before it.
+bool HasZeroByte(std::string_view text) { return text.find('\0') != std::string_view::npos; }
+
 template <typename Binary>
 Binary ParseLiteral(int family, std::string const& ip, std::string_view message) {
   Binary binary{};
-  int const result = inet_pton(family, ip.c_str(), &binary);
+  int const result = HasZeroByte(ip) ? 0 : inet_pton(family, ip.c_str(), &binary);
   if (result == 0) {
     TRACE_ERROR(message, ip);
     throw Base::Exception("Invalid Address");
@@ -139,7 +142,9 @@ Address Address::Resolve(std::string const& name, std::uint32_t port, std::strin
   if (service.empty() && port == 443) service = "https";
   addrinfo* found = nullptr;
   char const* const serviceText = service.empty() ? nullptr : service.c_str();
-  int const result = getaddrinfo(name.c_str(), serviceText, nullptr, &found);
+  int const result = HasZeroByte(name) || HasZeroByte(service)
+                         ? EAI_NONAME
+                         : getaddrinfo(name.c_str(), serviceText, nullptr, &found);
   std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const list(found, &freeaddrinfo);
   if (result != 0 || list == nullptr) {
     TRACE_ERROR("Failed to determine address", name);

@@ -14,7 +14,8 @@ namespace Net {
 // value. The layouts are the kernel's: unix(7), ip(7), ipv6(7).
 //
 // Errors: each after an ERROR line: Base::Exception "Invalid Address", "Unknown Address",
-//         "Unhandled Address Family"; Base::OverflowException.
+//         "Unhandled Address Family"; Base::OverflowException. A literal with a zero byte is
+//         invalid, a name or service with one unknown.
 class Address {
  public:
   static constexpr std::uint32_t maxLength = 112;

@@ -107,6 +107,17 @@ TEST(AddressTest, NameAndPort) {
   EXPECT_EQ(ErrorOf([] { Address::FromNameAndPort("no such host:9", "9"); }), "Unknown Address");
 }
 
+TEST(AddressTest, AZeroByteEndsNoText) {
+  std::string const zero(1, '\0');
+  EXPECT_EQ(ErrorOf([&] { Address::FromLiteral(AF_INET, "127.0.0.1" + zero + ".9", 1); }),
+            "Invalid Address");
+  EXPECT_EQ(ErrorOf([&] { Address::FromLiteral(AF_INET6, "::1" + zero, 1); }), "Invalid Address");
+  EXPECT_EQ(ErrorOf([&] { Address::Resolve("127.0.0.1" + zero, 9, "9"); }), "Unknown Address");
+  EXPECT_EQ(ErrorOf([&] { Address::Resolve("127.0.0.1", 9, "9" + zero); }), "Unknown Address");
+  EXPECT_EQ(ErrorOf([&] { Address::FromNameAndPort("127.0.0.1" + zero + ".9:9", "9"); }),
+            "Unknown Address");
+}
+
 TEST(AddressTest, NetworksKeepThePrefix) {
   auto const network = [](int family, char const* text, unsigned bits) {
     return Address::FromLiteral(family, text, 0).GetNetwork(bits).ToText();
