@@ -7,19 +7,19 @@ namespace Base {
 StepBudget::StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound)
     : _loop(std::move(loop)), _stepsPerRound(stepsPerRound), _round(_loop->GetRound()) {}
 
-void StepBudget::Run(Task const& step) {
+void StepBudget::Run(Task step) {
   if (SpendStep()) {
-    step->Call();
+    step->Call();  // last: this budget may be gone
   } else {
-    _loop->PostToNextRound(step);
+    _loop->PostToNextRound(std::move(step));
   }
 }
 
-void StepBudget::Post(Task const& step) {
+void StepBudget::Post(Task step) {
   if (SpendStep()) {
-    _loop->PostTask(step);
+    _loop->PostTask(std::move(step));
   } else {
-    _loop->PostToNextRound(step);
+    _loop->PostToNextRound(std::move(step));
   }
 }
 

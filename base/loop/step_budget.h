@@ -23,12 +23,13 @@ class StepBudget {
   // nothing.
   StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound);
 
-  // Within the budget, runs `step` inside this call; else posts it to the loop's next round.
-  void Run(Task const& step);
+  // Within the budget, runs `step` inside this call; else posts it to the loop's next round. The
+  // step may destroy this budget and every other handle to itself.
+  void Run(Task step);
 
   // For a step that must not run inside the call: within the budget, posts `step` to the current
   // round, else to the next.
-  void Post(Task const& step);
+  void Post(Task step);
 
  private:
   // Returns whether there was a step left in this round.

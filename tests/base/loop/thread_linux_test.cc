@@ -5,7 +5,10 @@
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 
+#include <memory>
+
 #include "base/exception.h"
+#include "base/loop/step_budget.h"
 #include "tests/support/base/loop/loop_fixture.h"
 
 namespace {
@@ -46,6 +49,30 @@ TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
   });
   EXPECT_EQ(ErrorOf([&] { loop->AddWatch(fd.Get(), EPOLLOUT, {}); }), "Invalid Callback");
   EXPECT_EQ(ErrorOf([&] { loop->MonitorChildProcess(1, {}); }), "Invalid Callback");
+}
+
+TEST_F(ThreadLinuxTest, AStepMayDestroyItsBudgetAndItsOwnHandle) {
+  struct Owner {
+    Base::StepBudget budget;
+    Base::Task step;
+  };
+  std::unique_ptr<Owner> owner;
+  std::weak_ptr<int> captured;
+  OnLoop([&] { owner.reset(new Owner{Base::StepBudget(loop, 1), {}}); });
+  AwaitRounds(1);  // a new budget is empty
+  OnLoop([&] {
+    auto value = std::make_shared<int>();
+    captured = value;
+    owner->step = Base::MakeCallback([this, &owner, &captured, value = std::move(value)] {
+      auto& log = events;
+      auto& weak = captured;
+      owner.reset();
+      log.Add(weak.expired() ? "destroyed" : "held");
+    });
+    owner->budget.Run(owner->step);
+  });
+  EXPECT_EQ(events.Take(0), "held;");
+  EXPECT_TRUE(captured.expired());
 }
 
 TEST_F(ThreadLinuxTest, ChildrenAreReportedHoweverTheyEnd) {
