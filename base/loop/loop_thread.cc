@@ -72,9 +72,9 @@ void LoopThread::RunTasks() {
 }
 
 bool LoopThread::DiscardTasks() {
-  auto const tasks = _tasks.TakeAll();
-  auto const scheduledTasks = _scheduledTasks.TakeAll();
-  return !tasks.empty() || !scheduledTasks.empty();
+  bool wereAny = false;
+  while (_tasks.Pop()) wereAny = true;  // one by one, which needs no memory
+  return !_scheduledTasks.TakeAll().empty() || wereAny;
 }
 
 }  // namespace Base

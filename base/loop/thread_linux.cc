@@ -160,13 +160,25 @@ void ThreadLinux::MonitorChildProcess(pid_t pid, ChildCallback callback) {
 
 void ThreadLinux::RunLoop() {
   do {
-    ++_round;
-    for (Task& task : std::exchange(_nextRoundTasks, {})) Enqueue(std::move(task));
-    RunTasks();
-    Wait();
-    if (!_children.empty()) CheckChildren();
+    try {
+      RunRound();
+    } catch (std::exception const& err) {
+      // Out of memory. Tasks, watches and children are still there for the next round.
+      TRACE_ERROR("Thread failed to finish a round. Will retry.", this, err);
+    }
   } while (!IsStopping());
   DiscardAll();
+}
+
+void ThreadLinux::RunRound() {
+  ++_round;
+  while (!_nextRoundTasks.empty()) {
+    Enqueue(_nextRoundTasks.front());  // which may throw, and must not lose the task
+    _nextRoundTasks.pop_front();
+  }
+  RunTasks();
+  Wait();
+  if (!_children.empty()) CheckChildren();
 }
 
 int ThreadLinux::GetTimeoutMs() {
@@ -293,14 +305,18 @@ void ThreadLinux::DiscardAll() {
   // Destructors of what is discarded may post tasks or add watches: repeat until nothing is left.
   bool mayBeMore = true;
   while (mayBeMore) {
-    auto const nextRoundTasks = std::exchange(_nextRoundTasks, {});
+    bool const wereNextRoundTasks = !_nextRoundTasks.empty();
+    while (!_nextRoundTasks.empty()) {
+      Task const task = std::move(_nextRoundTasks.front());
+      _nextRoundTasks.pop_front();
+    }
     auto const watches = std::exchange(_watches, {});
     auto const children = std::exchange(_children, {});
     for (auto const& [fd, callback] : watches) {
       // The kernel would go on reporting the descriptor when the loop runs again.
       epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, fd, nullptr);
     }
-    mayBeMore = DiscardTasks() || !nextRoundTasks.empty() || !watches.empty() || !children.empty();
+    mayBeMore = DiscardTasks() || wereNextRoundTasks || !watches.empty() || !children.empty();
   }
 }
 

@@ -4,9 +4,9 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <span>
-#include <vector>
 
 #include "base/callback.h"
 #include "base/loop/loop_thread.h"
@@ -27,7 +27,9 @@ namespace Base {
 // watches and its child callbacks as it discards its tasks.
 //
 // Threads: those of Thread for what Thread declares, the loop's thread alone for the rest.
-// Errors:  the loop logs what a callback throws. Failed system calls throw ExceptionPosix, an empty
+// Errors:  the loop logs what a callback throws. Out of memory, it logs an ERROR and begins its
+// next
+//          round. Failed system calls throw ExceptionPosix, an empty
 //          callback Exception "Invalid Callback"; both after an ERROR line.
 class ThreadLinux final : public LoopThread {
  public:
@@ -66,6 +68,7 @@ class ThreadLinux final : public LoopThread {
  private:
   void Wake() override;
   void RunLoop() override;
+  void RunRound();
   int GetTimeoutMs();
   void Wait();
   void ProcessWatches(std::span<epoll_event const> events);
@@ -76,7 +79,7 @@ class ThreadLinux final : public LoopThread {
   void DispatchChildCallback(pid_t pid, int status);
   void DiscardAll();
 
-  std::vector<Task> _nextRoundTasks;
+  std::deque<Task> _nextRoundTasks;
   std::map<int, WatchCallback> _watches;
   std::map<pid_t, ChildCallback> _children;
   UniqueFd _epoll;

@@ -1,15 +1,37 @@
 #include "base/loop/thread_linux.h"
 
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 
 #include <memory>
+#include <new>
 
 #include "base/exception.h"
 #include "base/loop/step_budget.h"
 #include "tests/support/base/loop/loop_fixture.h"
+
+namespace {
+
+// How many of the next allocations on this thread fail.
+thread_local int failingAllocations = 0;
+
+}  // namespace
+
+// Out of line: inlined, GCC would see free(3) of what `operator new` returned.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  if (failingAllocations > 0) {
+    --failingAllocations;
+    throw std::bad_alloc();
+  }
+  return malloc(size);
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  free(memory);
+}
 
 namespace {
 
@@ -93,6 +115,26 @@ TEST_F(ThreadLinuxTest, ChildrenAreReportedHoweverTheyEnd) {
   EXPECT_NE(seen.find(std::to_string(exits) + ":" + std::to_string(3 << 8)), std::string::npos);
   EXPECT_NE(seen.find(std::to_string(dies) + ":"), std::string::npos);
   EXPECT_NE(seen.find("1:0;"), std::string::npos);
+}
+
+// Each allocation that fails is the loop's own, outside the tasks.
+TEST_F(ThreadLinuxTest, ALoopWithoutMemoryLosesNeitherTasksNorChildren) {
+  OnLoop([this] {
+    for (int i = 0; i < 1000; ++i) loop->PostToNextRound(Note("task"));
+    failingAllocations = 1;
+  });
+  EXPECT_EQ(events.Take(1000).size(), 1000 * std::string("task;").size());
+  pid_t const child = fork();
+  if (child == 0) pause();
+  OnLoop([&] {
+    Monitor(child);
+    kill(child, SIGKILL);
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
+    failingAllocations = 1;
+  });
+  AwaitRounds(3);
+  EXPECT_EQ(events.Take(), std::to_string(child) + ":0;");
 }
 
 }  // namespace
