@@ -6,6 +6,7 @@
 
 #include "base/exception.h"
 #include "base/loop/io_thread.h"
+#include "base/loop/thread.h"
 #include "trace/trace.h"
 
 TRACE_MODULE("native_messaging_host_read_stream");
@@ -18,7 +19,9 @@ using Callback = NativeMessagingHostReadStream::Callback;
 
 // Posts an outcome that this stream and not its source found.
 void PostOutcome(Callback const& callback, Base::Status status, bool complete) {
-  Base::GetIOThread()->PostTask(Base::MakeCallback(
+  Base::Shared<Base::Thread> loop = Base::Thread::GetCurrent();
+  if (!loop) loop = Base::GetIOThread();
+  loop->PostTask(Base::MakeCallback(
       [callback, status = std::move(status), complete] { callback->Call(status, {}, complete); }));
 }
 

@@ -17,7 +17,9 @@ namespace IO {
 //   0       4     n, the payload's length in bytes: unsigned, host byte order
 //   4       n     payload, unterminated and unpadded
 //
-// Threads:  the IO thread, where the source completes.
+// Threads:  the thread where the source completes, which also calls back: the IO thread or another
+//           loop. From a thread without a loop, an outcome that this stream finds is posted to the
+//           process-wide IO thread.
 // Lifetime: a pending `Read` holds the stream, so it completes also without other handles.
 class NativeMessagingHostReadStream final : public Base::ReadStream<Base::Buffer<unsigned char>> {
  public:

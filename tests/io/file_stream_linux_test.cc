@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 
+#include "io/native_messaging_host_read_stream.h"
 #include "tests/support/base/child.h"
 #include "tests/support/base/loop/loop_fixture.h"
 
@@ -101,6 +102,23 @@ TEST_F(FileStreamLinuxTest, BytesBeforeAHangUpAreReadOnAlsoAfterNothingWaited) {
   Close(source);
   Close(source);
   EXPECT_EQ(ErrorOf([&] { source->Read(NoteRead()); }), "Read Stream Closed");
+}
+
+// The outcome is the packet stream's own, and not the process-wide IO thread's.
+TEST_F(FileStreamLinuxTest, ThePacketsOfALoopEndOnThatLoop) {
+  Base::UniqueFd sink;
+  auto const packets =
+      Base::MakeShared<IO::NativeMessagingHostReadStream>(MakeSource(sink, 4), 16U);
+  sink.Reset();
+  OnLoop([&] {
+    packets->Read(
+        Base::MakeCallback([this](Base::Status const& status, Base::ByteBuffer, bool complete) {
+          events.Add(StatusText(status) + (complete ? " end" : "") +
+                     (loop->IsCurrentThread() ? " here" : " elsewhere"));
+        }));
+  });
+  EXPECT_EQ(events.Take(), "ok end here;");
+  Close(packets);
 }
 
 TEST_F(FileStreamLinuxTest, AWriteInPiecesIsReportedOnceAndWhole) {

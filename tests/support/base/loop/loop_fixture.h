@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "base/buffer.h"
-#include "base/loop/io_thread.h"
 #include "base/loop/run_and_wait.h"
 #include "base/loop/thread_linux.h"
 #include "base/shared.h"
@@ -23,7 +22,7 @@ class LoopTest : public LiveObjectsTest {
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
     LiveObjectsTest::SetUp();
-    loop = MakeLoop();
+    loop = Base::MakeShared<Base::ThreadLinux>();
     loop->Start();
   }
 
@@ -31,10 +30,6 @@ class LoopTest : public LiveObjectsTest {
     loop->Stop();
     loop.Reset();
     LiveObjectsTest::TearDown();
-  }
-
-  virtual Base::Shared<Base::ThreadLinux> MakeLoop() {
-    return Base::MakeShared<Base::ThreadLinux>();
   }
 
   // Runs `function` on the loop's thread and waits for it.
@@ -85,15 +80,4 @@ class LoopTest : public LiveObjectsTest {
   }
 
   Base::Shared<Base::ThreadLinux> loop;
-};
-
-// The same on the process-wide IO thread, for what posts to it.
-class IOThreadTest : public LoopTest {
- protected:
-  void SetUp() override {
-    Base::GetIOThread();  // stays, and is not the test's
-    LoopTest::SetUp();
-  }
-
-  Base::Shared<Base::ThreadLinux> MakeLoop() override { return Base::GetIOThread(); }
 };
