@@ -14,7 +14,9 @@ LoopThread::LoopThread(Shared<Trace::Log> log) : _log(std::move(log)) {}
 void LoopThread::Start() {
   Stop();
   _stopping = false;
+  bool const hadEnded = _hasEnded.exchange(false);
   if (int const error = _thread.Start([self = Shared(this)] { self->RunHere(); })) {
+    _hasEnded = hadEnded;
     TRACE_TO(*_log, Trace::levelError, "Failed to start thread", this, error);
     throw ExceptionPosix(error);
   }
@@ -33,6 +35,7 @@ bool LoopThread::IsCurrentThread() const {
 void LoopThread::Run() {
   Stop();
   _stopping = false;
+  _hasEnded = false;
   RunHere();
 }
 
@@ -72,6 +75,7 @@ void LoopThread::RunTasks() {
 }
 
 bool LoopThread::DiscardTasks() {
+  _hasEnded = true;  // first: see RunAndWait
   bool wereAny = false;
   while (_tasks.Pop()) wereAny = true;  // one by one, which needs no memory
   return !_scheduledTasks.TakeAll().empty() || wereAny;

@@ -23,6 +23,7 @@ class LoopThread : public Thread {
   void Stop() final;
   bool IsCurrentThread() const final;
   void Run() final;
+  bool HasEnded() const final { return _hasEnded; }
 
  protected:
   // Writes its trace lines to `log`, the trace module of the derived class.
@@ -48,7 +49,8 @@ class LoopThread : public Thread {
   // that are posted meanwhile included. Logs what they throw.
   void RunTasks();
 
-  // Discards all tasks. Returns whether there were any: their destructors may have posted new ones.
+  // Discards all tasks; from the first call on, the loop has ended. Returns whether there were any:
+  // their destructors may have posted new ones.
   bool DiscardTasks();
 
  private:
@@ -59,6 +61,7 @@ class LoopThread : public Thread {
   TaskQueue _tasks;
   ScheduledTaskStore _scheduledTasks;
   std::atomic<bool> _stopping{false};
+  std::atomic<bool> _hasEnded{false};
   std::atomic<std::thread::id> _loopThreadId{};  // no thread's while the loop does not run
 };
 

@@ -29,6 +29,10 @@ class Thread : public TaskRunner {
   // inside another loop's task, it blocks that loop until this one ends.
   virtual void Run() = 0;
 
+  // Whether the loop has ended, or begins to discard its tasks: it runs no task before the next
+  // `Start` or `Run`. False for a loop that has never run.
+  virtual bool HasEnded() const = 0;
+
   // The loop that runs on the calling thread; empty when there is none. Where one loop runs inside
   // a task of another, it is the inner one.
   static Shared<Thread> GetCurrent();

@@ -10,6 +10,7 @@
 #include "base/loop/run_and_wait.h"
 #include "base/loop/thread_linux.h"
 #include "base/loop/thread_pool.h"
+#include "tests/support/base/error_text.h"
 #include "tests/support/base/live_objects_test.h"
 
 namespace {
@@ -94,6 +95,12 @@ TYPED_TEST(ThreadTest, DueScheduledTasksComeBeforePostedOnes) {
   });
   EXPECT_EQ(this->events.Take(4), "posted;same drain;overdue;next round;");
   EXPECT_THROW(Base::RunAndWait(*thread, [] { throw Base::Exception("here"); }), Base::Exception);
+  thread->Stop();
+  EXPECT_EQ(ErrorOf([&] { Base::RunAndWait(*thread, [] { FAIL() << "too late"; }); }),
+            "Thread stopped");
+  thread->Start();  // runs nothing of the caller that gave up
+  Base::RunAndWait(*thread, [this] { this->events.Add("runs again"); });
+  EXPECT_EQ(this->events.Take(), "runs again;");
   thread->Stop();
 }
 
