@@ -53,6 +53,10 @@ std::mutex timersMutex;
 // not touch its pool before it has read this.
 std::atomic<unsigned> handover{0};
 
+std::int64_t ToMilliseconds(std::chrono::nanoseconds delay) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(delay).count();
+}
+
 // The pools whose tasks the calling thread is running. There is more than one when a task iterates
 // the context of another pool's timers.
 class TaskScope {
@@ -112,17 +116,13 @@ void ThreadPoolLinuxGlib::PostTask(Task task) {
 
 void ThreadPoolLinuxGlib::PostScheduledTask(std::int64_t delayMs, Task task) {
   bool isClosed = false;
-  std::optional<Wake> wake;
   {
     std::lock_guard const lock(_mutex);
     isClosed = _pool == nullptr;
-    if (!isClosed) {
-      _scheduledTasks.Insert(delayMs, std::move(task));
-      wake = SetTimer();
-    }
+    if (!isClosed) _scheduledTasks.Insert(delayMs, std::move(task));
   }
   if (isClosed) RejectPost();
-  LogWake(wake);
+  ScheduleWake();
 }
 
 void ThreadPoolLinuxGlib::Close(bool cancelTasks) {
@@ -201,28 +201,40 @@ void ThreadPoolLinuxGlib::RunPosted(Task const& task) {
   if (succeeded) TRACE_DEBUG("ThreadPool done executing task.", this);
 }
 
-// Under `_mutex`. Replaces the timer by one for the first scheduled task, if there is any.
-std::optional<ThreadPoolLinuxGlib::Wake> ThreadPoolLinuxGlib::SetTimer() {
-  _timer.reset();
-  auto const wakeTime = _scheduledTasks.GetEarliestWakeTime();
-  if (!wakeTime) return {};
-  auto const delay = *wakeTime - std::chrono::system_clock::now();
-  Wake wake{std::chrono::duration_cast<std::chrono::milliseconds>(delay).count(), 0};
-  std::lock_guard const lock(timersMutex);
-  GlibSource source =
-      StartGlibTimer(_context.get(), delay, &ThreadPoolLinuxGlib::OnTimeout, this, wake.timerId);
-  _timer.emplace(Timer{decltype(Timer::source)(source.release()), Shared(this)});
-  return wake;
-}
-
-void ThreadPoolLinuxGlib::LogWake(std::optional<Wake> const& wake) {
+void ThreadPoolLinuxGlib::ScheduleWake() {
+  auto const now = std::chrono::system_clock::now();
+  if (auto const wakeTime = _scheduledTasks.GetEarliestWakeTime()) {
+    auto const wakeTimeMs = ToMilliseconds(*wakeTime - now);
+    // Before the timer is set: from then on the thread of the context may run the task.
+    if (wakeTimeMs <= 0) TRACE_WARNING("ThreadPool wake time has past", this, wakeTimeMs);
+  }
+  std::optional<Wake> wake;
+  {
+    std::lock_guard const lock(_mutex);
+    if (_pool == nullptr) return;
+    wake = SetTimer(now);
+  }
   if (!wake) {
     TRACE_DEBUG("ThreadPool is not scheduled to wake");
     return;
   }
   auto const [wakeTimeMs, timerId] = *wake;
-  if (wakeTimeMs <= 0) TRACE_WARNING("ThreadPool wake time has past", this, wakeTimeMs);
   TRACE_DEBUG("ThreadPool scheduled", this, wakeTimeMs, timerId);
+}
+
+// Under `_mutex`. Replaces the timer by one for the first scheduled task, if there is any.
+std::optional<ThreadPoolLinuxGlib::Wake> ThreadPoolLinuxGlib::SetTimer(
+    ScheduledTaskStore::TimePoint now) {
+  _timer.reset();
+  auto const wakeTime = _scheduledTasks.GetEarliestWakeTime();
+  if (!wakeTime) return {};
+  auto const delay = *wakeTime - now;
+  Wake wake{ToMilliseconds(delay), 0};
+  std::lock_guard const lock(timersMutex);
+  GlibSource source =
+      StartGlibTimer(_context.get(), delay, &ThreadPoolLinuxGlib::OnTimeout, this, wake.timerId);
+  _timer.emplace(Timer{decltype(Timer::source)(source.release()), Shared(this)});
+  return wake;
 }
 
 void ThreadPoolLinuxGlib::TimerDeleter::operator()(GSource* source) const {
@@ -250,13 +262,7 @@ void ThreadPoolLinuxGlib::RunDue() {
   while (Task task = _scheduledTasks.TakeDue(std::chrono::system_clock::now())) {
     RunScheduled(task);
   }
-  std::optional<Wake> wake;
-  {
-    std::lock_guard const lock(_mutex);
-    if (_pool == nullptr) return;
-    wake = SetTimer();
-  }
-  LogWake(wake);
+  ScheduleWake();
 }
 
 void ThreadPoolLinuxGlib::RunScheduled(Task& task) {

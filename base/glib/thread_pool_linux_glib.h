@@ -42,7 +42,7 @@ class ThreadPoolLinuxGlib final : public ThreadPool {
   void Close(bool cancelTasks) override;
 
  private:
-  // The timer that was set, for the log lines, which are written without the lock.
+  // The timer that was set, for the log line, which is written without the lock.
   struct Wake {
     std::int64_t wakeTimeMs;
     guint timerId;
@@ -65,8 +65,8 @@ class ThreadPoolLinuxGlib final : public ThreadPool {
   void RunPosted(Task const& task);
   void RunDue();
   void RunScheduled(Task& task);
-  std::optional<Wake> SetTimer();
-  void LogWake(std::optional<Wake> const& wake);
+  void ScheduleWake();
+  std::optional<Wake> SetTimer(ScheduledTaskStore::TimePoint now);
   void FreePool(GThreadPool* pool, bool wait);
   void EndActivity();
   void AwaitIdle();

@@ -22,8 +22,10 @@
 
 namespace {
 
-// Each runs once: just before a main loop runs, and when a timer begins to call back.
+// Each runs once: just before a main loop runs, before a source is attached, and when a timer
+// begins to call back.
 std::function<void()> beforeMainLoop;
+std::function<void()> beforeAttach;
 std::function<void()> onTimer;
 
 // Whether GLib cannot start threads.
@@ -44,6 +46,11 @@ Function* FindReal(Function* /*own*/, char const* name) {
 extern "C" void g_main_loop_run(GMainLoop* loop) {
   if (beforeMainLoop) std::exchange(beforeMainLoop, {})();
   FindReal(&g_main_loop_run, "g_main_loop_run")(loop);
+}
+
+extern "C" guint g_source_attach(GSource* source, GMainContext* context) {
+  if (beforeAttach) std::exchange(beforeAttach, {})();
+  return FindReal(&g_source_attach, "g_source_attach")(source, context);
 }
 
 // A timer's callback calls this before it looks whether its source is destroyed.
@@ -74,7 +81,7 @@ using Base::MakeCallback;
 using Base::Shared;
 
 // These come first, because they fork: no thread may run yet.
-TEST(GlibProcessTest, TheShortestTimerOfALoopIsTenMilliseconds) {
+TEST(GlibProcessTest, TheTimersOfALoopAndOfAPool) {
   TemporaryDirectory const directory;
   std::string const path = directory.path / "trace";
   int const status = RunInChild([&] {
@@ -87,9 +94,15 @@ TEST(GlibProcessTest, TheShortestTimerOfALoopIsTenMilliseconds) {
       beforeMainLoop = [&] { thread->Stop(); };
     }));
     thread->Run();
+    auto const pool = Base::MakeShared<Base::ThreadPoolLinuxGlib>(nullptr, 1, false);
+    std::string lines;
+    beforeAttach = [&] { lines = ReadFile(path); };
+    pool->PostScheduledTask(-1, MakeCallback([] {}));
+    EXPECT_NE(lines.find("ThreadPool wake time has past"), std::string::npos) << "when it is set";
+    pool->Close(true);
   });
   EXPECT_EQ(status, 0);
-  EXPECT_TRUE(ReadFile(path).find(" wakeTimeMs:10 }\n") != std::string::npos);
+  EXPECT_NE(ReadFile(path).find(" wakeTimeMs:10 }\n"), std::string::npos) << "the shortest";
 }
 
 TEST(GlibProcessTest, TheThreadsOfAProcessRunTasksUntilTheyAreShutDown) {
