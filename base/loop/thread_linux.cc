@@ -39,9 +39,9 @@ TRACE_MODULE("thread_linux");
 // Step one has no bound: it also runs what its own tasks post. `_nextRoundTasks` is for work that
 // would never let it end. While there are such tasks, the loop polls with a timeout of 0.
 //
-// The end: `Stop` sets a flag and wakes, and the loop leaves after the round. It then discards
-// tasks, watches and child callbacks in turn until none is left, as their destructors may post new
-// ones.
+// The end: `Stop` sets a flag and wakes, and the loop leaves after the round. It runs the tasks of
+// the last events, as the kernel need not report an event again. It then discards tasks, watches
+// and child callbacks in turn until none is left, as their destructors may post new ones.
 //
 // Deliberate, each with a comment where it happens: a task that becomes overdue just before the
 // wait does not end it; the loop reports a child that a signal ended one look late; it looks for
@@ -167,6 +167,7 @@ void ThreadLinux::RunLoop() {
       TRACE_ERROR("Thread failed to finish a round. Will retry.", this, err);
     }
   } while (!IsStopping());
+  RunTasks();  // those of the events of the last wait
   DiscardAll();
 }
 

@@ -23,8 +23,11 @@ namespace Base {
 //   3. posts the callback of every watch that is ready and of every child that has exited.
 //
 // A task that posts its successor keeps the loop in step 1, where it neither polls nor ends:
-// endless work belongs in `PostToNextRound` or a StepBudget. When the loop ends, it discards its
-// watches and its child callbacks as it discards its tasks.
+// endless work belongs in `PostToNextRound` or a StepBudget.
+//
+// When the loop ends, it runs the tasks once more after its last wait, so that no event that it has
+// found is lost. Then it discards its watches and its child callbacks as it discards its tasks: the
+// scheduled tasks that are not due, and those for the next round.
 //
 // Threads: those of Thread for what Thread declares, the loop's thread alone for the rest.
 // Errors:  the loop logs what a callback throws. Out of memory, it logs an ERROR and begins its

@@ -73,6 +73,18 @@ TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
   EXPECT_EQ(ErrorOf([&] { loop->MonitorChildProcess(1, {}); }), "Invalid Callback");
 }
 
+TEST_F(ThreadLinuxTest, AStoppedLoopRunsTheEventsOfItsLastWait) {
+  Base::UniqueFd const fd(eventfd(1, EFD_CLOEXEC));
+  OnLoop([&] {
+    loop->AddWatch(fd.Get(), EPOLLIN, Base::MakeCallback([this](int, int) {
+                     loop->PostTask(Note("completed"));
+                     loop->PostToNextRound(Note("never"));
+                   }));
+    loop->Stop();
+  });
+  EXPECT_EQ(events.Take(), "completed;");
+}
+
 TEST_F(ThreadLinuxTest, AStepMayDestroyItsBudgetAndItsOwnHandle) {
   struct Owner {
     Base::StepBudget budget;
