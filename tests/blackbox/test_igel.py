@@ -1,11 +1,12 @@
 import hashlib
 import os
+import resource
 import shutil
 import ssl
 import subprocess
 import unittest
 
-from harness import CAN_MOUNT, NAMESPACE, PATIENCE, STREAM, Case
+from harness import CAN_MOUNT, GENERIC, HARDWARE, NAMESPACE, PATIENCE, STREAM, Case
 
 IGEL = {"sensor": {"igel": None}}
 
@@ -20,10 +21,11 @@ class IgelTest(Case):
         self.store = self.folder / "trust-store"
         self.store.mkdir()
 
-    def start_igel(self, *arguments, name="IGEL OS 12", openssl=None, **options):
+    def start_igel(self, *arguments, name="IGEL OS 12", openssl=None, launcher=(), **options):
         (self.folder / "os-release").write_text(f'NAME="{name}"\nVERSION="12.4"\n')
         daemon = self.start(f"--igel-management-cert-path={self.store}", *arguments,
-                            launcher=[*NAMESPACE, self.folder / "os-release", "/etc/os-release"],
+                            launcher=[*NAMESPACE, self.folder / "os-release", "/etc/os-release",
+                                      *launcher],
                             **options)
         if openssl:
             daemon.install("openssl", openssl)
@@ -119,17 +121,46 @@ class IgelTest(Case):
         self.assertEqual(max(len(certificate["subject"])
                              for certificate in self.certificates(daemon)), 1000000)
 
-    def test_tool_that_hangs_costs_its_own_entry_only(self):
+    def test_success_never_leaves_out_a_certificate_for_lack_of_time_or_resources(self):
         for number in range(3):
             (self.store / f"{number}.pem").write_text("1\n")
-        daemon = self.start_igel("--command-timeout=1", openssl=f"""case $3 in
-            */1.pem) sleep 1000;;
-            esac
-            {OPENSSL_OF_LENGTH}""")
-        self.assertEqual([certificate["subject"] for certificate in self.certificates(daemon)],
-                         ["7", "7"])
-        self.assertEqual(daemon.messages("ERROR"),
-                         ["Failed to determine certificate information from command"])
+        for settings, openssl, text, warning in (
+                (["--command-timeout=1"], "sleep 1000", "A command took longer than 1 s",
+                 "Command took too long"),
+                ([], "exec yes", "A command printed more than 1048576 bytes",
+                 "Command printed too much"),
+                (["--command-timeout=0", "--request-timeout=1"], "sleep 1000",
+                 "The request took longer than 1 s", "Request took too long")):
+            with self.subTest(warning=warning):
+                daemon = self.start_igel(*settings, openssl=openssl)
+                self.assertEqual(daemon.ask(IGEL), GENERIC | {"error_message": text})
+                self.assertEqual(daemon.messages("WARNING")[-2:], [
+                    warning, "Failed to analyse igel management certificate"])
+                self.assertEqual(daemon.messages("ERROR"), [
+                    "Failed to determine certificate information from command",
+                    "Error detecting igel management certificates"], "no later file is tried")
+
+    def test_shell_that_cannot_be_started_is_no_openssl_that_is_missing(self):
+        (self.store / "0.pem").write_text("1\n")
+        with open(os.devnull, "w") as complaints:
+            daemon = self.start_igel(launcher=["env", "PATH=/nonexistent"], stderr=complaints)
+            client = self.connect(daemon)
+            empty = {"serial_number": "", "subject": "", "thumbprint_sha256": ""}
+            answer = {"status": "Success", "sensor": {"igel": {"management_certificates": [empty]}}}
+            self.assertEqual(client.ask(IGEL), answer)
+            # One descriptor is left, with which the daemon reads the folder.
+            used = daemon.descriptors()
+            first = next(number for number in range(len(used) + 1) if number not in used)
+            limits = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
+            resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (first + 1, limits[1]))
+            refused = GENERIC | {"error_message":
+                                 "A command could not be started: Too many open files (Err 24)"}
+            self.assertEqual(client.ask(IGEL), refused)
+            self.assertIn(("Command could not be started", "24"), [
+                (line.message, line.fields.rpartition("error:")[2]) for line in daemon.trace()])
+            self.assertEqual(client.ask(HARDWARE), GENERIC)
+            resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, limits)
+            self.assertEqual(client.ask(IGEL), answer)
 
     def test_sigterm_stops_the_reading_of_many_certificates(self):
         for number in range(1000):

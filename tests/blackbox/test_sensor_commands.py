@@ -28,6 +28,19 @@ class SensorCommandTest(Case):
         daemon.install("dmidecode", "echo S1")
         self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
 
+    def test_end_of_the_requests_budget_kills_its_command(self):
+        daemon = self.start("--command-timeout=0", "--request-timeout=1", dmidecode="sleep 1000")
+        for _ in range(2):
+            self.assertEqual(daemon.ask(HARDWARE), GENERIC)
+            wait_until(lambda: len(daemon.session()) == 1, "only the daemon is left")
+        self.assertEqual([line.fields for line in daemon.trace()
+                          if line.message == "Request took too long"],
+                         ['commandLine:"LC_ALL=C dmidecode -s system-serial-number" '
+                          'timeoutSeconds:1'] * 2)
+        self.assertEqual(complaints_of_commands(daemon), [])
+        daemon.install("dmidecode", "echo S1")
+        self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
+
     def test_command_within_the_limits_is_not_killed(self):
         daemon = self.start("--command-timeout=0", activated=STREAM,
                             dmidecode="head -c 1048576 /dev/zero | tr '\\0' 7")
