@@ -81,7 +81,7 @@ class ArgumentStore {
         text.substr(environmentPrefix.size(), separator - environmentPrefix.size());
     std::string_view const value = text.substr(separator + 1);
     Add({argumentFromEnvironment | (value.empty() ? argumentFlag : argumentNamed),
-         std::string(text), std::string(name), std::string(value)});
+         std::string(text), NormaliseArgumentName(name), std::string(value)});
   }
 
   void Add(Argument argument) {

@@ -34,7 +34,7 @@ inline constexpr std::uint32_t argumentField = 64;
 struct Argument {
   std::uint32_t kind = 0;
   std::string text;   // as written; for the environment the whole "KESTREL_NAME=value"
-  std::string name;   // as written, without "--" or "KESTREL_"; empty for a field
+  std::string name;   // as written, without "--"; normalised, for the environment; else empty
   std::string value;  // of a named argument
 };
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <set>
 #include <string>
 
 #include "tests/support/utilities/arguments/settings.h"
@@ -42,10 +43,14 @@ TEST_F(ArgumentsTest, TheLaterEntryAndTheEnvironmentWin) {
   SetVariable("KESTREL_PERIOD", "60");
   SetVariable("KESTREL_Trace-Level", "");
   SetVariable("KESTREL_", "nameless");
-  SetArguments({"--period=300", "--trace_level=2", "--twice=1", "--TWICE=2"});
+  SetArguments({"--Period=300", "--Trace_Level=2", "--twice=1", "--TWICE=2"});
   EXPECT_EQ(GetIntArgument("Period", 5), 60);
   EXPECT_EQ(GetIntArgument("twice", 0), 2);
   EXPECT_TRUE(GetBoolArgument("trace-level", false)) << "an empty variable is a flag";
+  std::set<std::string> names;
+  for (Argument const& argument : GetArguments()) names.insert(argument.name);
+  EXPECT_TRUE(names.contains("period") && names.contains("trace_level")) << "as compared";
+  EXPECT_TRUE(names.contains("TWICE")) << "as written";
   EXPECT_EQ(GetArgumentCountBeforeCommandLine(), 0U);
   EXPECT_EQ(GetArgumentCountAfterCommandLine(), 5U);
   ParseArguments();
