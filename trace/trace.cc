@@ -13,13 +13,15 @@
 //
 // Each thread has its two texts and keeps their memory. So building a line takes no lock and, after
 // the first lines, allocates nothing. A destructor of another thread-local object may log after the
-// texts are destroyed: that line is dropped. Console and file take a line in one write(2), the file
-// with O_APPEND, so lines do not mix. A lock would add nothing, and a child that is forked while
+// texts are destroyed: that line is dropped. Each sink takes a line in one call, the file with
+// O_APPEND, so lines do not mix. A lock would add nothing, and a child that is forked while
 // another thread holds the lock could never log.
 //
 // A child may log between fork(2) and exec(2). `OnForkedChild` has it look up its own process and
-// thread id, and turns syslog off for it, because another thread of the parent may have held the
-// lock of syslog(3) at the fork.
+// thread id.
+//
+// The log's own lines about its sinks ("Lines were lost", "Failed to rotate trace file") come up
+// while a thread has a line under way. They have a text of their own, on the stack.
 //
 // State and modules are never destroyed: other threads may log until the process has ended.
 
@@ -34,6 +36,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
@@ -57,10 +60,11 @@ namespace {
 
 struct State {
   std::once_flag configured;
-  std::string logFileName;
-  std::optional<TraceFile> file;
+  std::optional<TraceFile> firstFile;
+  std::optional<TraceFile> namedFile;  // of an `InitializeTrace` that found the log configured
+  std::atomic<TraceFile*> file{nullptr};
   std::optional<Console> console;
-  std::atomic<bool> syslog{false};
+  std::optional<Syslog> syslog;
   std::atomic<int> pid{0};
 };
 
@@ -96,29 +100,90 @@ void Clear(std::string& text) {
 void OnForkedChild() {
   GetState().pid.store(getpid(), std::memory_order_relaxed);
   threadId = 0;
-  GetState().syslog.store(false, std::memory_order_relaxed);
 }
 
-void Configure(bool skipCrashHandler) {
+void SetSinksForSignalHandlers(State& state) {
+  SetSignalSafeSinks(state.console ? &*state.console : nullptr, state.file,
+                     state.syslog ? &*state.syslog : nullptr);
+}
+
+void Configure(bool skipCrashHandler, std::string const& logFileName) {
   State& state = GetState();
   if (!skipCrashHandler) InstallCrashHandler();
   TraceLevel const level = GetIntArgument("trace-level", levelVerbose);
   if (HasArgument("trace-console")) state.console.emplace();
-  if (!state.logFileName.empty() || HasArgument("trace-folder")) {
-    state.file.emplace(state.logFileName);
+  if (!logFileName.empty() || HasArgument("trace-folder")) {
+    state.file = &state.firstFile.emplace(logFileName);
   }
-  state.syslog.store(HasArgument("trace-syslog"));
+  if (HasArgument("trace-syslog")) state.syslog.emplace();
   state.pid.store(getpid());
-  if (level >= levelFatal) {
-    SetSignalSafeSinks(state.console ? &*state.console : nullptr,
-                       state.file ? &*state.file : nullptr, state.syslog);
-  }
+  if (level >= levelFatal) SetSinksForSignalHandlers(state);
   pthread_atfork(nullptr, nullptr, &OnForkedChild);
   Internal::currentLevel.store(level);
 }
 
-void ConfigureOnce(bool skipCrashHandler) {
-  std::call_once(GetState().configured, &Configure, skipCrashHandler);
+// Returns whether this call has configured the log.
+bool ConfigureOnce(bool skipCrashHandler, std::string const& logFileName) {
+  bool isFirst = false;
+  std::call_once(GetState().configured, [&] {
+    Configure(skipCrashHandler, logFileName);
+    isFirst = true;
+  });
+  return isFirst;
+}
+
+// The log has been configured without the program's log file name. A file that is open already and
+// has the same path stays open: opening it again would empty it.
+void UseLogFileName(std::string const& logFileName) {
+  State& state = GetState();
+  if (state.namedFile) return;
+  if (state.file != nullptr && GetTraceFilePath("") == GetTraceFilePath(logFileName)) return;
+  state.file = &state.namedFile.emplace(logFileName);
+  if (Internal::currentLevel >= levelFatal) SetSinksForSignalHandlers(state);
+}
+
+// A line of the log about one of its sinks.
+SignalSafeText MakeSinkWarning(std::string_view message, std::string_view key,
+                               std::uint64_t value) {
+  SignalSafeText text;
+  StartSignalSafeLine(text, "trace", levelWarning);
+  text.append(message);
+  text.append(" { ");
+  text.append(key);
+  text.append(":");
+  text.AppendNumber(value);
+  text.append(" }");
+  return text;
+}
+
+void WriteToConsoleAndFile(TraceLevel level, std::string_view line) {
+  State& state = GetState();
+  if (state.console) state.console->Write(level <= levelError, line);
+  if (TraceFile* const file = GetTraceFileStream()) file->Write(line);
+}
+
+// Before the first line for which syslog has room again, so that the report is where the gap is.
+void ReportLostLines(Syslog& syslog) {
+  if (!syslog.HasLostLines() || !IsTraceEnabled(levelWarning)) return;
+  std::uint64_t const lost = syslog.TakeLostLines();
+  if (lost == 0) return;
+  SignalSafeText text = MakeSinkWarning("Lines were lost", "lines", lost);
+  if (syslog.WriteAtOnce(LOG_WARNING, text.GetLine())) {
+    WriteToConsoleAndFile(levelWarning, text.GetLine());
+  } else {
+    syslog.AddLostLines(lost);
+  }
+}
+
+void ReportFailedRotation() {
+  State& state = GetState();
+  TraceFile* const file = state.file;
+  int const error = file != nullptr ? file->TakeRotationError() : 0;
+  if (error == 0 || !IsTraceEnabled(levelWarning)) return;
+  SignalSafeText text =
+      MakeSinkWarning("Failed to rotate trace file", "error", static_cast<std::uint64_t>(error));
+  WriteToConsoleAndFile(levelWarning, text.GetLine());
+  if (state.syslog) state.syslog->Write(LOG_WARNING, text.GetLine());
 }
 
 void WriteBanner() {
@@ -150,7 +215,7 @@ void FormatLine(char const* module, TraceLevel level, char const* format, std::v
 namespace Internal {
 
 bool IsTraceEnabledOnceConfigured(TraceLevel level) {
-  ConfigureOnce(false);
+  ConfigureOnce(false, {});
   return level <= currentLevel.load(std::memory_order_relaxed);
 }
 
@@ -174,17 +239,16 @@ Base::Shared<Log> const& MakeModule(char const* name) {
 }  // namespace Internal
 
 void InitializeTrace(bool skipCrashHandler, char const* logFileName) {
-  if (logFileName != nullptr) GetState().logFileName = logFileName;
-  ConfigureOnce(skipCrashHandler);
+  std::string const name = logFileName != nullptr ? logFileName : "";
+  if (!ConfigureOnce(skipCrashHandler, name) && !name.empty()) UseLogFileName(name);
   WriteBanner();
   TraceArguments();
 }
 
 TraceFile* GetTraceFileStream() {
-  auto& file = GetState().file;
-  if (!file) return nullptr;
-  file->EnsureOpen();
-  return &*file;
+  TraceFile* const file = GetState().file.load(std::memory_order_acquire);
+  if (file != nullptr) file->EnsureOpen();
+  return file;
 }
 
 void WriteTraceHeader(Log const& module, TraceLevel level) {
@@ -206,14 +270,10 @@ void WriteTrace(Log const& /*module*/, TraceLevel level, std::string_view messag
   State& state = GetState();
   std::string& line = text->line;
   line.append(message).append(text->fields).append("\n");
-  if (IsTraceEnabled(level)) {
-    if (state.console) state.console->Write(level <= levelError, line);
-    if (TraceFile* const file = GetTraceFileStream()) file->Write(line);
-  }
-  if (state.syslog.load(std::memory_order_relaxed)) {
-    line.pop_back();
-    syslog(GetLevelInfo(level).syslogPriority, "%s", line.c_str());
-  }
+  if (state.syslog) ReportLostLines(*state.syslog);
+  if (IsTraceEnabled(level)) WriteToConsoleAndFile(level, line);
+  if (state.syslog) state.syslog->Write(GetLevelInfo(level).syslogPriority, line);
+  ReportFailedRotation();
   Clear(line);
   Clear(text->fields);
 }

@@ -23,15 +23,22 @@
 //   trace-level      threshold, 0 (FATAL) to 5 (DEBUG), default 4
 //   trace-console    console on; levels 0 and 1 go to standard error, the rest to standard output
 //   trace-folder, trace-file, logging-file, trace-file-prefix   see trace/sinks.h
+//   trace-file-max-size   bytes after which the file is rotated, default 0: no limit
 //   trace-syslog     syslog on
 //   trace-stringptr-maxlen   how many characters of a NUL-terminated text a field shows, default 64
 // Deliberate: trace-console and trace-syslog count with any value, so --trace-console=false turns
 // the console on.
 //
 // Threads: any. Lines of several threads may follow each other in any order; no line mixes with
-//          another one. The log holds no lock while it builds a line or writes it to the console or
-//          the file.
-// Errors:  none reach the caller. A line that cannot be written is dropped.
+//          another one. The log holds no lock while it builds or writes a line: each thread has
+//          its own texts, and each sink is atomics and one system call a line.
+// Waiting: a reader of the console or of syslog that has stopped holds the process up for one
+//          second or 100 ms, once, until it reads again. Lines that find no room are dropped. Those
+//          of syslog are counted: WARNING "Lines were lost { lines:... }", in every sink, precedes
+//          the first line for which there is room again.
+// Errors:  none reach the caller. A line that cannot be written is dropped. A trace file that
+// cannot
+//          be rotated grows on, after a WARNING "Failed to rotate trace file { error:... }".
 
 namespace Trace {
 
@@ -77,7 +84,8 @@ Base::Shared<Log> const& MakeModule(char const* name);
 // Configures the log, then logs the banner at INFO and the settings at VERBOSE. Call it once, at
 // the start of `main`, after `ParseArguments`. A `logFileName` other than null and "" turns the
 // file sink on. `skipCrashHandler` leaves the fault signals alone. A line that is logged before
-// this call configures the log with the crash handler and without the file name.
+// this call configures the log with the crash handler and without the file name; the lines from
+// this call on then go to the file of that name.
 void InitializeTrace(bool skipCrashHandler, char const* logFileName);
 
 // Whether lines of this level are written. The first call configures the log.

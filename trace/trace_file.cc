@@ -1,11 +1,25 @@
+// Every write goes to one descriptor, whose number stays the same for the life of the process.
+// Opening anew and rotating put another file under this number (dup3), so a writer needs no lock:
+// its line goes to the old file or to the new one. The thread that sets `_opening` opens or
+// rotates. A thread that finds it set waits for a moment and then writes to whichever file the
+// number names, so a file can exceed its limit by a few lines.
+//
+// The size is counted and not asked for at each line. When the count reaches the limit, fstat(2)
+// says the true size, because somebody may have truncated the file. Another process may have
+// renamed the file, too, for example a second daemon with the same settings; the path then names
+// another file, which is opened and not renamed.
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <string>
@@ -20,31 +34,16 @@ namespace Trace {
 
 namespace {
 
-constexpr mode_t mode = S_IRUSR | S_IWUSR;
-// Non-blocking, so that opening a FIFO without a reader fails and does not wait.
-constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr int yieldsForOpening = 1000;
 
-bool IsFolderOpenToAll() {
-  return GetArgument("trace-file", "").empty() && GetArgument("logging-file", "").empty() &&
-         !HasArgument("trace-folder");
-}
+void OnFileSizeLimit(int /*signalNumber*/) {}
 
-// Opens a regular file of this user that has no other name: another user could have linked any
-// other file of this user under this name.
-Base::UniqueFd OpenOwnFile(char const* path) noexcept {
-  Base::UniqueFd file(open(path, flags | O_NOFOLLOW, mode));
-  struct stat status {};
-  if (!file || fstat(file.Get(), &status) == -1) return {};
-  if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink != 1) return {};
-  // An older file may be readable for others. Its mode changes only once its owner is known.
-  if (fchmod(file.Get(), mode) == -1) return {};
-  return file;
-}
-
-// Also called in a signal handler.
-Base::UniqueFd OpenTraceFile(char const* path, bool isFolderOpenToAll) noexcept {
-  return isFolderOpenToAll ? OpenOwnFile(path) : Base::UniqueFd(open(path, flags, mode));
+void SurviveFileSizeLimit() {
+  struct sigaction action {};
+  if (sigaction(SIGXFSZ, nullptr, &action) == -1 || action.sa_handler != SIG_DFL) return;
+  action.sa_handler = &OnFileSizeLimit;
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGXFSZ, &action, nullptr);
 }
 
 void ReportOpenFailure(std::string const& path, std::exception const& err) {
@@ -52,6 +51,11 @@ void ReportOpenFailure(std::string const& path, std::exception const& err) {
   if (write(STDERR_FILENO, text.data(), text.size()) == -1) {
     // There is no other place to report it.
   }
+}
+
+std::int64_t GetMaxSize() {
+  auto const size = GetInt64Argument("trace-file-max-size");
+  return size ? std::max<std::int64_t>(size.Get(), 0) : 0;
 }
 
 std::string GetExecutableBaseName() {
@@ -87,17 +91,23 @@ std::string GetTraceFilePath(std::string const& programLogFileName) {
 }
 
 TraceFile::TraceFile(std::string programLogFileName)
-    : _programLogFileName(std::move(programLogFileName)), _isFolderOpenToAll(IsFolderOpenToAll()) {
+    : _programLogFileName(std::move(programLogFileName)), _maxSize(GetMaxSize()) {
   try {
-    _firstPath = GetTraceFilePath(_programLogFileName);
+    _firstPath = TracePath(GetTraceFilePath(_programLogFileName));
   } catch (std::exception const&) {
     // Reported when the file is opened.
   }
+  SurviveFileSizeLimit();
 }
 
 void TraceFile::Write(std::string_view line) noexcept {
   int const fd = _fd.load(std::memory_order_acquire);
   if (fd == -1 || _bad.load(std::memory_order_relaxed)) return;
+  if (_maxSize != 0 && _hasSize.load(std::memory_order_relaxed)) {
+    auto const length = static_cast<std::int64_t>(line.size());
+    std::int64_t const size = _size.fetch_add(length, std::memory_order_relaxed);
+    if (size > 0 && size + length > _maxSize) Rotate(length);
+  }
   ssize_t const written = write(fd, line.data(), line.size());
   bool const readerIsSlow = written == -1 && (errno == EAGAIN || errno == EINTR);
   if (written != static_cast<ssize_t>(line.size()) && !readerIsSlow) {
@@ -109,7 +119,7 @@ void TraceFile::WriteInSignalHandler(std::string_view line) noexcept {
   _hasLastWords = true;
   int fd = _fd.load();
   if (fd == -1) {
-    fd = OpenTraceFile(_firstPath.c_str(), _isFolderOpenToAll).Release();
+    fd = TraceFolder(_firstPath).Open(_firstPath.name).Release();
     _fd.store(fd);
   }
   if (write(fd, line.data(), line.size()) == -1) {
@@ -117,16 +127,24 @@ void TraceFile::WriteInSignalHandler(std::string_view line) noexcept {
   }
 }
 
+int TraceFile::TakeRotationError() noexcept {
+  if (_rotationError.load(std::memory_order_relaxed) == 0) return 0;
+  return _rotationError.exchange(0);
+}
+
 void TraceFile::EnsureOpen() noexcept {
   bool const isOpen = _fd.load(std::memory_order_acquire) != -1 && !_bad.load();
   if (isOpen || _hasLastWords) return;
-  if (!_opening.exchange(true)) {
-    Reopen();
-    _opening.store(false);
+  if (_opening.exchange(true)) {
+    WaitForOpening();
     return;
   }
-  // Another thread is opening the file. The wait is bounded, because a forked child has no such
-  // thread.
+  Reopen();
+  _opening.store(false);
+}
+
+void TraceFile::WaitForOpening() const noexcept {
+  // Bounded, because a forked child has no thread that opens the file.
   for (int i = 0; i < yieldsForOpening && _opening.load(); ++i) sched_yield();
 }
 
@@ -134,11 +152,18 @@ void TraceFile::Reopen() noexcept {
   std::string path;
   try {
     path = GetTraceFilePath(_programLogFileName);
-    Base::UniqueFd file = OpenTraceFile(path.c_str(), _isFolderOpenToAll);
+    _path = TracePath(path);
+    TraceFolder const folder(_path);
+    int const current = _fd.load();
+    bool const mayEmpty = current != -1 || folder.KeepCrashReport(_path.name);
+    Base::UniqueFd file = folder.Open(_path.name);
     if (!file) return;
     // A device or a FIFO fails with EINVAL: it has nothing to truncate.
-    if (ftruncate(file.Get(), 0) == -1 && errno != EINVAL) return;
-    int const current = _fd.load();
+    if (mayEmpty && ftruncate(file.Get(), 0) == -1 && errno != EINVAL) return;
+    struct stat status {};
+    if (fstat(file.Get(), &status) == -1) return;
+    _hasSize = S_ISREG(status.st_mode);
+    _size = status.st_size;
     if (current == -1) {
       _fd.store(file.Release(), std::memory_order_release);
     } else if (dup3(file.Get(), current, O_CLOEXEC) == -1) {
@@ -147,6 +172,46 @@ void TraceFile::Reopen() noexcept {
     _bad.store(false);
   } catch (std::exception const& err) {
     ReportOpenFailure(path, err);
+  }
+}
+
+void TraceFile::Rotate(std::int64_t lineLength) noexcept {
+  if (_hasLastWords) return;
+  if (_opening.exchange(true)) {
+    WaitForOpening();
+    _size.fetch_add(lineLength);
+    return;
+  }
+  int const fd = _fd.load();
+  std::int64_t size = 0;
+  int const error = ReplaceFullFile(fd, lineLength, size);
+  _size = size + lineLength;
+  if (error == 0) {
+    _isRotationErrorTold = false;
+  } else if (!_isRotationErrorTold.exchange(true)) {
+    _rotationError = error;
+  }
+  _opening.store(false);
+}
+
+int TraceFile::ReplaceFullFile(int fd, std::int64_t lineLength, std::int64_t& size) noexcept {
+  try {
+    struct stat status {};
+    if (fstat(fd, &status) == -1) return errno;
+    if (status.st_size + lineLength <= _maxSize) {
+      size = status.st_size;  // somebody has truncated the file
+      return 0;
+    }
+    TraceFolder const folder(_path);
+    if (!folder.RenameIfSame(fd, _path.name, _path.name + ".1")) return errno;
+    Base::UniqueFd const file = folder.Open(_path.name);
+    if (!file || fstat(file.Get(), &status) == -1) return errno;
+    if (dup3(file.Get(), fd, O_CLOEXEC) == -1) return errno;
+    _hasSize = S_ISREG(status.st_mode);
+    size = status.st_size;
+    return 0;
+  } catch (std::exception const&) {
+    return ENOMEM;
   }
 }
 

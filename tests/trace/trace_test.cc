@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -17,6 +20,7 @@
 #include "base/buffer.h"
 #include "base/maybe.h"
 #include "tests/support/base/child.h"
+#include "tests/support/trace/log_socket.h"
 #include "tests/support/utilities/arguments/settings.h"
 #include "trace/guid.h"
 #include "trace/line_header.h"
@@ -26,6 +30,8 @@
 TRACE_MODULE("trace_test");
 
 namespace {
+
+constexpr std::size_t lineLength = 100;
 
 // A process configures the log once, so each test logs in a child and reads what the child wrote.
 class TraceTest : public testing::Test {
@@ -162,31 +168,204 @@ TEST_F(TraceTest, SettingsAreLoggedWithCommas) {
   EXPECT_NE(log.find(R"(Found field { argument:"word", commandLine:true })"), std::string::npos);
 }
 
-// Another user may have created any of these names in "/tmp/"; the log leaves their targets alone.
-TEST_F(TraceTest, TheDefaultFolderYieldsNoOthersFile) {
+TEST_F(TraceTest, TheProgramsFileNameCountsAfterAnEarlyLine) {
+  for (bool const isFolderGiven : {true, false}) {
+    std::string const setting = isFolderGiven ? "--trace-folder=" : "--trace-file=";
+    std::string const path = (directory.path / (isFolderGiven ? "" : "program.log")).string();
+    EXPECT_EQ(RunInChild([&] {
+                SetArguments({setting + path});
+                TRACE_INFO("early");
+                Trace::InitializeTrace(true, "program.log");
+                TRACE_INFO("late");
+              }),
+              0);
+    EXPECT_EQ(ReadLines(directory.path / "program.log", "late").size(), 1U);
+    std::filesystem::remove(directory.path / "program.log");
+  }
+  EXPECT_EQ(ReadLines(directory.path / "trace_test.log", "early").size(), 1U);
+}
+
+// Each line has `lineLength` bytes and ends with its number.
+void WriteNumbered(int count) {
+  std::string const ids = std::to_string(getpid()) + ":" + std::to_string(gettid());
+  std::size_t const header = ("09:05:33.042Z INFO     trace_test(" + ids + ") - \n").size();
+  for (int i = 0; i < count; ++i) {
+    std::string const number = " " + std::to_string(i);
+    std::string const padding(lineLength - header - number.size(), 'x');
+    Trace::Format<Trace::levelInfo>("trace_test", "%s%s", padding.c_str(), number.c_str());
+  }
+}
+
+TEST_F(TraceTest, AFullFileIsRenamedBetweenTwoLines) {
+  std::filesystem::path const file = directory.path / "test.log";
+  std::filesystem::path const old = directory.path / "test.log.1";
+  Log({"--trace-file-max-size=1000", "--trace-level=3"}, [&] {
+    std::filesystem::resize_file(file, 0);  // as by a tool that has copied it
+    WriteNumbered(25);
+  });
+  EXPECT_EQ(std::filesystem::file_size(old), 1000U);
+  ASSERT_EQ(ReadLines(file).size(), 5U);
+  EXPECT_TRUE(ReadLines(file)[0].ends_with(" 20"));
+  EXPECT_TRUE(ReadLines(old)[0].ends_with(" 10"));
+
+  // A file that others have renamed or replaced is not renamed again.
+  Log({"--trace-file-max-size=1000", "--trace-level=3"}, [&] {
+    TRACE_INFO("mine");
+    std::filesystem::rename(file, directory.path / "moved");
+    std::ofstream(file) << "theirs\n";
+    std::ofstream(old) << "older\n";
+    WriteNumbered(10);
+  });
+  EXPECT_EQ(ReadFile(old), "older\n");
+  EXPECT_TRUE(ReadFile(file).starts_with("theirs\n"));
+  EXPECT_TRUE(ReadFile(file).ends_with(" 9\n"));
+
+  // A folder in the place of the older file: nothing is lost, and one line tells it.
+  std::filesystem::remove(old);
+  std::filesystem::create_directories(old / "folder");
+  auto const lines = Log({"--trace-file-max-size=1000", "--trace-level=2"}, [] {
+    for (int i = 0; i < 100; ++i) TRACE_WARNING("on and on");
+  });
+  EXPECT_EQ(lines.size(), 100U);
+  auto const reports = ReadLines(file, "Failed to rotate trace file");
+  ASSERT_EQ(reports.size(), 1U);
+  EXPECT_TRUE(reports[0].ends_with(" - Failed to rotate trace file { error:21 }"));
+}
+
+TEST_F(TraceTest, LinesOfManyThreadsAreWholeInEachFile) {
+  Log({"--trace-file-max-size=20000", "--trace-level=3"}, [] {
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 4; ++i) writers.emplace_back([] { WriteNumbered(500); });
+    for (std::thread& writer : writers) writer.join();
+  });
+  for (char const* const name : {"test.log", "test.log.1"}) {
+    auto const lines = ReadLines(directory.path / name);
+    EXPECT_GT(lines.size(), 0U);
+    EXPECT_LT(lines.size(), 400U) << name;
+    for (std::string const& line : lines) EXPECT_EQ(line.size(), lineLength - 1) << line;
+  }
+}
+
+TEST_F(TraceTest, ALimitOnFileSizesEndsNoProcess) {
+  auto const lines = Log({"--trace-level=2"}, [] {
+    rlimit const limit{.rlim_cur = 4096, .rlim_max = 4096};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    for (int i = 0; i < 200; ++i) TRACE_WARNING("line", i);
+  });
+  ASSERT_FALSE(lines.empty());
+  EXPECT_TRUE(lines.back().ends_with("{ i:199 }"));
+}
+
+// The folders are the default one, one of the user's group and one of everybody. Another user may
+// have created any of these names there; the log leaves their targets alone.
+TEST_F(TraceTest, AFolderThatOthersCanWriteToYieldsNoOthersFile) {
   std::string const name = "ktclientd-test-" + std::to_string(getpid()) + ".log";
-  std::filesystem::path const path = "/tmp/" + name;
   std::filesystem::path const target = directory.path / "target";
-  auto const log = [&] {
-    return RunInChild([&] {
-      SetArguments({});
-      Trace::InitializeTrace(true, name.c_str());
-    });
-  };
   std::ofstream(target) << "precious";
-  std::error_code differentFileSystem;
-  for (std::function<void()> const& create : std::vector<std::function<void()>>{
-           [&] { std::filesystem::create_symlink(target, path); },
-           [&] { std::filesystem::create_hard_link(target, path, differentFileSystem); },
-           [&] { mkfifo(path.c_str(), 0600); }}) {
-    create();
-    EXPECT_EQ(log(), 0);
+  auto const log = [&](std::vector<std::string> const& arguments) {
+    EXPECT_EQ(RunInChild([&] {
+                SetArguments(arguments);
+                Trace::InitializeTrace(true, name.c_str());
+              }),
+              0);
+  };
+  std::string const group = directory.path / "group";
+  std::string const all = directory.path / "all";
+  mkdir(group.c_str(), 0700);
+  chmod(group.c_str(), 0770);
+  mkdir(all.c_str(), 0700);
+  chmod(all.c_str(), 0707);
+  struct {
+    std::string folder;
+    std::vector<std::string> arguments;
+  } const folders[] = {{"/tmp", {}},
+                       {group, {"--trace-folder=" + group}},
+                       {all, {"--trace-file=" + all + "/" + name}}};
+  for (auto const& [folder, arguments] : folders) {
+    std::filesystem::path const path = std::filesystem::path(folder) / name;
+    std::error_code differentFileSystem;
+    for (std::function<void()> const& create : std::vector<std::function<void()>>{
+             [&] { std::filesystem::create_symlink(target, path); },
+             [&] { std::filesystem::create_hard_link(target, path, differentFileSystem); },
+             [&] { mkfifo(path.c_str(), 0600); }}) {
+      create();
+      log(arguments);
+      std::filesystem::remove(path);
+    }
+    EXPECT_EQ(ReadFile(target), "precious") << folder;
+    log(arguments);
+    EXPECT_NE(ReadFile(path).find("Process ["), std::string::npos) << folder;
     std::filesystem::remove(path);
   }
-  EXPECT_EQ(ReadFile(target), "precious");
-  EXPECT_EQ(log(), 0);
-  EXPECT_NE(ReadFile(path).find("Process ["), std::string::npos);
-  std::filesystem::remove(path);
+  std::filesystem::path const link = directory.path / "link";
+  std::filesystem::create_symlink(target, link);
+  log({"--trace-file=" + link.string()});
+  EXPECT_NE(ReadFile(target).find("Process ["), std::string::npos) << "the user's own folder";
+}
+
+TEST_F(TraceTest, ACrashReportSurvivesTheNextStart) {
+  std::filesystem::path const file = directory.path / "test.log";
+  std::filesystem::path const kept = directory.path / "test.log.crash";
+  std::filesystem::path const target = directory.path / "target";
+  std::string const report =
+      "09:05:33.042Z FATAL    crash_handler(1:1) - Received fatal signal { signal:\"SIGSEGV\" }\n";
+  std::ofstream(kept) << "an older report";
+  std::ofstream(file) << "before\n" << report;
+  EXPECT_EQ(Log({}, [] { TRACE_INFO("next start"); }).size(), 1U);
+  EXPECT_EQ(ReadFile(kept), "before\n" + report);
+
+  std::ofstream(file, std::ios::app) << report << "09:05:33.042Z INFO     main(1:1) - On\n";
+  Log({}, [] {});
+  EXPECT_EQ(ReadFile(kept), "before\n" + report) << "the report is not at the end";
+
+  std::ofstream(target) << report;
+  std::filesystem::remove(file);
+  std::filesystem::create_symlink(target, file);
+  Log({}, [] {});
+  EXPECT_EQ(ReadFile(kept), "before\n" + report) << "a link is not renamed";
+}
+
+// The reader has stopped, as a service under SIGSTOP has. Then it reads again.
+TEST_F(TraceTest, SyslogDropsLinesOnlyWhileNobodyReads) {
+  LogSocket const log;
+  if (RunInChild([&] { log.MountInChild(); }) != 0) GTEST_SKIP() << "no mount namespaces here";
+  std::string const tag = std::string(program_invocation_short_name) + ": ";
+  Log({"--trace-syslog", "--trace-level=2"}, [&] {
+    log.MountInChild();
+    int const count = 1000;
+    auto const start = std::chrono::steady_clock::now();
+    for (int i = 0; i < count; ++i) TRACE_WARNING("line", i);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30))
+        << "not 100 ms for each line";
+    auto const before = log.ReceiveAll();
+    ASSERT_GT(before.size(), 0U);
+    for (std::size_t i = 0; i < before.size(); ++i) {
+      EXPECT_TRUE(before[i].starts_with("<12>" + tag)) << before[i];
+      EXPECT_TRUE(before[i].ends_with(" - line { i:" + std::to_string(i) + " }")) << before[i];
+    }
+
+    TRACE_ERROR("room");
+    EXPECT_TRUE(log.Receive().ends_with(
+        " - Lines were lost { lines:" + std::to_string(count - before.size()) + " }"));
+    EXPECT_TRUE(log.Receive().starts_with("<11>" + tag));
+
+    // A burst loses no line when the reader gets its time; some try of several must succeed.
+    std::size_t received = 0;
+    for (int k = 0; k < 5 && received != count; ++k) {
+      log.ReceiveAll();
+      received = 0;
+      std::atomic<bool> isDone = false;
+      std::thread reader([&] {
+        while (!log.Receive(0).ends_with(" - last")) ++received;
+        isDone = true;
+      });
+      for (int i = 0; i < count; ++i) TRACE_WARNING("burst", i);
+      while (!isDone) TRACE_WARNING("last");
+      reader.join();
+    }
+    EXPECT_EQ(received, count);
+  });
+  EXPECT_GT(ReadLines(directory.path / "test.log", "Lines were lost").size(), 0U);
 }
 
 TEST(TracePathTest, IsBuiltFromTheSettings) {

@@ -10,14 +10,14 @@
 namespace Trace {
 
 class Console;
+class Syslog;
 class TraceFile;
 
 using SignalSafeText = FixedText<1024>;
 
 // Sets the sinks of later lines, null for a sink that is off. Before this call there is no sink.
-// The caller never destroys them. Syslog must be a datagram socket at /dev/log: a stream socket
-// there gets nothing.
-void SetSignalSafeSinks(Console* console, TraceFile* file, bool useSyslog);
+// The caller never destroys them.
+void SetSignalSafeSinks(Console* console, TraceFile* file, Syslog* syslog);
 
 // Appends the header of the calling thread's next line.
 void StartSignalSafeLine(SignalSafeText& text, std::string_view module, TraceLevel level) noexcept;

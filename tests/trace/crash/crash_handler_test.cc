@@ -1,15 +1,10 @@
 #include "trace/crash/crash_handler.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
-#include <array>
 #include <atomic>
 #include <barrier>
 #include <bit>
@@ -29,6 +24,7 @@
 #include "base/loop/thread_linux.h"
 #include "base/shared.h"
 #include "tests/support/base/child.h"
+#include "tests/support/trace/log_socket.h"
 #include "tests/support/utilities/arguments/settings.h"
 #include "trace/crash/crash_stack.h"
 #include "trace/crash/signal_safe_line.h"
@@ -390,37 +386,22 @@ TEST_F(CrashTest, HandlersThatAreThereStay) {
   EXPECT_EQ(WEXITSTATUS(status), 7) << status;
 }
 
-// The child has a mount namespace of its own, where /dev/log is the test's socket.
 TEST_F(CrashTest, SyslogGetsTheLines) {
-  TemporaryDirectory const directory;
-  int const log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  (directory.path / "log").string().copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_EQ(bind(log, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  LogSocket const log;
   int const status = Crash(
       [&] {
-        bool const isMounted =
-            unshare(CLONE_NEWNS | (geteuid() == 0 ? 0 : CLONE_NEWUSER)) == 0 &&
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-            mount(directory.path.c_str(), "/dev", nullptr, MS_BIND, nullptr) == 0;
-        if (!isMounted) _exit(77);
+        log.MountInChild();
         WriteToClosedPage();
       },
       {"--trace-syslog"});
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "no mount namespaces here";
+  if (WIFEXITED(status) && WEXITSTATUS(status) == LogSocket::noNamespace) GTEST_SKIP();
   EXPECT_EQ(WTERMSIG(status), SIGSEGV);
-  std::size_t received = 0;
-  std::array<char, 2048> datagram{};
-  ssize_t length = 0;
-  while ((length = recv(log, datagram.data(), datagram.size(), MSG_DONTWAIT)) != -1) {
-    ASSERT_LT(received, lines.size());
-    EXPECT_EQ(std::string(datagram.data(), static_cast<std::size_t>(length)),
-              std::string("<10>") + program_invocation_short_name + ": " + lines[received]);
-    ++received;
+  auto const received = log.ReceiveAll();
+  EXPECT_GT(received.size(), 1U) << "lines that no longer fit into the queue are dropped";
+  ASSERT_LE(received.size(), lines.size());
+  for (std::size_t i = 0; i < received.size(); ++i) {
+    EXPECT_EQ(received[i], std::string("<10>") + program_invocation_short_name + ": " + lines[i]);
   }
-  EXPECT_GT(received, 1U) << "lines that no longer fit into the queue are dropped";
-  close(log);
 }
 
 }  // namespace
