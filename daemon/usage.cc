@@ -43,6 +43,8 @@ constexpr auto settings = std::to_array<Setting>({
      "the same, where --trace-file is not given"},
     {"--trace-file-prefix=BOOLEAN", "KESTREL_TRACE_FILE_PREFIX", "false",
      "date, time and process id before the trace file's name"},
+    {"--trace-file-max-size=BYTES", "KESTREL_TRACE_FILE_MAX_SIZE", "0",
+     "size at which the trace file is renamed to \".1\" and begun anew; 0: no limit"},
     {"--trace-stringptr-maxlen=LENGTH", "KESTREL_TRACE_STRINGPTR_MAXLEN", "64",
      "how many characters of a C string a trace field shows"},
 });

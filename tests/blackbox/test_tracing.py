@@ -1,8 +1,13 @@
 import contextlib
 import os
+import pathlib
 import signal
+import socket
+import stat
+import unittest
 
-from harness import BIN, HARDWARE, NOT_IMPLEMENTED, Case, in_thread, parse_trace, serial
+from harness import (BIN, CAN_MOUNT, GENERIC, HARDWARE, NAMESPACE, NOT_IMPLEMENTED, Case, in_thread,
+                     parse_trace, serial)
 
 
 class TraceFileTest(Case):
@@ -51,6 +56,44 @@ class CrashTest(Case):
         self.assertEqual(crash.message, "Received fatal signal")
         self.assertIn('signal:"SIGABRT"', crash.fields)
         self.assertIn(f'file:"{BIN / "ktclientd"}"', "".join(frame.fields for frame in frames))
+
+        report = daemon.log.read_text()
+        for _ in range(2):
+            self.start(f"--trace-file={daemon.log}").stop()
+            self.assertEqual(pathlib.Path(f"{daemon.log}.crash").read_text(), report)
+            self.assertEqual(daemon.messages().count("Daemon shutdown complete."), 1)
+
+
+@unittest.skipUnless(CAN_MOUNT, "no mount namespaces here")
+class SyslogTest(Case):
+    def test_reader_that_has_stopped_holds_nobody_up(self):
+        devices = self.folder / "dev"
+        devices.mkdir()
+        (devices / "null").touch()
+        log = self.enterContext(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM))
+        log.bind(str(devices / "log"))
+        log.setblocking(False)
+
+        def read():
+            lines = []
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    lines.append(log.recv(10000).decode())
+            return lines
+        daemon = self.start("--trace-syslog", dmidecode="echo S1", launcher=[
+            *NAMESPACE, "/dev/null", devices / "null",
+            "sh", "-c", 'mount --rbind "$1" /dev && shift && exec "$@"', "sh", devices])
+        client = self.connect(daemon)
+        client.request(*[HARDWARE, []] * 200)
+        for _ in range(200):
+            self.assertEqual([client.answer(), client.answer()], [serial("S1"), NOT_IMPLEMENTED])
+        first = read()
+        self.assertRegex(first[0], r"^<14>ktclientd: \S+Z INFO     trace\(")
+        self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
+        self.assertIn("WARNING  trace(", read()[0])
+        daemon.stop()
+        told = [line.fields for line in daemon.trace() if line.message == "Lines were lost"]
+        self.assertGreater(int(told[0].removeprefix("lines:")), 200)
 
 
 class BrokenSinkTest(Case):

@@ -75,12 +75,6 @@ class Archive(unittest.TestCase):
         link = self.root / "etc/systemd/system/sockets.target.wants/ktclientd.socket"
         self.assertEqual(os.readlink(link), "/usr/lib/systemd/system/ktclientd.socket")
 
-    def test_rotation_finds_the_trace(self):
-        [folder] = re.findall(r"^Environment=KESTREL_TRACE_FOLDER=(\S+)",
-                              self.unit("ktclientd.service"), re.M)
-        rotation = (self.root / "etc/logrotate.d/ktclientd").read_text()
-        self.assertIn(f"{folder}ktclientd.log {{", rotation)
-
 
 if __name__ == "__main__":
     unittest.main()
