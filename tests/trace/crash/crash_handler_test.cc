@@ -341,11 +341,11 @@ TEST_F(CrashTest, ASignalHandlerWritesALineWhileTheAllocatorIsBroken) {
   int const status = Crash(
       [] {
         signal(SIGTERM, [](int) {
+          errno = ENOTTY;
           Trace::WriteSignalSafeLine("test", Trace::levelWarning, "Not shown", "what", "level");
           Trace::WriteSignalSafeLine("test", Trace::levelError, "Ended", "what", "reader");
           _exit(errno == ENOTTY ? 0 : 2);
         });
-        errno = ENOTTY;
         isMallocBroken = !isSanitized;
         raise(SIGTERM);
       },
