@@ -183,6 +183,15 @@ TEST_F(TraceTest, TheProgramsFileNameCountsAfterAnEarlyLine) {
     std::filesystem::remove(directory.path / "program.log");
   }
   EXPECT_EQ(ReadLines(directory.path / "trace_test.log", "early").size(), 1U);
+  // The name changes nothing about this path, so the file stays open.
+  std::string const path = (directory.path / "given").string();
+  EXPECT_EQ(RunInChild([&] {
+              SetArguments({"--trace-folder=/tmp/", "--trace-file=" + path});
+              TRACE_INFO("early");
+              Trace::InitializeTrace(true, "program.log");
+            }),
+            0);
+  EXPECT_EQ(ReadLines(path, "early").size(), 1U);
 }
 
 // Each line has `lineLength` bytes and ends with its number.
