@@ -24,8 +24,9 @@ TRACE_MODULE("main");
 //   DispatchRequest  answers at once, or queues the request for a sensor
 //   Answer           writes the response and starts reading again
 //
-// Between ReadFromSocket and Answer no read is pending, so a client that has gone is noticed only
-// when its request's turn comes, or by the write of its response.
+// Between ReadFromSocket and Answer no read is pending. A client that goes meanwhile may close the
+// socket by its hang-up, but the connection stays, and counts for its user, until its request's
+// turn or until the write of its response.
 
 namespace {
 
@@ -34,11 +35,26 @@ constexpr std::uint32_t maxPacketSize = 131072;
 
 }  // namespace
 
+void DisconnectSocket(Base::Shared<Net::SocketLinux> const& socket,
+                      Base::Callback<> onDisconnected) {
+  TRACE_VERBOSE("Disconnecting socket", socket);
+  socket->Disconnect(Base::MakeCallback(
+      [socket, onDisconnected = std::move(onDisconnected)](Base::Status const& err) {
+        if (err) {
+          TRACE_ERROR("Failed to disconnect socket", socket);
+        } else {
+          TRACE_VERBOSE("Successfully disconnected socket", socket);
+        }
+        onDisconnected.Call();
+      }));
+}
+
 Connection::Connection(ConnectionTable& table, Base::Shared<Net::SocketLinux> socket,
-                       Base::Shared<UserAccount> account)
+                       Base::Shared<ConnectionSlot> slot)
     : _table(table),
       _socket(std::move(socket)),
-      _account(std::move(account)),
+      _slot(std::move(slot)),
+      _account(_slot->GetAccount()),
       _packetCharge(_account),
       _outgoing(_account) {}
 
@@ -118,19 +134,9 @@ void Connection::DropRequest() {
 }
 
 void Connection::DisconnectSocket() {
-  auto const& socket = _socket;
-  TRACE_VERBOSE("Disconnecting socket", socket);
   _isClosed = true;
   UpdateWork();
-  _socket->Disconnect(
-      Base::MakeCallback([self = Base::Shared(this), socket](Base::Status const& err) {
-        if (err) {
-          TRACE_ERROR("Failed to disconnect socket", socket);
-        } else {
-          TRACE_VERBOSE("Successfully disconnected socket", socket);
-        }
-        self->_table.Remove(*self);
-      }));
+  ::DisconnectSocket(_socket, [self = Base::Shared(this)] { self->_table.Remove(*self); });
 }
 
 void Connection::Drain() { _socket->ShutdownReading(); }

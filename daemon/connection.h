@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/buffer.h"
+#include "base/callback.h"
 #include "base/loop/step_budget.h"
 #include "base/shared.h"
 #include "base/stream.h"
@@ -16,6 +17,11 @@
 #include "net/socket_linux.h"
 
 class ConnectionTable;
+
+// Closes a client's socket and then calls `onDisconnected`, as a task, whether that succeeds or
+// not.
+void DisconnectSocket(Base::Shared<Net::SocketLinux> const& socket,
+                      Base::Callback<> onDisconnected);
 
 // One client's connection, from its acceptance to its end: everything that the daemon knows of it.
 //
@@ -38,7 +44,7 @@ class Connection final : public Base::Shareable {
   static constexpr std::chrono::seconds maxStall{30};
 
   Connection(ConnectionTable& table, Base::Shared<Net::SocketLinux> socket,
-             Base::Shared<UserAccount> account);
+             Base::Shared<ConnectionSlot> slot);
 
   Net::SocketLinux& GetSocket() const { return *_socket; }
   uid_t GetUid() const { return _account->GetUid(); }
@@ -103,6 +109,8 @@ class Connection final : public Base::Shareable {
 
   ConnectionTable& _table;
   Base::Shared<Net::SocketLinux> const _socket;
+  // Besides the socket's: a waiting request counts until its turn, also when its client has gone.
+  Base::Shared<ConnectionSlot> const _slot;
   Base::Shared<UserAccount> const _account;
   bool _hasRequest = false;                      // it waits for a sensor or runs in one
   std::optional<Clock::time_point> _packetTime;  // when the packet began that is not whole yet

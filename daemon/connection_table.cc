@@ -23,11 +23,8 @@ ConnectionTable::ConnectionTable(Base::Shared<Base::ThreadLinux> ioThread)
     TRACE_ERROR("Failed to create connection timer", errorNumber);
     throw Base::ExceptionPosix(errorNumber);
   }
-}
-
-void ConnectionTable::WatchTimer() {
+  // The table lives until the process ends.
   _ioThread->AddWatch(_tick.Get(), EPOLLIN,
-                      // The table lives until the process ends.
                       Base::MakeCallback([this](int /*fd*/, int /*events*/) { OnTick(); }));
 }
 
@@ -42,7 +39,7 @@ void ConnectionTable::OnNewConnection(Base::Status const& err, Net::Address cons
     Admit(address, socket);
   } catch (Base::Exception const& thrown) {
     TRACE_ERROR("Failure handling socket", socket, Trace::As("err", thrown));
-    socket->Close();
+    DisconnectSocket(socket, {});
   }
 }
 
@@ -60,8 +57,9 @@ void ConnectionTable::Admit(Net::Address const& address,
   }
   TRACE_VERBOSE("Received new connection", address, socket, Trace::As("pid", pid),
                 Trace::As("uid", uid), Trace::As("gid", gid));
-  socket->HoldUntilClosed(Base::MakeShared<ConnectionSlot>(account));
-  auto const connection = Base::MakeShared<Connection>(*this, socket, account);
+  auto const slot = Base::MakeShared<ConnectionSlot>(account);
+  socket->HoldUntilClosed(slot);
+  auto const connection = Base::MakeShared<Connection>(*this, socket, slot);
   _connections.emplace(connection.Get(), connection);
   try {
     connection->StartReading();

@@ -14,17 +14,13 @@
 
 // The open connections of the daemon: their limits by user, their deadlines, and their common end.
 //
-// Threads: constructed anywhere; all else on the IO thread. Lives until the process ends.
+// Threads: the IO thread. Lives until the process ends.
 class ConnectionTable {
  public:
-  // Throws Base::ExceptionPosix when no timer can be created.
+  // Throws Base::ExceptionPosix when there can be no timer.
   explicit ConnectionTable(Base::Shared<Base::ThreadLinux> ioThread);
   ConnectionTable(ConnectionTable const&) = delete;
   ConnectionTable& operator=(ConnectionTable const&) = delete;
-
-  // Starts to react to the timer. Called once, before the first connection. Throws
-  // Base::ExceptionPosix.
-  void WatchTimer();
 
   // The accept callback: gets a new connection, or the failure to accept one. Closes at once a
   // connection beyond its user's limit.

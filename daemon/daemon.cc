@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -20,10 +21,9 @@
 #include "base/shared.h"
 #include "base/unique_fd.h"
 #include "daemon/connection_table.h"
-#include "daemon/end_deadline.h"
 #include "daemon/idle_shutdown.h"
 #include "daemon/sensor_queue.h"
-#include "daemon/signal_relay.h"
+#include "daemon/signal_thread.h"
 #include "daemon/socket_file.h"
 #include "net/address.h"
 #include "net/socket_linux.h"
@@ -33,9 +33,10 @@
 
 TRACE_MODULE("main");
 
-// Three threads. The first one runs `main`: it starts everything, runs the loop of the "main
+// Four threads. The first one runs `main`: it starts everything, runs the loop of the "main
 // thread", on which only signals and the idle check happen, and shuts everything down. Connections
-// live on the IO thread, and sensors block a thread of their own (daemon/sensor_queue.h).
+// live on the IO thread, sensors block a thread of their own (daemon/sensor_queue.h), and a thread
+// takes the signals and watches the end (daemon/signal_thread.h).
 //
 // The order of a start; what can fail comes before the first client can connect:
 //   1. the listening socket: passed by systemd, or created and bound here
@@ -61,8 +62,7 @@ constexpr int backlog = 32;
 constexpr int reservedDescriptors = 8;
 constexpr int loopEnded = 3;  // Deliberate: the end of the loop is logged as this signal number.
 
-// The shutdown empties it, also after a failed start, so the destructors of static objects find
-// nothing to do.
+// The shutdown, or `AbandonStart`, releases what it holds.
 struct Daemon {
   Base::Shared<Net::SocketLinux> listenSocket;
   Base::Shared<Base::ThreadLinux> mainThread;
@@ -77,11 +77,6 @@ Daemon& GetDaemon() {
   return daemon;
 }
 
-Base::Shared<Base::ThreadLinux> StartIOThread() {
-  TerminationBlock const block;
-  return Base::GetIOThread();
-}
-
 // Does nothing when no service manager has asked for notifications (sd_notify(3)).
 void NotifyServiceManager(char const* state) {
   int const result = sd_notify(0, state);
@@ -89,24 +84,29 @@ void NotifyServiceManager(char const* state) {
     TRACE_WARNING("Failed to notify service manager", state, Trace::As("error", -result));
 }
 
+void Drain(Base::Shared<Net::SocketLinux> const& listenSocket,
+           Base::Shared<Base::Thread> const& mainThread, ConnectionTable& connections) {
+  try {
+    listenSocket->StopListening();
+  } catch (std::exception const& err) {
+    TRACE_WARNING("Failed to stop listening", err);
+  }
+  // As a task: connections that have been accepted are on their way to the table as tasks, too, and
+  // come before it.
+  Base::GetIOThread()->PostTask(Base::MakeCallback([mainThread, &connections] {
+    connections.Drain(Base::MakeCallback([mainThread] { Base::PostStop(mainThread); }));
+  }));
+}
+
 // Runs on the first thread. The task gets handles of its own: a signal may empty the daemon's while
 // the task runs.
 void LeaveWhenDrained() {
   Daemon const& daemon = GetDaemon();
   if (!daemon.listenSocket) return;  // the shutdown has begun
-  Base::GetIOThread()->PostTask(
-      Base::MakeCallback([listenSocket = daemon.listenSocket, mainThread = daemon.mainThread,
-                          &connections = *daemon.connections] {
-        auto const stop = Base::MakeCallback(
-            [mainThread] { Base::PostStop(Base::Shared<Base::Thread>(mainThread)); });
-        try {
-          listenSocket->StopListening();
-          connections.Drain(stop);
-        } catch (Base::Exception const& err) {
-          TRACE_WARNING("Failed to drain connections", err);
-          stop->Call();
-        }
-      }));
+  Base::GetIOThread()->PostTask(Base::MakeCallback(
+      [listenSocket = daemon.listenSocket,
+       mainThread = Base::Shared<Base::Thread>(daemon.mainThread),
+       &connections = *daemon.connections] { Drain(listenSocket, mainThread, connections); }));
 }
 
 void UseActivatedSocket(PassedSockets const& passed) {
@@ -123,7 +123,7 @@ void UseActivatedSocket(PassedSockets const& passed) {
   if (listenSocketCount != 1) return;
   Daemon& daemon = GetDaemon();
   daemon.listenSocket =
-      Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(SD_LISTEN_FDS_START), StartIOThread());
+      Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(SD_LISTEN_FDS_START), Base::GetIOThread());
   daemon.mainThread = Base::MakeShared<Base::ThreadLinux>();
   StartIdleShutdown(*daemon.mainThread, Base::Callback<>(&LeaveWhenDrained));
 }
@@ -132,7 +132,7 @@ void BindOwnSocket(std::string const& socketText) {
   Daemon& daemon = GetDaemon();
   daemon.mainThread = Base::MakeShared<Base::ThreadLinux>();
   daemon.listenSocket =
-      Base::MakeShared<Net::SocketLinux>(AF_UNIX, SOCK_SEQPACKET, 0, StartIOThread());
+      Base::MakeShared<Net::SocketLinux>(AF_UNIX, SOCK_SEQPACKET, 0, Base::GetIOThread());
   Net::Address const address = Net::Address::FromUnixText(socketText);
   bool const isPath = socketText.find('/') != std::string::npos;
   if (isPath) daemon.folderLock = SocketFile::RemoveStale(socketText);
@@ -145,7 +145,6 @@ void BindOwnSocket(std::string const& socketText) {
 void Listen() {
   Base::RunAndWait(*Base::GetIOThread(), [&daemon = GetDaemon()] {
     auto connections = std::make_unique<ConnectionTable>(Base::GetIOThread());
-    connections->WatchTimer();
     daemon.connections = connections.release();
     daemon.listenSocket->KeepDescriptorsFree(reservedDescriptors);
     daemon.listenSocket->Listen(
@@ -169,7 +168,7 @@ void CloseListenSocket(Base::Shared<Net::SocketLinux> const& listenSocket) {
 
 void Shutdown() {
   Daemon& daemon = GetDaemon();
-  StartEndDeadline();
+  BeginEndDeadline();
   SetEndStage("service manager");
   TRACE_VERBOSE("Shutting down daemon...");
   NotifyServiceManager("STOPPING=1");

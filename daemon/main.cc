@@ -5,7 +5,7 @@
 #include "base/exception.h"
 #include "base/standard_streams.h"
 #include "daemon/daemon.h"
-#include "daemon/signal_relay.h"
+#include "daemon/signal_thread.h"
 #include "daemon/usage.h"
 #include "trace/trace.h"
 #include "utilities/arguments/arguments.h"
@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
   ParseArguments(argc, argv);
   try {
     SurviveBrokenPipes();
-    CatchTermination();
+    StartSignalThread();
     Trace::InitializeTrace(false, "ktclientd.log");
     RunDaemon(passed);
     return 0;

@@ -29,8 +29,8 @@ TRACE_MODULE("main");
 // response takes a step of the connection's budget and otherwise waits for the next round.
 //
 // Progress is what the kernel takes: a client that reads slowly keeps its connection, a client that
-// stops reading loses it. The socket counts the bytes, and the table looks at the count now and
-// then, so a response that nobody delays costs no timer.
+// stops reading loses it. The socket counts the bytes, and the table compares the count once a
+// second while a response waits, so a response costs no timer of its own.
 
 namespace {
 

@@ -10,7 +10,6 @@
 #include "base/loop/io_thread.h"
 #include "base/loop/run_and_wait.h"
 #include "daemon/activity.h"
-#include "daemon/signal_relay.h"
 #include "process/command_budget.h"
 #include "trace/trace.h"
 #include "utilities/arguments/arguments.h"
@@ -88,13 +87,12 @@ void SensorQueue::Start(Request request) {
 
 void SensorQueue::StartThread() {
   auto const thread = Base::MakeShared<Base::ThreadLinux>();
-  TerminationBlock const block;
   thread->Start();
   _thread = thread;
 }
 
 SensorQueue::Outcome SensorQueue::Run(Sensor const& sensor) {
-  Process::CommandBudget const budget(GetRequestTimeout());
+  Process::CommandBudget budget(GetRequestTimeout());
   try {
     return {.response = sensor.ask(), .error = {}};
   } catch (Base::Exception const& err) {
@@ -105,9 +103,10 @@ SensorQueue::Outcome SensorQueue::Run(Sensor const& sensor) {
 }
 
 void SensorQueue::OnDone(Outcome const& outcome) {
-  Finish(std::exchange(_running, {}), outcome);
+  Request const request = std::exchange(_running, {});
   EndWork();
   StartNext();
+  Finish(request, outcome);
 }
 
 void SensorQueue::Finish(Request const& request, Outcome const& outcome) {

@@ -20,9 +20,8 @@
 // A request may run its commands for "request-timeout" seconds, default 30, 0 for no limit, counted
 // from its turn.
 //
-// Threads: the IO thread, except `Stop`. The queue and the sensor thread share nothing: each
-// request
-//          and each outcome is a task.
+// Threads: the IO thread, except `Stop`. The queue and the sensor thread share nothing; a request
+//          goes there as a task, and its outcome comes back as one.
 class SensorQueue {
  public:
   SensorQueue() = default;

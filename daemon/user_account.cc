@@ -26,9 +26,11 @@ unsigned GetMaxConnections() {
 }  // namespace
 
 Base::Shared<UserAccount> UserAccount::Get(uid_t uid) {
-  auto const [entry, isNew] = GetAccounts().try_emplace(uid, nullptr);
-  if (isNew) entry->second = new UserAccount(uid);
-  return Base::Shared<UserAccount>(entry->second);
+  auto const found = GetAccounts().find(uid);
+  if (found != GetAccounts().end()) return Base::Shared<UserAccount>(found->second);
+  Base::Shared<UserAccount> const account(new UserAccount(uid));
+  GetAccounts().emplace(uid, account.Get());
+  return account;
 }
 
 UserAccount::~UserAccount() { GetAccounts().erase(_uid); }

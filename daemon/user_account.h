@@ -46,12 +46,14 @@ class UserAccount final : public Base::Shareable {
   bool _isRefusalReported = false;
 };
 
-// Counts one connection in the account for as long as it exists. The socket owns it together with
-// the descriptor, so the count and the open descriptors cannot differ.
+// Counts one connection in the account for as long as it exists. The socket holds it until the
+// descriptor closes, so there are never more open descriptors than the account says.
 class ConnectionSlot final : public Base::Shareable {
  public:
   explicit ConnectionSlot(Base::Shared<UserAccount> account);
   ~ConnectionSlot() override;
+
+  Base::Shared<UserAccount> const& GetAccount() const { return _account; }
 
  private:
   Base::Shared<UserAccount> const _account;

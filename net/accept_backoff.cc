@@ -27,8 +27,7 @@ bool IsOutOfResources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-// Descriptors above the highest connection that may be open: those of the process's own work, with
-// much to spare.
+// A margin for the descriptors that the process opens besides its connections.
 constexpr int otherDescriptors = 32;
 
 // Whether this process and the system have `count` descriptors to spare.
@@ -67,7 +66,10 @@ bool AcceptBackoff::MayAccept() {
   // A new descriptor has the lowest free number, so as long as no high number has been seen, not
   // many are open. Only near the limit they are worth counting.
   if (_highestFd < _maxDescriptors - _reservedDescriptors - otherDescriptors) return true;
-  if (HasFreeDescriptors(_reservedDescriptors + 1)) return true;
+  if (HasFreeDescriptors(_reservedDescriptors + 1)) {
+    _highestFd = 0;  // the next connection's number tells whether many are still open
+    return true;
+  }
   TRACE_WARNING("Accepting no connections, too few descriptors are left", _reservedDescriptors);
   Start(EMFILE);
   return false;

@@ -13,7 +13,7 @@ using Clock = std::chrono::steady_clock;
 // Longer than anybody waits, and too short to overflow the clock.
 constexpr std::chrono::seconds maxLimit{std::int64_t{1} << 31U};
 
-thread_local CommandBudget const* current = nullptr;
+thread_local CommandBudget* current = nullptr;
 
 }  // namespace
 
@@ -24,9 +24,9 @@ CommandBudget::CommandBudget(std::chrono::seconds limit)
 
 CommandBudget::~CommandBudget() { current = _outer; }
 
-CommandBudget const* CommandBudget::GetCurrent() { return current; }
+CommandBudget* CommandBudget::GetCurrent() { return current; }
 
-void CommandBudget::RecordFailure(std::string failure) const {
+void CommandBudget::RecordFailure(std::string failure) {
   if (_failure.empty()) _failure = std::move(failure);
 }
 

@@ -13,7 +13,7 @@ namespace Process {
 // The budget also keeps the reason for which a command did not run to its own end, so that a caller
 // several calls above `RunInShell` can tell an incomplete result from a complete one.
 //
-//   Process::CommandBudget const budget(std::chrono::seconds(30));
+//   Process::CommandBudget budget(std::chrono::seconds(30));
 //   auto const response = AskIgel();
 //
 // Threads:  an object belongs to the thread that constructs it. That thread also destroys it.
@@ -32,19 +32,19 @@ class CommandBudget {
   std::string const& GetFailure() const { return _failure; }
 
   // The innermost budget of the calling thread; null when there is none.
-  static CommandBudget const* GetCurrent();
+  static CommandBudget* GetCurrent();
 
   // For `RunInShell`: the end on the monotonic clock, empty when the budget has none; the limit;
   // and storing a failure, which does nothing when there is one already.
   std::optional<std::chrono::steady_clock::time_point> GetEnd() const { return _end; }
   std::chrono::seconds GetLimit() const { return _limit; }
-  void RecordFailure(std::string failure) const;
+  void RecordFailure(std::string failure);
 
  private:
-  CommandBudget const* const _outer;
+  CommandBudget* const _outer;
   std::chrono::seconds const _limit;
   std::optional<std::chrono::steady_clock::time_point> const _end;
-  mutable std::string _failure;  // set through `GetCurrent`, also in a budget that is const
+  std::string _failure;
 };
 
 }  // namespace Process

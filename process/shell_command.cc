@@ -322,7 +322,7 @@ std::optional<int> Command::Reap() const {
 }
 
 void RecordFailure(std::string failure) {
-  if (auto const* const budget = CommandBudget::GetCurrent()) {
+  if (auto* const budget = CommandBudget::GetCurrent()) {
     budget->RecordFailure(std::move(failure));
   }
 }

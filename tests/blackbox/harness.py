@@ -261,10 +261,6 @@ class Daemon:
         text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
         return int(re.search(rf"^{field}:\s*(\w+)", text, re.MULTILINE)[1], base)
 
-    def is_up(self):
-        signals = self.status("SigCgt", 16) & ~self.status("SigBlk", 16)
-        return signals >> signal.SIGTERM - 1 & 1
-
 
 class Case(unittest.TestCase):
     def setUp(self):
@@ -281,7 +277,6 @@ class Case(unittest.TestCase):
         daemon = self.launch(*arguments, **options)
         with daemon.connect_when_up() as client:
             self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
-        wait_until(daemon.is_up, "the start is complete")
         return daemon
 
     def connect(self, daemon):

@@ -49,12 +49,15 @@ class FairnessTest(Case):
 
     @unittest.skipUnless(AS_ROOT, "takes two users")
     def test_tool_that_hangs_holds_up_nobody_and_each_user_has_every_second_run(self):
-        daemon = self.start_gated()
+        daemon = self.start_gated("--max-connections-per-user=3")
         clients = [self.connect(daemon) for _ in range(5)]
         self.queue(daemon, *clients)
         with user(NOBODY):
-            others = [self.connect(daemon) for _ in range(2)]
-        self.queue(daemon, *others)
+            *others, left = (self.connect(daemon) for _ in range(3))
+        self.queue(daemon, *others, left)
+        left.close()  # its request still waits, so it still counts
+        with user(NOBODY):
+            self.assert_ended(self.connect(daemon))
         # Nobody waits for the tool: neither new clients nor other requests.
         self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
         # One that goes before its turn starts no tool, unlike one that has only ended its sending.

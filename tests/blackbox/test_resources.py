@@ -42,7 +42,7 @@ class ResourceTest(Case):
         daemon = self.start(launcher=["prlimit", "--nofile=32"], dmidecode="echo S1")
         self.assertEqual(daemon.ask(HARDWARE), serial("S1"))
         descriptors = daemon.count_when_idle()
-        clients = [self.connect(daemon) for _ in range(40)]
+        clients = [self.connect(daemon) for _ in range(35)]
         daemon.wait_for_trace("Accepting no connections")
         self.assertEqual(len(daemon.descriptors()), 32 - 8)
         begin, used = time.monotonic(), processor_time(daemon)

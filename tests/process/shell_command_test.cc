@@ -67,7 +67,7 @@ std::string GetMessages(std::filesystem::path const& log) {
 
 void RunCommandsWithBudgets(std::filesystem::path const& marker) {
   {
-    CommandBudget const budget(seconds(1));
+    CommandBudget budget(seconds(1));
     EXPECT_TRUE(RunInShell("sleep 1000").wasStopped);
     EXPECT_TRUE(RunInShell("exec >'" + marker.string() + "'").wasStopped);
     EXPECT_FALSE(exists(marker)) << "a command ran after the end of its budget";
@@ -82,7 +82,7 @@ void RunCommandsWithBudgets(std::filesystem::path const& marker) {
   }
   EXPECT_EQ(CommandBudget::GetCurrent(), nullptr);
   {
-    CommandBudget const budget(seconds(1000));
+    CommandBudget budget(seconds(1000));
     ShellResult result;
     {
       DescriptorLimit const limit(GetNextDescriptor(1));
@@ -93,7 +93,7 @@ void RunCommandsWithBudgets(std::filesystem::path const& marker) {
     EXPECT_EQ(budget.GetFailure(), "A command could not be started: Too many open files (Err 24)");
   }
   SetArguments({"--command-timeout=1"});
-  CommandBudget const budget(seconds(1000));
+  CommandBudget budget(seconds(1000));
   EXPECT_TRUE(RunInShell("sleep 1001").wasStopped);
   EXPECT_EQ(budget.GetFailure(), "A command took longer than 1 s");
   CommandBudget const inner(seconds(1000));
