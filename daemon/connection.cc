@@ -85,7 +85,13 @@ void Connection::ReadFromSocket(Base::Status const& err, Base::ByteBuffer const&
   auto const& socket = _socket;
   if (err) {
     TRACE_ERROR("Read packet from socket failed", socket, err);
-    DisconnectSocket();
+    // The drain itself may have ended a packet that had begun. The client sent its earlier requests
+    // in time, so it still gets their responses.
+    if (_isDraining) {
+      DisconnectSocketWhenWritten();
+    } else {
+      DisconnectSocket();
+    }
   } else if (complete) {
     TRACE_VERBOSE("Socket is complete", socket, buffer);
     DisconnectSocketWhenWritten();
@@ -139,7 +145,10 @@ void Connection::DisconnectSocket() {
   ::DisconnectSocket(_socket, [self = Base::Shared(this)] { self->_table.Remove(*self); });
 }
 
-void Connection::Drain() { _socket->ShutdownReading(); }
+void Connection::Drain() {
+  _isDraining = true;
+  _socket->ShutdownReading();
+}
 
 bool Connection::CheckDeadlines(Clock::time_point now) {
   auto const& socket = _socket;

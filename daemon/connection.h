@@ -116,6 +116,7 @@ class Connection final : public Base::Shareable {
   std::optional<Clock::time_point> _packetTime;  // when the packet began that is not whole yet
   MemoryCharge _packetCharge;
   Outgoing _outgoing;
+  bool _isDraining = false;
   bool _isClosed = false;
   bool _isAtWork = false;  // as the activity counts it
 };
