@@ -14,11 +14,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <exception>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <optional>
 #include <span>
@@ -26,14 +22,16 @@
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "bench/clients.h"
+#include "bench/server.h"
 
 namespace {
 
+using Bench::Figures;
+using Bench::Server;
 using Clock = std::chrono::steady_clock;
 using std::chrono::nanoseconds;
 
@@ -124,64 +122,6 @@ Options ParseOptions(std::span<char* const> arguments) {
   }
   return options;
 }
-
-struct Figures {
-  nanoseconds processor{};
-  std::uint64_t residentKib = 0;
-  std::uint64_t descriptors = 0;
-};
-
-// The server's figures, from /proc and its processor clock.
-class Server {
- public:
-  explicit Server(pid_t pid) : _directory("/proc/" + std::to_string(pid)) {
-    // Unlike the files in /proc, it counts nanoseconds and includes threads that have ended.
-    errno = clock_getcpuclockid(pid, &_clock);
-    if (errno != 0) {
-      Bench::ThrowErrno("Failed to find process " + std::to_string(pid));
-    }
-  }
-
-  Figures Read() const {
-    timespec processor{};
-    if (clock_gettime(_clock, &processor) == -1) {
-      Bench::ThrowErrno("Failed to read the processor clock of the server");
-    }
-    return {std::chrono::seconds(processor.tv_sec) + nanoseconds(processor.tv_nsec),
-            ReadResidentKib(), CountDescriptors()};
-  }
-
-  // Waits up to 2 s until the server has at most `descriptors` open descriptors, and then reads the
-  // figures. The server may still be closing connections, and no event reports the end of that.
-  Figures ReadSettled(std::uint64_t descriptors) const {
-    auto const deadline = Clock::now() + std::chrono::seconds(2);
-    while (CountDescriptors() > descriptors && Clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return Read();
-  }
-
- private:
-  std::uint64_t ReadResidentKib() const {
-    std::ifstream status(_directory / "status");
-    std::string word;
-    while (status >> word && word != "VmRSS:") {
-    }
-    std::uint64_t size = 0;
-    if (!(status >> size)) {
-      throw std::runtime_error("Failed to read the memory use of the server");
-    }
-    return size;
-  }
-
-  std::uint64_t CountDescriptors() const {
-    std::filesystem::directory_iterator const files(_directory / "fd");
-    return static_cast<std::uint64_t>(std::distance(begin(files), end(files)));
-  }
-
-  std::filesystem::path _directory;
-  clockid_t _clock{};
-};
 
 void RaiseDescriptorLimit() {
   rlimit limit{};
