@@ -52,3 +52,9 @@ if(sanitizers)
     add_compile_options(-Wno-maybe-uninitialized)
   endif()
 endif()
+
+if(KTCLIENTD_COVERAGE)
+  # Atomic counters: threads run the same lines.
+  add_compile_options(--coverage -fprofile-abs-path -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
