@@ -23,7 +23,9 @@ ConnectionTable::ConnectionTable(Base::Shared<Base::ThreadLinux> ioThread)
     TRACE_ERROR("Failed to create connection timer", errorNumber);
     throw Base::ExceptionPosix(errorNumber);
   }
-  // The table lives until the process ends.
+}
+
+void ConnectionTable::WatchTimer() {
   _ioThread->AddWatch(_tick.Get(), EPOLLIN,
                       Base::MakeCallback([this](int /*fd*/, int /*events*/) { OnTick(); }));
 }

@@ -14,13 +14,17 @@
 
 // The open connections of the daemon: their limits by user, their deadlines, and their common end.
 //
-// Threads: the IO thread. Lives until the process ends.
+// Threads: constructed anywhere; all else on the IO thread.
 class ConnectionTable {
  public:
   // Throws Base::ExceptionPosix when there can be no timer.
   explicit ConnectionTable(Base::Shared<Base::ThreadLinux> ioThread);
   ConnectionTable(ConnectionTable const&) = delete;
   ConnectionTable& operator=(ConnectionTable const&) = delete;
+
+  // Begins to watch deadlines. Called once; from then on the table must live until the loop ends.
+  // Throws Base::ExceptionPosix.
+  void WatchTimer();
 
   // The accept callback: gets a new connection, or the failure to accept one. Closes at once a
   // connection beyond its user's limit.

@@ -145,6 +145,7 @@ void BindOwnSocket(std::string const& socketText) {
 void Listen() {
   Base::RunAndWait(*Base::GetIOThread(), [&daemon = GetDaemon()] {
     auto connections = std::make_unique<ConnectionTable>(Base::GetIOThread());
+    connections->WatchTimer();
     daemon.connections = connections.release();
     daemon.listenSocket->KeepDescriptorsFree(reservedDescriptors);
     daemon.listenSocket->Listen(
