@@ -129,6 +129,7 @@ TEST_F(FileStreamLinuxTest, ATerminalIsReadAndWrittenInPiecesUntilItsOtherSideIs
   for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>(i % 251);
   OnLoop([&] { stream->Read(Base::ByteBuffer::Zeroed(16), NoteRead()); });
   Write(sink, text);
+  AwaitRounds(20);  // until the kernel takes no more
   Put(terminal, "line");
   EXPECT_EQ(events.Take(), "read ok line;");
   std::string received;
