@@ -97,7 +97,7 @@ class Connection final : public Base::Shareable {
 
   void OnPacketBegun(std::uint32_t length);
   void ReadFromSocket(Base::Status const& err, Base::ByteBuffer const& buffer, bool complete);
-  void ProcessPacket(Base::ByteBuffer const& packet);
+  void ProcessPacket(Base::ByteBuffer const& buffer);
   void DisconnectSocketWhenWritten();
   void Send(std::string const& text);
   void StartWriting(std::string_view text);

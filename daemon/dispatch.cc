@@ -19,12 +19,12 @@ constexpr auto daemonSensors = std::to_array<Sensor>({
      "Error detecting igel management certificates"},
 });
 
-std::span<Sensor const> sensors = daemonSensors;
+std::span<Sensor const> usedSensors = daemonSensors;
 
 }  // namespace
 
 void DispatchRequest(Base::Shared<Connection> const& connection, nlohmann::json const& request) {
-  auto const socket = Trace::As("socket", &connection->GetSocket());
+  Net::SocketLinux const* const socket = &connection->GetSocket();
   // contains() is false for a value that is not an object.
   if (!request.contains("sensor")) {
     TRACE_WARNING("Received unexpected request", socket);
@@ -34,8 +34,8 @@ void DispatchRequest(Base::Shared<Connection> const& connection, nlohmann::json 
   // By reference: a packet can nest deep, and the library copies recursively.
   nlohmann::json const& wanted = request["sensor"];
   auto const sensor = std::ranges::find_if(
-      sensors, [&wanted](Sensor const& candidate) { return wanted.contains(candidate.key); });
-  if (sensor == sensors.end()) {
+      usedSensors, [&wanted](Sensor const& candidate) { return wanted.contains(candidate.key); });
+  if (sensor == usedSensors.end()) {
     TRACE_WARNING("Received unknown sensor request", socket);
     connection->Answer({{"status", "ErrorNotImplemented"}});
     return;
@@ -44,4 +44,4 @@ void DispatchRequest(Base::Shared<Connection> const& connection, nlohmann::json 
   GetSensorQueue().Add(connection, *sensor);
 }
 
-void UseSensors(std::span<Sensor const> replacement) { sensors = replacement; }
+void UseSensors(std::span<Sensor const> sensors) { usedSensors = sensors; }
