@@ -3,7 +3,6 @@ import random
 import re
 import sys
 
-import jsonschema
 from harness import (BIN, DOCS, GENERIC, RESPONSE, Case, in_thread, packet, read_schema, run,
                      serial)
 

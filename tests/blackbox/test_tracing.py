@@ -3,10 +3,9 @@ import os
 import pathlib
 import signal
 import socket
-import stat
 import unittest
 
-from harness import (BIN, CAN_MOUNT, GENERIC, HARDWARE, NAMESPACE, NOT_IMPLEMENTED, Case, in_thread,
+from harness import (BIN, CAN_MOUNT, HARDWARE, NAMESPACE, NOT_IMPLEMENTED, Case, in_thread,
                      parse_trace, serial)
 
 
