@@ -110,8 +110,8 @@ class IdleExitTest(Case):
                 client.close()
         self.assertGreater(sum(manager.starts for manager in managers), 20, "none met an expiry")
         for manager in managers:
-            manager.end()
-            self.assertEqual(set(manager.statuses), {0})
+            manager.end()  # by a signal, which may come before a daemon has begun
+            self.assertLessEqual(set(manager.statuses), {0, -15})
 
     def test_daemon_at_work_stays(self):
         manager = self.manage(SEQPACKET, "--activated-period=1", "--command-timeout=0",
