@@ -85,7 +85,7 @@ TYPED_TEST(ThreadTest, DueScheduledTasksComeBeforePostedOnes) {
     thread->PostTask(this->Note("posted"));
     thread->PostTask(Base::MakeCallback([&] { thread->PostTask(this->Note("same drain")); }));
     thread->PostScheduledTask(0, this->Note("next round"));
-    thread->PostScheduledTask(-5, this->Note("overdue"));
+    thread->PostScheduledTask(-60'000, this->Note("overdue"));
   });
   EXPECT_EQ(this->events.Take(4), "posted;same drain;overdue;next round;");
   EXPECT_THROW(Base::RunAndWait(*thread, [] { throw Base::Exception("here"); }), Base::Exception);
