@@ -67,9 +67,10 @@ TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
 }
 
 TEST_F(ThreadLinuxTest, AStoppedLoopRunsTheEventsOfItsLastWait) {
-  Base::UniqueFd const fd(eventfd(1, EFD_CLOEXEC));
+  int const fd = eventfd(1, EFD_CLOEXEC);
   OnLoop([&] {
-    loop->AddWatch(fd.Get(), EPOLLIN, Base::MakeCallback([this](int, int) {
+    // The watch owns the descriptor: the loop still uses it after the event.
+    loop->AddWatch(fd, EPOLLIN, Base::MakeCallback([this, owner = Base::UniqueFd(fd)](int, int) {
                      loop->PostTask(Note("completed"));
                      loop->PostToNextRound(Note("never"));
                    }));
