@@ -86,7 +86,7 @@ TEST_F(ThreadLinuxTest, AStepMayDestroyItsBudgetAndItsOwnHandle) {
   };
   std::unique_ptr<Owner> owner;
   std::weak_ptr<int> captured;
-  OnLoop([&] { owner.reset(new Owner{Base::StepBudget(loop, 1), {}}); });
+  OnLoop([&] { owner = std::make_unique<Owner>(Owner{Base::StepBudget(loop, 1), {}}); });
   AwaitRounds(1);  // a new budget is empty
   OnLoop([&] {
     auto value = std::make_shared<int>();
