@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 // Prints the response. Returns 0 if the connection ends before the response begins.
-static int ask(struct sockaddr_un const* address) {
+static int Ask(struct sockaddr_un const* address) {
   char const request[] = "{\"sensor\":{\"hardware\":null}}";
   char answer[8192];
   uint32_t length = sizeof request - 1;
@@ -34,6 +34,8 @@ int main(int argc, char** argv) {
   if (snprintf(address.sun_path, sizeof address.sun_path, "%s", path) >=
       (int)sizeof address.sun_path)
     errx(1, "too long");
-  // The second time, systemd has started a new daemon.
-  if (!ask(&address) && !ask(&address)) errx(1, "no answer");
+  if (Ask(&address)) return 0;
+  // The daemon left just now because it was idle; systemd starts it again for the second question.
+  if (Ask(&address)) return 0;
+  errx(1, "no answer");
 }

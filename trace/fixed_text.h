@@ -11,7 +11,7 @@ namespace Trace {
 
 // A line of text in an array, for a signal handler, which must not allocate. What does not fit is
 // dropped. The methods are named as those of std::string, so that a template can append to both.
-template <std::size_t Capacity>
+template <std::size_t capacity>
 class FixedText {
  public:
   // NOLINTBEGIN(readability-identifier-naming): std::string's
@@ -47,9 +47,9 @@ class FixedText {
   }
 
  private:
-  static constexpr std::size_t maxLength = Capacity - 1;
+  static constexpr std::size_t maxLength = capacity - 1;
 
-  std::array<char, Capacity> _text;
+  std::array<char, capacity> _text;
   std::size_t _length = 0;
 };
 

@@ -24,7 +24,7 @@ struct OfThread {
 };
 
 // One worker, so that tasks end in the order in which they start.
-template <bool IsExclusive>
+template <bool isExclusive>
 struct OfPool {
   OfPool() { thread->Start(); }
   void End() {
@@ -34,7 +34,7 @@ struct OfPool {
 
   Base::Shared<Base::ThreadLinuxGlib> thread = Base::MakeShared<Base::ThreadLinuxGlib>();
   Base::Shared<Base::ThreadPool> runner =
-      Base::MakeShared<Base::ThreadPoolLinuxGlib>(thread->GetContext(), 1, IsExclusive);
+      Base::MakeShared<Base::ThreadPoolLinuxGlib>(thread->GetContext(), 1, isExclusive);
 };
 
 template <typename Executor>
