@@ -7,7 +7,7 @@ packages=(
   build-essential clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
   cmake ninja-build pkg-config
   nlohmann-json3-dev libcli11-dev libsystemd-dev libglib2.0-dev uuid-dev libutfcpp-dev
-  libgtest-dev libbenchmark-dev
+  libre2-dev libarchive-dev libgtest-dev libbenchmark-dev
   systemd dmidecode openssl python3 python3-jsonschema strace procps netbase git
   man-db mandoc bash-completion
   debhelper dpkg-dev fakeroot lintian mmdebstrap systemd-container
