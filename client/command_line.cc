@@ -66,6 +66,8 @@ struct Grammar {
     AddCommand("send", "Any request: send JSON; \"-\" reads it from standard input")
         ->add_option("JSON", json)
         ->required();
+    // Listed for the help only: another program has it.
+    AddCommand("report", "An archive for the support: see ktclientctl report --help");
 
     // "{}": without a value the option is as it is with an empty one, which is no valid value.
     AddOption("--socket{}", socket, "=ADDRESS",
@@ -160,8 +162,7 @@ std::string CheckRequest(std::string request) {
   return request;
 }
 
-std::string MakeRequest(Grammar const& grammar) {
-  std::string const& command = grammar.app.get_subcommands()[0]->get_name();
+std::string MakeRequest(std::string const& command, Grammar const& grammar) {
   if (command == "send")
     return CheckRequest(grammar.json == "-" ? ReadStandardInput() : grammar.json);
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();
@@ -195,6 +196,14 @@ std::chrono::seconds ParseTimeout(std::string const& text) {
 
 }  // namespace
 
+std::string_view GetCommandName(int argc, char const* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    std::string_view const word = argv[i];
+    if (!word.starts_with("-")) return word;
+  }
+  return {};
+}
+
 CommandLine ReadCommandLine(int argc, char const* const* argv) {
   std::vector<char const*> words(argv + std::min(argc, 1), argv + argc);
   auto const others = std::stable_partition(words.begin(), words.end(), IsTraceOption);
@@ -211,7 +220,8 @@ CommandLine ReadCommandLine(int argc, char const* const* argv) {
   commandLine.timeout = ParseTimeout(grammar.timeout);
   std::string const compact = Base::LowerCased(grammar.compact);
   commandLine.compact = compact == "true" || compact == "1";
-  commandLine.request = MakeRequest(grammar);
+  commandLine.command = grammar.app.get_subcommands()[0]->get_name();
+  commandLine.request = MakeRequest(commandLine.command, grammar);
   return commandLine;
 }
 

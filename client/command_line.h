@@ -2,16 +2,21 @@
 
 #include <chrono>
 #include <string>
+#include <string_view>
 
 #include "net/address.h"
 
 // What the user wants `ktclientctl` to do.
 struct CommandLine {
+  std::string command;  // such as "hardware"
   Net::Address address;
-  std::string request;  // JSON
+  std::string request;  // JSON; empty for a command that sends no request of the user
   std::chrono::seconds timeout{};
-  bool compact = false;  // print the response on one line
+  bool compact = false;  // print JSON on one line
 };
+
+// Returns the command, the first word that is not an option; empty when there is none.
+std::string_view GetCommandName(int argc, char const* const* argv);
 
 // Reads the words after the program's name, and for `send -` the request from standard input.
 // Fills the argument store with the `--trace-` options and the environment.

@@ -1,0 +1,41 @@
+#include "client/output.h"
+
+#include <algorithm>
+#include <iostream>
+
+#include "base/string_conversion.h"
+
+namespace {
+
+bool IsControl(wchar_t c) {
+  return (c >= 0x7F && c <= 0x9F) || c == 0x61C || c == 0x200E || c == 0x200F ||
+         (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+}  // namespace
+
+std::string EscapeControls(std::string_view text) {
+  std::wstring escaped;
+  for (wchar_t const c : Base::ToWide(text)) {
+    if (!IsControl(c)) {
+      escaped += c;
+      continue;
+    }
+    constexpr std::wstring_view digits = L"0123456789abcdef";
+    escaped += L"\\u";
+    for (int shift = 12; shift >= 0; shift -= 4) escaped += digits[(c >> shift) & 0xF];
+  }
+  return Base::ToUtf8(escaped);
+}
+
+int ExitWithError(ExitStatus status, std::string reason) {
+  std::ranges::replace_if(
+      reason, [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
+  std::cerr << "ktclientctl: " + EscapeControls(reason) + "\n";
+  return static_cast<int>(status);
+}
+
+int Print(std::string_view text) {
+  std::cout << text << std::flush;
+  return std::cout ? 0 : ExitWithError(ExitStatus::NoResponse, "Cannot print");
+}

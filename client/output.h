@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// What the client prints.
+
+enum class ExitStatus : int { Success = 0, OtherStatus = 1, WrongUsage = 2, NoResponse = 3 };
+
+// Returns `text` with each control that a terminal would obey replaced by its escape sequence in
+// JSON: DEL, the C1 controls, line and paragraph separators, and the bidirectional controls, which
+// show a text in another order. Leaves the other ASCII controls alone: JSON has none inside a text.
+std::string EscapeControls(std::string_view text);
+
+// Prints one line on standard error and returns the number of `status`. `reason` can hold text of
+// the user or of the server: its control characters do not reach the terminal.
+int ExitWithError(ExitStatus status, std::string reason);
+
+// Prints `text` on standard output. Returns 0, or the status after an error.
+int Print(std::string_view text);
