@@ -46,7 +46,7 @@ namespace {
 // The signals that the kernel sends for an instruction of the thread itself. The handler does not
 // block them: a blocked fault would end the process at once, by another signal than the reported
 // one. It blocks SIGABRT, which others may send; abort(3) unblocks SIGABRT.
-constexpr std::array faults{SIGFPE, SIGSEGV, SIGILL, SIGBUS};
+constexpr std::array faults{SIGFPE, SIGSEGV, SIGILL, SIGBUS, SIGTRAP};
 
 // A sink can block the report, for example a full pipe that could not be made non-blocking.
 constexpr unsigned patienceSeconds = 5;

@@ -2,9 +2,9 @@
 
 namespace Trace {
 
-// Reports a crash. When SIGFPE, SIGSEGV, SIGILL, SIGBUS or SIGABRT hits a thread, the handler
-// writes to each sink that is on one line about the signal, then one for each frame of that thread,
-// innermost first:
+// Reports a crash. When SIGFPE, SIGSEGV, SIGILL, SIGBUS, SIGTRAP or SIGABRT hits a thread, the
+// handler writes to each sink that is on one line about the signal, then one for each frame of that
+// thread, innermost first:
 //
 //   ... FATAL    crash_handler(4211:4213) - Received fatal signal { signal:"SIGSEGV" code:1
 //       address:0x10 thread:4213 }

@@ -41,6 +41,8 @@ std::string_view GetSignalName(int signal) {
       return "SIGILL";
     case SIGBUS:
       return "SIGBUS";
+    case SIGTRAP:
+      return "SIGTRAP";
     case SIGABRT:
       return "SIGABRT";
     default:

@@ -45,6 +45,14 @@ constexpr bool isSanitized = true;
 #else
 constexpr bool isSanitized = false;
 #endif
+// The signal of __builtin_trap.
+#if defined(__aarch64__)
+constexpr int trapSignal = SIGTRAP;
+constexpr char const* trapName = "SIGTRAP";
+#else
+constexpr int trapSignal = SIGILL;
+constexpr char const* trapName = "SIGILL";
+#endif
 #if defined(__SANITIZE_THREAD__)
 constexpr int signalOfCrashedReport = SIGSEGV;  // it blocks every signal in every handler
 #else
@@ -189,11 +197,13 @@ TEST_F(CrashTest, ASignalIsReportedAndEndsTheProcessAsItDoesWithoutAHandler) {
     std::string address;
   } const cases[] = {
       {&WriteToClosedPage, SIGSEGV, "SIGSEGV", pageText},
-      {[] { __builtin_trap(); }, SIGILL, "SIGILL", "0x[0-9a-f]+"},
+      {[] { __builtin_trap(); }, trapSignal, trapName, "0x[0-9a-f]+"},
       {[] { std::abort(); }, SIGABRT, "SIGABRT", "0"},
       {[] { kill(getpid(), SIGSEGV); }, SIGSEGV, "SIGSEGV", "0"},
       {[] { kill(getpid(), SIGBUS); }, SIGBUS, "SIGBUS", "0"},
       {[] { kill(getpid(), SIGFPE); }, SIGFPE, "SIGFPE", "0"},
+      {[] { kill(getpid(), SIGILL); }, SIGILL, "SIGILL", "0"},
+      {[] { kill(getpid(), SIGTRAP); }, SIGTRAP, "SIGTRAP", "0"},
       {&AbortInSigsuspend, SIGABRT, "SIGABRT", "0"},
   };
   rlimit core{};
