@@ -2,14 +2,16 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <memory>
 #include <string_view>
 #include <utility>
 
 #include "support/error.h"
 
-// GUri parses and composes; with G_URI_FLAGS_ENCODED it leaves percent-encoding in the parts. What
-// it does not normalise is done here: characters that a part may not contain, and dot segments.
+// GUri parses and composes. With G_URI_FLAGS_ENCODED it leaves percent-encoding in the parts and
+// removes dot segments after it has normalised the encoding. What GUri does not normalise is done
+// here: the case of hosts, and characters that a part may not contain.
 
 namespace Support {
 
@@ -24,8 +26,6 @@ constexpr std::string_view subDelims = "!$&'()*+,;=";
 
 char const* GetReason(int code) {
   switch (code) {
-    case G_URI_ERROR_BAD_SCHEME:
-      return "scheme";
     case G_URI_ERROR_BAD_USER:
       return "user";
     case G_URI_ERROR_BAD_PASSWORD:
@@ -40,8 +40,8 @@ char const* GetReason(int code) {
       return "query";
     case G_URI_ERROR_BAD_FRAGMENT:
       return "fragment";
-    default:
-      return "text";
+    default:  // no scheme
+      return "scheme";
   }
 }
 
@@ -86,22 +86,12 @@ std::optional<std::string> NormalizeEncoding(char const* part, std::string_view 
   return NormalizeEncoding(std::string_view(part), allowed);
 }
 
-// RFC 3986, 5.2.4, for a path that begins with a slash.
-std::string RemoveDotSegments(std::string_view path) {
-  std::string kept;
-  while (!path.empty()) {
-    path.remove_prefix(1);
-    std::string_view const segment = path.substr(0, path.find('/'));
-    path.remove_prefix(segment.size());
-    bool const isLast = path.empty();
-    if (segment == "..") kept.resize(kept.empty() ? 0 : kept.rfind('/'));
-    if (segment == ".." || segment == ".") {
-      if (isLast) kept += '/';
-    } else {
-      kept.append("/").append(segment);
-    }
-  }
-  return kept;
+// A host name is lower case, and so is an IPv6 address before its zone.
+std::string NormalizeHost(std::string host) {
+  bool const isAddress = host.find(':') != std::string::npos;
+  std::size_t const end = isAddress ? std::min(host.find('%'), host.size()) : host.size();
+  for (std::size_t i = 0; i < end; ++i) host[i] = g_ascii_tolower(host[i]);
+  return host;
 }
 
 char const* GetText(std::optional<std::string> const& part) {
@@ -124,11 +114,10 @@ Url Url::Parse(std::string const& text) {
   url._scheme = g_uri_get_scheme(uri.get());
   url._user = NormalizeEncoding(g_uri_get_user(uri.get()), "");
   url._password = NormalizeEncoding(g_uri_get_password(uri.get()), ":");
-  if (char const* const host = g_uri_get_host(uri.get())) url._host = host;
+  if (char const* const host = g_uri_get_host(uri.get())) url._host = NormalizeHost(host);
   int const port = g_uri_get_port(uri.get());
   if (port != -1) url._port = static_cast<std::uint16_t>(port);
   url._path = NormalizeEncoding(std::string_view(g_uri_get_path(uri.get())), ":@/");
-  if (url._path.starts_with('/')) url._path = RemoveDotSegments(url._path);
   // Without this a path of empty segments would become a host.
   if (!url._host && url._path.starts_with("//")) url._path.insert(0, "/.");
   url._query = NormalizeEncoding(g_uri_get_query(uri.get()), ":@/?");

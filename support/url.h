@@ -11,7 +11,7 @@ namespace Support {
 //   - scheme and host are lower case; an internationalised host is in its ASCII form (IDNA)
 //   - percent-encoding is upper case; unreserved characters are not encoded, characters that a URL
 //     may not contain are
-//   - "." and ".." segments of a path that begins with "/" are removed
+//   - "." and ".." segments of the path are removed
 //   - of http, https, ws, wss and other schemes that GLib knows, the default port is left out, and
 //     an empty path becomes "/"
 //
