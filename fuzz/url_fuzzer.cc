@@ -42,7 +42,8 @@ void CheckParts(Url const& url) {
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::string const text(reinterpret_cast<char const*>(data), size);
-  std::string const secret = "pl4nt3d";
+  // Of characters that normalising leaves as they are, also when they are percent-encoded.
+  std::string const secret = "$pl+nt*d$";
   if (text.find(secret) != std::string::npos) return 0;
   std::string const urls[] = {text, "http://" + secret + ":" + secret + "@" + text,
                               "x://" + secret + "@h/" + text + "?" + secret, text + "#" + secret};
@@ -50,9 +51,6 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     try {
       Url const url = Url::Parse(planted);
       CheckParts(url);
-      // Text that ends a part early, such as another "@", makes the secret a piece of the path.
-      if (url.GetPath().find(secret) != std::string::npos) continue;
-      if (url.GetHost() && url.GetHost()->find(secret) != std::string::npos) continue;
       Require(url.ToTextWithoutSecrets().find(secret) == std::string::npos);
     } catch (Support::Error const& error) {
       Require(error.GetCode() == "url-invalid");

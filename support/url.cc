@@ -9,9 +9,9 @@
 
 #include "support/error.h"
 
-// GUri parses and composes. With G_URI_FLAGS_ENCODED it leaves percent-encoding in the parts and
-// removes dot segments after it has normalised the encoding. What GUri does not normalise is done
-// here: the case of hosts, and characters that a part may not contain.
+// GUri parses and composes. With G_URI_FLAGS_ENCODED it leaves percent-encoding in the parts,
+// normalises it, and then removes dot segments. What GUri does not normalise is done here: hosts,
+// and characters that a part may not contain.
 
 namespace Support {
 
@@ -20,9 +20,12 @@ namespace {
 constexpr auto flags = static_cast<GUriFlags>(G_URI_FLAGS_ENCODED | G_URI_FLAGS_HAS_PASSWORD |
                                               G_URI_FLAGS_SCHEME_NORMALIZE);
 
-// What a part may contain besides letters, digits and percent-encoding (RFC 3986, appendix A).
+// What parts may contain besides letters, digits and percent-encoding (RFC 3986, appendix A).
 constexpr std::string_view unreserved = "-._~";
-constexpr std::string_view subDelims = "!$&'()*+,;=";
+constexpr std::string_view nameCharacters = "-._~!$&'()*+,;=";
+constexpr std::string_view passwordCharacters = "-._~!$&'()*+,;=:";
+constexpr std::string_view pathCharacters = "-._~!$&'()*+,;=:@/";
+constexpr std::string_view queryCharacters = "-._~!$&'()*+,;=:@/?";
 
 char const* GetReason(int code) {
   switch (code) {
@@ -50,48 +53,47 @@ Error MakeError(char const* reason) {
       .With("reason", reason);
 }
 
-bool IsContained(char character, std::string_view allowed) {
-  return g_ascii_isalnum(character) || unreserved.find(character) != std::string_view::npos ||
-         subDelims.find(character) != std::string_view::npos ||
-         allowed.find(character) != std::string_view::npos;
+bool IsContained(char character, std::string_view others) {
+  return g_ascii_isalnum(character) || others.find(character) != std::string_view::npos;
 }
 
-std::string EncodeByte(char byte) {
+// Of a part whose percent-encoding is normal.
+std::string EncodeOthers(std::string_view part, std::string_view allowed) {
   static constexpr std::string_view digits = "0123456789ABCDEF";
-  auto const value = static_cast<unsigned char>(byte);
-  return {'%', digits[value / 16], digits[value % 16]};
-}
-
-// Of `part`, whose percent-encoding is well-formed.
-std::string NormalizeEncoding(std::string_view part, std::string_view allowed) {
-  std::string normal;
-  for (std::size_t i = 0; i < part.size(); ++i) {
-    if (part[i] != '%') {
-      normal += IsContained(part[i], allowed) ? std::string(1, part[i]) : EncodeByte(part[i]);
+  std::string encoded;
+  for (char const character : part) {
+    if (character == '%' || IsContained(character, allowed)) {
+      encoded += character;
       continue;
     }
-    int const high = g_ascii_xdigit_value(part[i + 1]);
-    int const low = g_ascii_xdigit_value(part[i + 2]);
-    i += 2;
-    auto const byte = static_cast<char>(high * 16 + low);
-    bool const isUnreserved =
-        g_ascii_isalnum(byte) || unreserved.find(byte) != std::string_view::npos;
-    normal += isUnreserved ? std::string(1, byte) : EncodeByte(byte);
+    auto const byte = static_cast<unsigned char>(character);
+    encoded += {'%', digits[byte / 16], digits[byte % 16]};
   }
-  return normal;
+  return encoded;
 }
 
-std::optional<std::string> NormalizeEncoding(char const* part, std::string_view allowed) {
+std::optional<std::string> EncodeOthers(char const* part, std::string_view allowed) {
   if (part == nullptr) return {};
-  return NormalizeEncoding(std::string_view(part), allowed);
+  return EncodeOthers(std::string_view(part), allowed);
 }
 
-// A host name is lower case, and so is an IPv6 address before its zone.
-std::string NormalizeHost(std::string host) {
+// Of a decoded host. GUri accepts any character in it, also those that begin another part: a
+// password with an "@" would continue in the host.
+std::string NormalizeHost(std::string const& host) {
+  auto const hasOnly = [](std::string_view part, std::string_view others) {
+    return std::all_of(part.begin(), part.end(),
+                       [&](char character) { return IsContained(character, others); });
+  };
   bool const isAddress = host.find(':') != std::string::npos;
-  std::size_t const end = isAddress ? std::min(host.find('%'), host.size()) : host.size();
-  for (std::size_t i = 0; i < end; ++i) host[i] = g_ascii_tolower(host[i]);
-  return host;
+  std::string const address = isAddress ? host.substr(0, host.find('%')) : host;
+  std::string const zone = host.size() > address.size() ? host.substr(address.size() + 1) : "";
+  bool const isValid = isAddress
+                           ? g_hostname_is_ip_address(address.c_str()) && hasOnly(zone, unreserved)
+                           : hasOnly(address, nameCharacters);
+  if (!isValid) throw MakeError("host");
+  std::string normal;
+  for (char const character : address) normal += g_ascii_tolower(character);
+  return zone.empty() ? normal : normal + "%25" + zone;
 }
 
 char const* GetText(std::optional<std::string> const& part) {
@@ -112,16 +114,16 @@ Url Url::Parse(std::string const& text) {
   }
   Url url;
   url._scheme = g_uri_get_scheme(uri.get());
-  url._user = NormalizeEncoding(g_uri_get_user(uri.get()), "");
-  url._password = NormalizeEncoding(g_uri_get_password(uri.get()), ":");
+  url._user = EncodeOthers(g_uri_get_user(uri.get()), nameCharacters);
+  url._password = EncodeOthers(g_uri_get_password(uri.get()), passwordCharacters);
   if (char const* const host = g_uri_get_host(uri.get())) url._host = NormalizeHost(host);
   int const port = g_uri_get_port(uri.get());
   if (port != -1) url._port = static_cast<std::uint16_t>(port);
-  url._path = NormalizeEncoding(std::string_view(g_uri_get_path(uri.get())), ":@/");
+  url._path = EncodeOthers(std::string_view(g_uri_get_path(uri.get())), pathCharacters);
   // Without this a path of empty segments would become a host.
   if (!url._host && url._path.starts_with("//")) url._path.insert(0, "/.");
-  url._query = NormalizeEncoding(g_uri_get_query(uri.get()), ":@/?");
-  url._fragment = NormalizeEncoding(g_uri_get_fragment(uri.get()), ":@/?");
+  url._query = EncodeOthers(g_uri_get_query(uri.get()), queryCharacters);
+  url._fragment = EncodeOthers(g_uri_get_fragment(uri.get()), queryCharacters);
   return url;
 }
 

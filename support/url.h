@@ -24,6 +24,7 @@ class Url {
   // "scheme" (also when it is missing), "user", "password", "host", "port", "path", "query",
   // "fragment", or "text" for a zero byte. The error holds nothing of `text`, which may hold
   // secrets.
+  // Deliberate: refuses a host with a percent-encoded character that a host cannot contain plain.
   static Url Parse(std::string const& text);
 
   // The parts, normalised and still percent-encoded, without the characters that separate them. An
@@ -31,7 +32,7 @@ class Url {
   std::string const& GetScheme() const { return _scheme; }
   std::optional<std::string> const& GetUser() const { return _user; }
   std::optional<std::string> const& GetPassword() const { return _password; }
-  // Without the brackets of an IPv6 address.
+  // Without the brackets of an IPv6 address, whose zone follows "%25".
   std::optional<std::string> const& GetHost() const { return _host; }
   // The scheme's default port when the text has none; nothing when the scheme has none either.
   std::optional<std::uint16_t> GetPort() const { return _port; }
