@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Support {
+
+// A part of a line.
+struct Span {
+  std::size_t begin;
+  std::size_t end;
+};
+
+// A built-in rule of the redactor. Several have the same name.
+struct BuiltInRule {
+  std::string name;
+  std::string pattern;       // as of Redactor::Rule
+  bool ignoresCase = false;  // whether values that differ in case are the same value
+
+  // Appends the parts of `found` in `line` that are to be replaced. Null: all of it.
+  void (*refine)(std::string_view line, Span found, std::vector<Span>& spans) = nullptr;
+};
+
+std::vector<BuiltInRule> GetBuiltInRules();
+
+// Rules that are more than an expression on a line.
+inline constexpr char const* pemRule = "pem";
+inline constexpr char const* serialNumberRule = "serial-number";
+inline constexpr char const* commandOutputRule = "command-output";
+
+// What stands before a word: an escape, another character than letters and digits, or nothing. The
+// escapes come first, because the first alternative that fits decides where the word begins.
+inline constexpr char const* wordStartPattern =
+    R"((?:\\[abfnrtv0]|%[0-9A-Fa-f]{2}|(?:\x1b|\\u001[bB]|\\x1[bB]|#033)\[[0-9;]*[A-Za-z])"
+    R"(|\\u[0-9A-Fa-f]{4}|\\x[0-9A-Fa-f]{2}|[^0-9A-Za-z]|^))";
+
+// The header and the first two words of a trace line, wherever it begins. Text in a PEM block never
+// looks like that.
+inline constexpr char const* traceLinePattern =
+    R"(\d\d:\d\d:\d\d\.\d{3}Z (?:FATAL|ERROR|WARNING|INFO|VERBOSE|DEBUG) +)"
+    R"([A-Za-z0-9_/]+\(\d+:\d+\) - [A-Za-z]+ [A-Za-z{])";
+
+}  // namespace Support

@@ -1,0 +1,493 @@
+#include "support/redactor.h"
+
+#include <re2/re2.h>
+#include <re2/set.h>
+
+#include <algorithm>
+#include <bitset>
+#include <cerrno>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "base/exception.h"
+#include "base/text.h"
+#include "support/error.h"
+#include "support/redacting_stream.h"
+#include "support/redaction_rules.h"
+
+// A line goes through three steps:
+//
+//   find     Every rule and every secret looks for its values in the original line. No rule sees
+//            what another one has replaced, so a placeholder is never replaced again, and the order
+//            of the rules decides only which name a value gets.
+//   merge    Values that overlap become one: its text is that of all of them.
+//   replace  The value gets its placeholder, from the table of all values so far.
+//
+// One set of all expressions says first which of them match the line at all: most lines match few.
+// The set is one automaton. When it needs too much memory, all expressions are tried.
+//
+// RE2 takes time linear in the line for one search. To search for the next value must not begin
+// far before the end of the last match, else a long context on the right would be read for each
+// value, and the time would be quadratic.
+
+namespace Support {
+
+namespace {
+
+constexpr std::size_t maxRulesFileSize = std::size_t{1} << 20U;
+constexpr std::size_t maxNameLength = 32;
+constexpr std::size_t minSecretLength = 3;
+constexpr std::size_t maxValues = 100'000;
+constexpr std::size_t maxKeyLength = 64;
+constexpr std::size_t maxSharedContext = 8;
+
+re2::StringPiece ToPiece(std::string_view text) { return {text.data(), text.size()}; }
+
+RE2::Options MakeOptions(std::int64_t maxMemory) {
+  RE2::Options options(RE2::Latin1);
+  options.set_log_errors(false);
+  options.set_max_mem(maxMemory);
+  return options;
+}
+
+RE2::Options RuleOptions() { return MakeOptions(std::int64_t{4} << 20U); }
+
+Error InvalidRule(std::string const& name, std::string const& reason) {
+  return Error("redaction-rule-invalid",
+               "The redaction rule \"" + name + "\" is invalid: " + reason, "Correct the rule.")
+      .With("rule", name)
+      .With("reason", reason);
+}
+
+void CheckName(std::string const& name) {
+  bool const isValid = !name.empty() && name.size() <= maxNameLength && name[0] >= 'a' &&
+                       name[0] <= 'z' && std::ranges::all_of(name, [](char c) {
+                         return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
+                       });
+  if (!isValid) {
+    throw InvalidRule(name,
+                      "a name is 1 to 32 lower-case letters, digits and hyphens, a letter first");
+  }
+}
+
+struct CompiledRule {
+  std::size_t name = 0;
+  std::unique_ptr<RE2> expression;
+  bool ignoresCase = false;
+  decltype(BuiltInRule::refine) refine = nullptr;
+};
+
+std::unique_ptr<RE2> Compile(Redactor::Rule const& rule) {
+  CheckName(rule.name);
+  auto expression = std::make_unique<RE2>(ToPiece(rule.pattern), RuleOptions());
+  if (!expression->ok()) throw InvalidRule(rule.name, expression->error());
+  if (rule.pattern.empty()) throw InvalidRule(rule.name, "the expression is missing");
+  return expression;
+}
+
+// Something to replace in a line.
+struct Found {
+  std::size_t begin;
+  std::size_t end;
+  std::size_t priority;  // lower names the value when two matches are equal
+  std::size_t name;
+  bool ignoresCase;
+  std::string const* value;  // null: the text itself
+};
+
+// Finds literals, ignoring the case of ASCII letters. A table of the first three bytes of all
+// literals decides at almost every byte of a text that none begins here.
+class SecretFinder {
+ public:
+  void Add(std::size_t name, std::string const& text, std::string const& value) {
+    std::string lower = Base::LowerCased(text);
+    for (Secret const& secret : _secrets)
+      if (secret.text == lower) return;
+    std::size_t const key = KeyOf(lower.data());
+    _keys.set(key % filterSize);
+    _byKey[key].push_back(_secrets.size());
+    _secrets.push_back({name, std::move(lower), std::make_unique<std::string>(value)});
+  }
+
+  void Find(std::string_view line, std::vector<Found>& found) const {
+    if (_secrets.empty() || line.size() < minSecretLength) return;
+    std::size_t key = (Fold(line[0]) << 8U) | Fold(line[1]);
+    for (std::size_t begin = 0; begin + minSecretLength <= line.size(); ++begin) {
+      key = ((key << 8U) | Fold(line[begin + 2])) & 0xffffffU;
+      if (!_keys.test(key % filterSize)) continue;
+      auto const candidates = _byKey.find(key);
+      if (candidates == _byKey.end()) continue;
+      for (std::size_t const index : candidates->second) {
+        Secret const& secret = _secrets[index];
+        std::size_t const end = begin + secret.text.size();
+        if (Base::EqualsIgnoringCase(line.substr(begin, secret.text.size()), secret.text) &&
+            IsWord(line, begin, end)) {
+          found.push_back({begin, end, 0, secret.name, true, secret.value.get()});
+        }
+      }
+    }
+  }
+
+ private:
+  struct Secret {
+    std::size_t name;
+    std::string text;  // in lower case
+    std::unique_ptr<std::string> value;
+  };
+
+  static constexpr std::size_t filterSize = 65521;  // a prime
+
+  static std::size_t Fold(char c) { return static_cast<unsigned char>(Base::ToLower(c)); }
+  static std::size_t KeyOf(char const* text) {
+    return (Fold(text[0]) << 16U) | (Fold(text[1]) << 8U) | Fold(text[2]);
+  }
+
+  bool IsWord(std::string_view line, std::size_t begin, std::size_t end) const {
+    if (end < line.size() && Base::IsLetterOrDigit(line[end - 1]) &&
+        Base::IsLetterOrDigit(line[end])) {
+      return false;
+    }
+    if (begin == 0 || !Base::IsLetterOrDigit(line[begin]) ||
+        !Base::IsLetterOrDigit(line[begin - 1])) {
+      return true;
+    }
+    // A letter or digit may be the end of an escape.
+    constexpr std::size_t maxEscapeLength = 24;
+    std::size_t const length = std::min(begin, maxEscapeLength);
+    return RE2::PartialMatch(ToPiece(line.substr(begin - length, length)), _escapeAtEnd);
+  }
+
+  RE2 _escapeAtEnd{ToPiece(std::string(wordStartPattern) + "$"), RuleOptions()};
+  std::vector<Secret> _secrets;
+  std::bitset<filterSize> _keys;
+  std::unordered_map<std::size_t, std::vector<std::size_t>> _byKey;
+};
+
+std::string PercentEncoded(std::string_view text, bool keepSlashes) {
+  constexpr std::string_view digits = "0123456789ABCDEF";
+  std::string encoded;
+  for (char const c : text) {
+    if (Base::IsLetterOrDigit(c) || std::string_view("-._~").find(c) != std::string_view::npos ||
+        (keepSlashes && c == '/')) {
+      encoded += c;
+    } else {
+      auto const byte = static_cast<unsigned char>(c);
+      encoded += {'%', digits[byte >> 4U], digits[byte & 15U]};
+    }
+  }
+  return encoded;
+}
+
+std::string JsonEscaped(std::string const& text, bool onlyAscii) {
+  std::string const quoted =
+      nlohmann::json(text).dump(-1, ' ', onlyAscii, nlohmann::json::error_handler_t::replace);
+  return quoted.substr(1, quoted.size() - 2);
+}
+
+// A short key for a value of any length.
+std::string KeyOf(std::string_view value) {
+  if (value.size() <= maxKeyLength) return std::string(value);
+  return std::to_string(std::hash<std::string_view>()(value)) + ":" + std::to_string(value.size()) +
+         ":" + std::string(value.substr(0, maxKeyLength / 2));
+}
+
+}  // namespace
+
+class Redactor::Implementation {
+ public:
+  explicit Implementation(Options options) : _options(options) {
+    GetName(pemRule);
+    for (BuiltInRule const& rule : GetBuiltInRules()) {
+      Add(Compile({rule.name, rule.pattern}), rule.name, rule.ignoresCase, rule.refine);
+    }
+  }
+
+  void Add(std::unique_ptr<RE2> expression, std::string const& name, bool ignoresCase = false,
+           decltype(BuiltInRule::refine) refine = nullptr) {
+    _groups.resize(std::max(_groups.size(),
+                            static_cast<std::size_t>(expression->NumberOfCapturingGroups()) + 1));
+    _rules.push_back({GetName(name), std::move(expression), ignoresCase, refine});
+    _isFilterCurrent = false;
+  }
+
+  void AddSecret(std::string const& name, std::string const& value) {
+    std::size_t const index = GetName(name);
+    for (std::string const& text :
+         {value, PercentEncoded(value, true), PercentEncoded(value, false),
+          JsonEscaped(value, false), JsonEscaped(value, true)}) {
+      _secrets.Add(index, text, value);
+    }
+  }
+
+  void AppendRedacted(std::string_view line, std::vector<Block> const& blocks, std::string& out) {
+    Find(line, blocks);
+    std::size_t done = 0;
+    for (Found const& found : _merged) {
+      out.append(line.substr(done, found.begin - done));
+      std::string_view const text = line.substr(found.begin, found.end - found.begin);
+      AppendPlaceholder(found.name, found.value == nullptr ? text : *found.value, found.ignoresCase,
+                        out);
+      done = found.end;
+    }
+    out.append(line.substr(done));
+  }
+
+  void AppendPlaceholder(std::string const& name, std::string_view value, std::string& out) {
+    if (IsPlaceholder(value)) {
+      out.append(value);
+    } else {
+      AppendPlaceholder(GetName(name), value, false, out);
+    }
+  }
+
+  std::map<std::string, std::size_t> GetCounts() const {
+    std::map<std::string, std::size_t> counts;
+    for (Name const& name : _names) counts[name.text] = name.count;
+    return counts;
+  }
+
+  // Makes the name known.
+  std::size_t GetName(std::string const& text) {
+    auto const [place, isNew] = _nameIndexes.emplace(text, _names.size());
+    if (isNew) _names.push_back({text});
+    return place->second;
+  }
+
+  Options const& GetOptions() const { return _options; }
+
+ private:
+  struct Name {
+    std::string text;
+    std::size_t count = 0;   // placeholders written
+    std::size_t values = 0;  // different values, the number of the last one
+  };
+
+  void Find(std::string_view line, std::vector<Block> const& blocks) {
+    _found.clear();
+    for (Block const& block : blocks)
+      _found.push_back({block.begin, block.end, 0, GetName(pemRule), false, &block.value});
+    _secrets.Find(line, _found);
+    if (FilterRules(line)) {
+      for (int const index : _matching) FindRule(static_cast<std::size_t>(index), line);
+    } else {
+      for (std::size_t index = 0; index < _rules.size(); ++index) FindRule(index, line);
+    }
+    Merge(line);
+  }
+
+  // Sets `_matching` to the rules that match the line. Returns false when that is not known.
+  bool FilterRules(std::string_view line) {
+    if (!_isFilterCurrent) {
+      _filter.emplace(MakeOptions(std::int64_t{64} << 20U), RE2::UNANCHORED);
+      for (CompiledRule const& rule : _rules) _filter->Add(rule.expression->pattern(), nullptr);
+      if (!_filter->Compile()) _filter.reset();
+      _isFilterCurrent = true;
+    }
+    _matching.clear();
+    if (!_filter) return false;
+    RE2::Set::ErrorInfo error{};
+    bool const isAny = _filter->Match(ToPiece(line), &_matching, &error);
+    return isAny || error.kind == RE2::Set::kNoError;
+  }
+
+  void FindRule(std::size_t index, std::string_view line) {
+    CompiledRule const& rule = _rules[index];
+    int const groupCount = rule.expression->NumberOfCapturingGroups() + 1;
+    std::size_t start = 0;
+    while (start < line.size() &&
+           rule.expression->Match(ToPiece(line), start, line.size(), RE2::UNANCHORED,
+                                  _groups.data(), groupCount)) {
+      auto const end =
+          static_cast<std::size_t>(_groups[0].data() - line.data()) + _groups[0].size();
+      Span const value = GetValue(line, groupCount);
+      if (value.begin < value.end) {
+        _spans.clear();
+        if (rule.refine != nullptr) {
+          rule.refine(line, value, _spans);
+        } else {
+          _spans.push_back(value);
+        }
+        for (Span const& span : _spans)
+          _found.push_back({span.begin, span.end, index + 1, rule.name, rule.ignoresCase, nullptr});
+      }
+      std::size_t const sharedContext = end > maxSharedContext ? end - maxSharedContext : 0;
+      start = std::max({value.end, sharedContext, start + 1});
+    }
+  }
+
+  // The part of the last match that is to be replaced.
+  Span GetValue(std::string_view line, int groupCount) const {
+    for (int group = groupCount == 1 ? 0 : 1; group < groupCount; ++group) {
+      auto const& piece = _groups[static_cast<std::size_t>(group)];
+      if (piece.data() == nullptr || piece.empty()) continue;
+      auto const begin = static_cast<std::size_t>(piece.data() - line.data());
+      return {begin, begin + piece.size()};
+    }
+    return {0, 0};
+  }
+
+  void Merge(std::string_view line) {
+    std::erase_if(_found, [&](Found const& found) {
+      return IsPlaceholder(line.substr(found.begin, found.end - found.begin));
+    });
+    std::ranges::sort(_found, [](Found const& a, Found const& b) {
+      if (a.begin != b.begin) return a.begin < b.begin;
+      return a.end != b.end ? a.end > b.end : a.priority < b.priority;
+    });
+    _merged.clear();
+    for (Found const& found : _found) {
+      if (_merged.empty() || found.begin >= _merged.back().end) {
+        _merged.push_back(found);
+        continue;
+      }
+      Found& last = _merged.back();
+      if (found.end <= last.end) continue;
+      if (found.end - found.begin > last.end - last.begin) last.name = found.name;
+      last.end = found.end;
+      last.value = nullptr;
+    }
+  }
+
+  // Whether this redactor has written the text.
+  bool IsPlaceholder(std::string_view text) const {
+    auto const hyphen = text.rfind('-');
+    if (hyphen == std::string_view::npos || text.front() != '<' || text.back() != '>') return false;
+    auto const name = _nameIndexes.find(std::string(text.substr(1, hyphen - 1)));
+    if (name == _nameIndexes.end()) return false;
+    std::string_view const number = text.substr(hyphen + 1, text.size() - hyphen - 2);
+    auto const parsed = Base::ParseNumber<std::size_t>(number);
+    return parsed ? parsed.Get() >= 1 && parsed.Get() <= _names[name->second].values
+                  : number == otherValues && _values.size() >= maxValues;
+  }
+
+  void AppendPlaceholder(std::size_t nameIndex, std::string_view value, bool ignoresCase,
+                         std::string& out) {
+    Name& name = _names[nameIndex];
+    ++name.count;
+    out.append(GetPlaceholder(name, value, ignoresCase));
+  }
+
+  // Values are in the table under their own text and, if their kind ignores case, in lower case.
+  std::string GetPlaceholder(Name& name, std::string_view value, bool ignoresCase) {
+    std::string const exactKey = "=" + KeyOf(value);
+    auto known = _values.find(exactKey);
+    if (known != _values.end()) return known->second;
+    std::string const foldedKey = ignoresCase ? "~" + KeyOf(Base::LowerCased(value)) : "";
+    if (ignoresCase) {
+      known = _values.find(foldedKey);
+      if (known != _values.end()) return known->second;
+    }
+    std::string const prefix = "<" + name.text + "-";
+    if (_values.size() >= maxValues) return prefix + otherValues + ">";
+    std::string placeholder = prefix + std::to_string(++name.values) + ">";
+    _values.emplace(exactKey, placeholder);
+    if (ignoresCase) _values.emplace(foldedKey, placeholder);
+    return placeholder;
+  }
+
+  static constexpr char const* otherValues = "other";
+
+  Options const _options;
+  std::vector<CompiledRule> _rules;
+  SecretFinder _secrets;
+  std::vector<Name> _names;
+  std::unordered_map<std::string, std::size_t> _nameIndexes;
+  std::unordered_map<std::string, std::string> _values;
+  std::optional<RE2::Set> _filter;
+  bool _isFilterCurrent = false;
+
+  // Of the line at hand; kept so that a line allocates little.
+  std::vector<int> _matching;
+  std::vector<re2::StringPiece> _groups;
+  std::vector<Span> _spans;
+  std::vector<Found> _found;
+  std::vector<Found> _merged;
+};
+
+Redactor::Redactor() : Redactor(Options{}) {}
+Redactor::Redactor(Options options) : _implementation(std::make_unique<Implementation>(options)) {}
+Redactor::~Redactor() = default;
+
+void Redactor::AddRule(Rule const& rule) { _implementation->Add(Compile(rule), rule.name); }
+
+void Redactor::AddRulesFromFile(std::string const& path) {
+  auto const unreadable = [&](std::string const& reason) {
+    return Error("redaction-rules-unreadable",
+                 "Cannot read the redaction rules in " + path + ": " + reason)
+        .With("path", path)
+        .With("reason", reason);
+  };
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw unreadable(Base::ErrnoText(errno));
+  std::vector<std::pair<std::string, std::unique_ptr<RE2>>> rules;
+  std::string line;
+  std::size_t size = 0;
+  for (int number = 1; std::getline(file, line); ++number) {
+    size += line.size() + 1;
+    if (size > maxRulesFileSize) throw unreadable("The file is larger than 1 MiB");
+    std::string_view const text = Base::TrimWhiteSpace(line);
+    if (text.empty() || text.front() == '#') continue;
+    auto const nameEnd = text.find_first_of(Base::whiteSpace);
+    std::string const name(text.substr(0, nameEnd));
+    std::string const pattern(
+        nameEnd == std::string_view::npos ? "" : Base::TrimWhiteSpace(text.substr(nameEnd)));
+    try {
+      rules.emplace_back(name, Compile({name, pattern}));
+    } catch (Error const& error) {
+      throw Error(error.GetCode(), path + ", line " + std::to_string(number) + ": " + error.what(),
+                  error.GetAdvice())
+          .With("path", path)
+          .With("line", number)
+          .With("rule", name)
+          .With("reason", error.GetFields().at("reason"));
+    }
+  }
+  if (file.bad()) throw unreadable(Base::ErrnoText(errno));
+  for (auto& [name, expression] : rules) _implementation->Add(std::move(expression), name);
+}
+
+void Redactor::AddSecret(std::string const& ruleName, std::string const& value) {
+  CheckName(ruleName);
+  _implementation->GetName(ruleName);
+  std::string_view rest = value;
+  while (!rest.empty()) {
+    auto const end = std::min(rest.find('\n'), rest.size());
+    std::string_view const secret = Base::TrimWhiteSpace(rest.substr(0, end));
+    if (secret.size() >= minSecretLength) _implementation->AddSecret(ruleName, std::string(secret));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+}
+
+std::string Redactor::Redact(std::string_view text) {
+  std::string redacted;
+  RedactingStream stream(*this, [&](std::string_view piece) { redacted.append(piece); });
+  stream.Write(text);
+  stream.Finish();
+  return redacted;
+}
+
+std::map<std::string, std::size_t> Redactor::GetCounts() const {
+  return _implementation->GetCounts();
+}
+
+std::size_t Redactor::GetMaxLineLength() const {
+  return _implementation->GetOptions().maxLineLength;
+}
+
+void Redactor::AppendRedacted(std::string_view line, std::vector<Block> const& blocks,
+                              std::string& out) {
+  _implementation->AppendRedacted(line, blocks, out);
+}
+
+void Redactor::AppendPlaceholder(std::string const& ruleName, std::string_view value,
+                                 std::string& out) {
+  _implementation->AppendPlaceholder(ruleName, value, out);
+}
+
+}  // namespace Support
