@@ -68,8 +68,12 @@ void RefineIpv4(std::string_view line, Span found, std::vector<Span>& spans) {
   spans.push_back(found);
 }
 
+// "Face::Add" is a name of C++.
 void RefineIpv6(std::string_view line, Span found, std::vector<Span>& spans) {
   std::string const text(TextOf(line, found));
+  bool const hasDigit = std::ranges::any_of(text, IsDigit);
+  bool const isMixed = std::ranges::any_of(text, IsUpper) && std::ranges::any_of(text, IsLower);
+  if (!hasDigit && isMixed) return;
   in6_addr address;
   if (inet_pton(AF_INET6, text.c_str(), &address) != 1) return;
   if (IN6_IS_ADDR_UNSPECIFIED(&address) || IN6_IS_ADDR_LOOPBACK(&address)) return;
@@ -159,11 +163,11 @@ void AddCertificateRules(std::vector<BuiltInRule>& rules) {
 
 void AddUrlRules(std::vector<BuiltInRule>& rules) {
   std::string const slashes = R"(:\\*/\\*/)";
-  rules.push_back({"url-login", slashes + R"(([^\s/?#"<>]+)@)"});
+  rules.push_back({urlLoginRule, slashes + R"(([^\s/?#"<>]+)@)"});
   // A password with an unescaped "/", "?" or "#". After a host stands a port, which is digits.
   rules.push_back(
-      {"url-login", slashes + R"(([^\s/?#"<>@:]+:[^\s"<>@/]*[^0-9\s"<>@/][^\s"<>@]*)@)"});
-  rules.push_back({"url-login", R"((?i)%3A%2F%2F([^\s/?#"<>&]+?)%40)"});
+      {urlLoginRule, slashes + R"(([^\s/?#"<>@:]+:[^\s"<>@/]*[^0-9\s"<>@/][^\s"<>@]*)@)"});
+  rules.push_back({urlLoginRule, R"((?i)%3A%2F%2F([^\s/?#"<>&]+?)%40)"});
   rules.push_back(
       {"url-value", slashes + R"([^\s"<>?#\\]*\?((?:[^\s"<>\\#]|\\u0026)+))", false, RefineQuery});
   rules.push_back({"url-value", R"([?#]([A-Za-z0-9_.~\[\]%*+-]+=(?:[^\s"<>\\#]|\\u0026)*))", false,
@@ -186,7 +190,7 @@ void AddTokenRules(std::vector<BuiltInRule>& rules) {
   rules.push_back({"token", R"((?i)-pass(?:in|out)?\s+pass:([^\s"\\]+))"});
   // To the end of the line or value: "Digest" has values in quotes.
   rules.push_back({"token", R"((?i)(?:authorization|cookie)\s*[:=]\s*)"
-                            R"(((?:=\\*"[^"\\]*\\*"|[^"\\])*[^"\\\s]))"});
+                            R"(((?:=\\*"[^"\\]*\\*"|[^"\\\s]|\s+[^"\\\s])+))"});
   rules.push_back({"token", ValueOf("authorization|cookie")});
   rules.push_back(
       {"token", R"((?i)(?:bearer|negotiate|ntlm)\s+([^\s"'\\,;]+))", false, RefineScheme});
@@ -203,7 +207,7 @@ void AddTokenRules(std::vector<BuiltInRule>& rules) {
 }
 
 void AddAddressRules(std::vector<BuiltInRule>& rules) {
-  rules.push_back({"email",
+  rules.push_back({emailRule,
                    before + R"(([A-Za-z0-9_%+~\x80-\xff-][A-Za-z0-9_%+~'.\x80-\xff-]*(?:@|%40))"
                             R"((?:\[[0-9A-Fa-f:.]+\]|(?:[A-Za-z0-9\x80-\xff-]+\.)+)"
                             R"([A-Za-z\x80-\xff]{2,})))",

@@ -29,6 +29,8 @@ std::vector<BuiltInRule> GetBuiltInRules();
 inline constexpr char const* pemRule = "pem";
 inline constexpr char const* serialNumberRule = "serial-number";
 inline constexpr char const* commandOutputRule = "command-output";
+inline constexpr char const* urlLoginRule = "url-login";
+inline constexpr char const* emailRule = "email";
 
 // What stands before a word: an escape, another character than letters and digits, or nothing. The
 // escapes come first, because the first alternative that fits decides where the word begins.

@@ -206,6 +206,8 @@ class Redactor::Implementation {
     for (BuiltInRule const& rule : GetBuiltInRules()) {
       Add(Compile({rule.name, rule.pattern}), rule.name, rule.ignoresCase, rule.refine);
     }
+    _urlLogin = GetName(urlLoginRule);
+    _email = GetName(emailRule);
   }
 
   void Add(std::unique_ptr<RE2> expression, std::string const& name, bool ignoresCase = false,
@@ -323,19 +325,20 @@ class Redactor::Implementation {
 
   // The part of the last match that is to be replaced.
   Span GetValue(std::string_view line, int groupCount) const {
-    for (int group = groupCount == 1 ? 0 : 1; group < groupCount; ++group) {
-      auto const& piece = _groups[static_cast<std::size_t>(group)];
-      if (piece.data() == nullptr || piece.empty()) continue;
-      auto const begin = static_cast<std::size_t>(piece.data() - line.data());
-      return {begin, begin + piece.size()};
+    auto const* value = &_groups[0];
+    for (int index = groupCount - 1; index > 0; --index) {
+      auto const& group = _groups[static_cast<std::size_t>(index)];
+      if (group.data() != nullptr) value = &group;
     }
-    return {0, 0};
+    auto const begin = static_cast<std::size_t>(value->data() - line.data());
+    return {begin, begin + value->size()};
   }
 
   void Merge(std::string_view line) {
     std::erase_if(_found, [&](Found const& found) {
       return IsPlaceholder(line.substr(found.begin, found.end - found.begin));
     });
+    DropHostsOfLogins();
     std::ranges::sort(_found, [](Found const& a, Found const& b) {
       if (a.begin != b.begin) return a.begin < b.begin;
       return a.end != b.end ? a.end > b.end : a.priority < b.priority;
@@ -352,6 +355,19 @@ class Redactor::Implementation {
       last.end = found.end;
       last.value = nullptr;
     }
+  }
+
+  // "anna@web.test" in "ftp://anna@web.test" is no e-mail address: the host is to stay.
+  void DropHostsOfLogins() {
+    _loginEnds.clear();
+    for (Found const& found : _found)
+      if (found.name == _urlLogin) _loginEnds.push_back(found.end);
+    if (_loginEnds.empty()) return;
+    std::ranges::sort(_loginEnds);
+    std::erase_if(_found, [&](Found const& found) {
+      auto const end = std::ranges::upper_bound(_loginEnds, found.begin);
+      return found.name == _email && end != _loginEnds.end() && *end < found.end;
+    });
   }
 
   // Whether this redactor has written the text.
@@ -375,25 +391,31 @@ class Redactor::Implementation {
 
   // Values are in the table under their own text and, if their kind ignores case, in lower case.
   std::string GetPlaceholder(Name& name, std::string_view value, bool ignoresCase) {
-    std::string const exactKey = "=" + KeyOf(value);
+    std::string exactKey = "=" + KeyOf(value);
     auto known = _values.find(exactKey);
     if (known != _values.end()) return known->second;
-    std::string const foldedKey = ignoresCase ? "~" + KeyOf(Base::LowerCased(value)) : "";
+    std::string foldedKey = ignoresCase ? "~" + KeyOf(Base::LowerCased(value)) : "";
     if (ignoresCase) {
       known = _values.find(foldedKey);
-      if (known != _values.end()) return known->second;
+      if (known != _values.end()) {
+        std::string placeholder = known->second;
+        if (_values.size() < maxValues) _values.emplace(std::move(exactKey), placeholder);
+        return placeholder;
+      }
     }
     std::string const prefix = "<" + name.text + "-";
     if (_values.size() >= maxValues) return prefix + otherValues + ">";
     std::string placeholder = prefix + std::to_string(++name.values) + ">";
-    _values.emplace(exactKey, placeholder);
-    if (ignoresCase) _values.emplace(foldedKey, placeholder);
+    _values.emplace(std::move(exactKey), placeholder);
+    if (ignoresCase) _values.emplace(std::move(foldedKey), placeholder);
     return placeholder;
   }
 
   static constexpr char const* otherValues = "other";
 
   Options const _options;
+  std::size_t _urlLogin = 0;
+  std::size_t _email = 0;
   std::vector<CompiledRule> _rules;
   SecretFinder _secrets;
   std::vector<Name> _names;
@@ -408,6 +430,7 @@ class Redactor::Implementation {
   std::vector<Span> _spans;
   std::vector<Found> _found;
   std::vector<Found> _merged;
+  std::vector<std::size_t> _loginEnds;
 };
 
 Redactor::Redactor() : Redactor(Options{}) {}

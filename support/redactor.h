@@ -44,8 +44,8 @@ namespace Support {
 // Threads: any, one at a time, streams included.
 class Redactor {
  public:
-  // Replaces what `pattern` matches in a line: the first of its capturing groups that matched, or
-  // the whole match if it has no group. The syntax is that of RE2. A match of no bytes is ignored.
+  // Replaces what `pattern` matches in a line: the first of its capturing groups that took part in
+  // the match, else the whole match. The syntax is that of RE2. A value of no bytes is ignored.
   struct Rule {
     std::string name;  // 1 to 32 lower-case letters, digits and hyphens, a letter first
     std::string pattern;
