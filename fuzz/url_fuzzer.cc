@@ -19,21 +19,11 @@ void Require(bool condition) {
 
 void CheckParts(Url const& url) {
   std::string const text = url.ToText();
-  Url const again = Url::Parse(text);
-  Require(again.ToText() == text);
-  Require(again.GetScheme() == url.GetScheme());
-  Require(again.GetUser() == url.GetUser());
-  Require(again.GetPassword() == url.GetPassword());
-  Require(again.GetHost() == url.GetHost());
-  Require(again.GetPort() == url.GetPort());
-  Require(again.GetPath() == url.GetPath());
-  Require(again.GetQuery() == url.GetQuery());
-  Require(again.GetFragment() == url.GetFragment());
+  Require(Url::Parse(text) == url);
   for (char const character : text) Require(character > ' ' && character < 0x7f);
 
-  std::string const open = url.ToTextWithoutSecrets();
-  Url const bare = Url::Parse(open);
-  Require(bare.ToTextWithoutSecrets() == open && bare.ToText() == open);
+  Url const bare = Url::Parse(url.ToTextWithoutSecrets());
+  Require(bare.ToText() == url.ToTextWithoutSecrets());
   Require(!bare.GetUser() && !bare.GetPassword() && !bare.GetQuery() && !bare.GetFragment());
   Require(bare.GetHost() == url.GetHost() && bare.GetPath() == url.GetPath());
 }
@@ -42,8 +32,9 @@ void CheckParts(Url const& url) {
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::string const text(reinterpret_cast<char const*>(data), size);
-  // Of characters that normalising leaves as they are, also when they are percent-encoded.
-  std::string const secret = "$pl+nt*d$";
+  // Normalising makes this text of no other: it never decodes "$", and there are no letters whose
+  // case it could change.
+  std::string const secret = "$1+2*3$";
   if (text.find(secret) != std::string::npos) return 0;
   std::string const urls[] = {text, "http://" + secret + ":" + secret + "@" + text,
                               "x://" + secret + "@h/" + text + "?" + secret, text + "#" + secret};

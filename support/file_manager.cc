@@ -311,7 +311,8 @@ class Walker {
         _listing.isComplete = false;
         return;
       }
-      ListOne(fd, name, prefix + name, path + "/" + name, depth);
+      std::string const separator = path.ends_with('/') ? "" : "/";
+      ListOne(fd, name, prefix + name, path + separator + name, depth);
     }
   }
 

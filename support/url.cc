@@ -96,6 +96,20 @@ std::string NormalizeHost(std::string const& host) {
   return zone.empty() ? normal : normal + "%25" + zone;
 }
 
+using Uri = std::unique_ptr<GUri, void (*)(GUri*)>;
+
+Uri ParseUri(std::string const& text) {
+  if (text.find('\0') != std::string::npos) throw MakeError("text");
+  GError* error = nullptr;
+  Uri uri(g_uri_parse(text.c_str(), flags, &error), g_uri_unref);
+  if (!uri) {
+    char const* const reason = GetReason(error->code);
+    g_error_free(error);
+    throw MakeError(reason);
+  }
+  return uri;
+}
+
 char const* GetText(std::optional<std::string> const& part) {
   return part ? part->c_str() : nullptr;
 }
@@ -103,15 +117,7 @@ char const* GetText(std::optional<std::string> const& part) {
 }  // namespace
 
 Url Url::Parse(std::string const& text) {
-  if (text.find('\0') != std::string::npos) throw MakeError("text");
-  GError* error = nullptr;
-  std::unique_ptr<GUri, void (*)(GUri*)> const uri(g_uri_parse(text.c_str(), flags, &error),
-                                                   g_uri_unref);
-  if (!uri) {
-    char const* const reason = GetReason(error->code);
-    g_error_free(error);
-    throw MakeError(reason);
-  }
+  Uri const uri = ParseUri(text);
   Url url;
   url._scheme = g_uri_get_scheme(uri.get());
   url._user = EncodeOthers(g_uri_get_user(uri.get()), nameCharacters);
@@ -120,6 +126,8 @@ Url Url::Parse(std::string const& text) {
   int const port = g_uri_get_port(uri.get());
   if (port != -1) url._port = static_cast<std::uint16_t>(port);
   url._path = EncodeOthers(std::string_view(g_uri_get_path(uri.get())), pathCharacters);
+  // GUri completes an empty path before it removes dot segments, which can leave another one.
+  if (url._path.empty()) url._path = g_uri_get_path(ParseUri(url._scheme + ":").get());
   // Without this a path of empty segments would become a host.
   if (!url._host && url._path.starts_with("//")) url._path.insert(0, "/.");
   url._query = EncodeOthers(g_uri_get_query(uri.get()), queryCharacters);

@@ -27,6 +27,8 @@ class Url {
   // Deliberate: refuses a host with a percent-encoded character that a host cannot contain plain.
   static Url Parse(std::string const& text);
 
+  bool operator==(Url const& other) const = default;
+
   // The parts, normalised and still percent-encoded, without the characters that separate them. An
   // empty part differs from a missing one: "http://h/?" has an empty query.
   std::string const& GetScheme() const { return _scheme; }

@@ -27,10 +27,10 @@ namespace {
 namespace fs = std::filesystem;
 using Support::FileManager;
 using enum FileManager::IfExists;
+using Paths = std::vector<std::string>;
 
-bool lacksNamelessFiles = false;  // as without O_TMPFILE or /proc
-bool lacksNoReplace = false;      // as on NFS
-std::string synced;               // 'f' for each file, 'd' for each folder
+bool isLimited = false;  // a file system without nameless files and RENAME_NOREPLACE
+std::string synced;      // 'f' for each file, 'd' for each folder
 std::function<void(std::string const&)> afterStat;
 
 }  // namespace
@@ -38,7 +38,7 @@ std::function<void(std::string const&)> afterStat;
 // The program's own functions take the place of the C library's.
 
 extern "C" int linkat(int from, char const* source, int to, char const* name, int flags) noexcept {
-  if (lacksNamelessFiles && from == AT_FDCWD) {
+  if (isLimited && from == AT_FDCWD) {
     errno = ENOENT;
     return -1;
   }
@@ -47,7 +47,7 @@ extern "C" int linkat(int from, char const* source, int to, char const* name, in
 
 extern "C" int renameat2(int from, char const* source, int to, char const* name,
                          unsigned flags) noexcept {
-  if (lacksNoReplace) {
+  if (isLimited) {
     errno = EINVAL;
     return -1;
   }
@@ -71,7 +71,7 @@ namespace {
 class FileManagerTest : public testing::Test {
  protected:
   void TearDown() override {
-    lacksNamelessFiles = lacksNoReplace = false;
+    isLimited = false;
     afterStat = {};
     EXPECT_EQ(CountDescriptors(), _descriptorCount);
   }
@@ -98,19 +98,17 @@ class FileManagerTest : public testing::Test {
     return CodeOf([&] { FileManager().WriteFile(Path(name), bytes, 0644, ifExists); });
   }
 
-  std::string Read(std::string const& path, std::size_t maxSize = 10) const {
+  static std::string Read(std::string const& path, std::size_t maxSize = 10) {
     return CodeOf([&] { FileManager::ReadFile(path, maxSize); });
   }
 
-  static std::vector<std::string> GetPaths(FileManager::Listing const& listing) {
-    std::vector<std::string> paths;
+  static Paths GetPaths(FileManager::Listing const& listing) {
+    Paths paths;
     for (auto const& entry : listing.entries) paths.push_back(entry.path);
     return paths;
   }
 
-  std::vector<std::string> List(std::size_t maxCount = 100, int maxDepth = 100) const {
-    return GetPaths(FileManager::Walk(_directory.path, {maxCount, maxDepth}));
-  }
+  Paths List() const { return GetPaths(FileManager::Walk(_directory.path, {100, 1})); }
 
   // Runs `function` as a user for whom modes count.
   template <typename Function>
@@ -149,7 +147,8 @@ TEST_F(FileManagerTest, ANameAppearsOnceWithModeAndOwnerAndAllBytes) {
   EXPECT_EQ(synced, "dfdfd");
   umask(before);
 
-  std::vector<std::pair<std::string, std::uint32_t>> events;
+  using Events = std::vector<std::pair<std::string, std::uint32_t>>;
+  Events events;
   alignas(inotify_event) std::array<char, 16384> buffer;
   ssize_t const size = read(watch.Get(), buffer.data(), buffer.size());
   for (ssize_t at = 0; at < size;) {
@@ -159,12 +158,11 @@ TEST_F(FileManagerTest, ANameAppearsOnceWithModeAndOwnerAndAllBytes) {
       events.emplace_back(event->name, event->mask & ~IN_ISDIR);
     at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
   }
-  decltype(events)
-      const expected = {{"folder", IN_MOVED_TO}, {"made", IN_CREATE}, {"replaced", IN_MOVED_TO}};
+  Events const expected = {{"folder", IN_MOVED_TO}, {"made", IN_CREATE}, {"replaced", IN_MOVED_TO}};
   EXPECT_EQ(events, expected);
 
   auto const listing = FileManager::Walk(_directory.path, {10, 10});
-  ASSERT_EQ(GetPaths(listing), (std::vector<std::string>{"folder", "made", "replaced"}));
+  ASSERT_EQ(GetPaths(listing), (Paths{"folder", "made", "replaced"}));
   std::vector<mode_t> const modes{S_IFDIR | 02750, S_IFREG | 04640, S_IFREG | 0666};
   for (std::size_t i = 0; i < modes.size(); ++i) {
     EXPECT_EQ(listing.entries[i].mode, modes[i]) << i;
@@ -176,52 +174,40 @@ TEST_F(FileManagerTest, ANameAppearsOnceWithModeAndOwnerAndAllBytes) {
   EXPECT_EQ(FileManager::ReadFile(Path("replaced"), 4), "new");
 }
 
-TEST_F(FileManagerTest, AFailureLeavesWhatWasThere) {
-  ASSERT_EQ(Write("file", "old", Replace), "");
-  ASSERT_EQ(Make("folder"), "");
+TEST_F(FileManagerTest, AFailureLeavesWhatWasThereOnEveryFileSystem) {
+  ASSERT_EQ(Make("x"), "");
   fs::create_symlink("file", Path("link"));
-  auto const before = List();
-  for (bool const isLimited : {false, true}) {
-    lacksNamelessFiles = lacksNoReplace = isLimited;
-    EXPECT_EQ(Write("file", "new", Refuse), "file-exists");
+  for (bool const isLimitedNow : {false, true}) {
+    isLimited = isLimitedNow;
+    fs::remove(Path("file"));
+    fs::remove(Path("folder"));
+    EXPECT_EQ(Write("file", "old", Refuse), "");
+    EXPECT_EQ(Make("folder/"), "");
     EXPECT_EQ(Write("link", "new", Refuse), "file-exists");
-    EXPECT_EQ(Make("folder/"), "folder-exists");
-    EXPECT_EQ(Make("file"), "folder-exists");
+    EXPECT_EQ(Write("link", "new", Replace), "file-not-regular");
+    EXPECT_EQ(Make("folder"), "folder-exists");
+    EXPECT_EQ(Write("none/x", "new", Replace), "folder-not-found");
+    rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    rlimit const tiny{2, limit.rlim_max};
+    auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &tiny);
+    std::string const codes = Write("file", "new", Replace) + " " + Write("other", "new", Refuse);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(codes, "file-not-written file-not-written");
+    EXPECT_EQ(FileManager::ReadFile(Path("link"), 10), "old");
+    EXPECT_EQ(List(), (Paths{"file", "folder", "link", "x"}));
   }
-  EXPECT_EQ(Write("link", "new", Replace), "file-not-regular");
-  EXPECT_EQ(Write("folder", "new", Replace), "file-not-regular");
-  EXPECT_EQ(Make("none/x"), "folder-not-found");
-  EXPECT_EQ(Write("none/x", "new", Replace), "folder-not-found");
-
-  rlimit limit;
-  getrlimit(RLIMIT_FSIZE, &limit);
-  rlimit const tiny{2, limit.rlim_max};
-  auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
-  setrlimit(RLIMIT_FSIZE, &tiny);
-  auto const replaced = Write("file", "new", Replace);
-  auto const refused = Write("other", "new", Refuse);
-  setrlimit(RLIMIT_FSIZE, &limit);
-  std::signal(SIGXFSZ, handler);
-  EXPECT_EQ(replaced, "file-not-written");
-  EXPECT_EQ(refused, "file-not-written");
-  EXPECT_EQ(FileManager::ReadFile(Path("link"), 10), "old");
-  EXPECT_EQ(List(), before);
-}
-
-TEST_F(FileManagerTest, MakesFilesAndFoldersOnEveryFileSystem) {
-  lacksNamelessFiles = lacksNoReplace = true;
-  EXPECT_EQ(Write("file", "new", Refuse), "");
-  EXPECT_EQ(Make("folder"), "");
-  EXPECT_EQ(FileManager::ReadFile(Path("file"), 10), "new");
-  EXPECT_EQ(List(), (std::vector<std::string>{"file", "folder"}));
 }
 
 TEST_F(FileManagerTest, ReadsRegularFilesWithinTheBound) {
-  ASSERT_EQ(Write("file", "12345", Refuse), "");
-  EXPECT_EQ(FileManager::ReadFile(Path("file"), 5), "12345");
-  EXPECT_EQ(Read(Path("file"), 4), "file-too-large");
-  EXPECT_EQ(FileManager::ReadFileEnd(Path("file"), 2), "45");
-  EXPECT_EQ(FileManager::ReadFileEnd(Path("file"), 6), "12345");
+  std::string const bytes = std::string(1 << 14, 'a') + "z";  // more than one read
+  ASSERT_EQ(Write("file", bytes, Refuse), "");
+  EXPECT_EQ(FileManager::ReadFile(Path("file"), bytes.size()), bytes);
+  EXPECT_EQ(Read(Path("file"), bytes.size() - 1), "file-too-large");
+  EXPECT_EQ(FileManager::ReadFileEnd(Path("file"), 2), "az");
+  EXPECT_EQ(FileManager::ReadFileEnd(Path("file"), bytes.size() + 1), bytes);
   EXPECT_NE(FileManager::ReadFile("/proc/self/status", std::numeric_limits<std::size_t>::max()),
             "");
   ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
@@ -241,30 +227,28 @@ TEST_F(FileManagerTest, ReadsRegularFilesWithinTheBound) {
 }
 
 TEST_F(FileManagerTest, WalksInOrderWithinBoundsAndPastErrors) {
-  for (char const* name : {"a", "a/b", "a/b/c", "d"}) ASSERT_EQ(Make(name), "");
-  ASSERT_EQ(Write("a/z", "", Refuse), "");
-  using Paths = std::vector<std::string>;
-  EXPECT_EQ(List(5), (Paths{"a", "a/b", "a/b/c", "a/z", "d"}));
-  EXPECT_EQ(List(3), (Paths{"a", "a/b", "a/b/c"}));
-  EXPECT_EQ(List(5, 2), (Paths{"a", "a/b", "a/z", "d"}));
-  auto const isComplete = [&](std::size_t maxCount, int maxDepth) {
-    return FileManager::Walk(_directory.path, {maxCount, maxDepth}).isComplete;
+  for (char const* name : {"a", "a/c", "a/c/d", "e"}) ASSERT_EQ(Make(name), "");
+  for (char const* name : {"a/z", "a/b"}) ASSERT_EQ(Write(name, "", Refuse), "");
+  auto const expect = [&](char const* folder, FileManager::Bounds bounds, bool isComplete,
+                          Paths const& paths) {
+    auto const listing = FileManager::Walk(Path(folder), bounds);
+    EXPECT_EQ(GetPaths(listing), paths);
+    EXPECT_EQ(listing.isComplete, isComplete) << paths.size();
+    return listing;
   };
-  EXPECT_TRUE(isComplete(5, 4));
-  EXPECT_FALSE(isComplete(4, 4));
-  EXPECT_FALSE(isComplete(5, 2));
-
+  expect("", {6, 4}, true, {"a", "a/b", "a/c", "a/c/d", "a/z", "e"});
+  expect("", {5, 4}, false, {"a", "a/b", "a/c", "a/c/d", "a/z"});
+  expect("", {6, 2}, false, {"a", "a/b", "a/c", "a/z", "e"});
+  expect("a", {1, 4}, false, {"b"});
   fs::permissions(_directory.path, fs::perms(0755));
-  fs::permissions(Path("a/b"), fs::perms::none);
+  fs::permissions(Path("a/c"), fs::perms::none);
   RunAsOther([&] {
-    auto const listing = FileManager::Walk(_directory.path, {5, 5});
-    EXPECT_EQ(GetPaths(listing), (Paths{"a", "a/b", "a/z", "d"}));
-    EXPECT_FALSE(listing.isComplete);
+    auto const listing = expect("", {6, 4}, false, {"a", "a/b", "a/c", "a/z", "e"});
     ASSERT_EQ(listing.errors.size(), 1);
     EXPECT_EQ(listing.errors[0].GetCode(), "folder-permission-denied");
-    EXPECT_EQ(listing.errors[0].GetFields().at("path"), Path("a/b"));
+    EXPECT_EQ(listing.errors[0].GetFields().at("path"), Path("a/c"));
   });
-  fs::permissions(Path("a/b"), fs::perms::owner_all);
+  fs::permissions(Path("a/c"), fs::perms::owner_all);
 }
 
 TEST_F(FileManagerTest, WalkFollowsNoLinkNotEvenOneThatReplacesAFolder) {
@@ -278,30 +262,25 @@ TEST_F(FileManagerTest, WalkFollowsNoLinkNotEvenOneThatReplacesAFolder) {
     if (name == "swapped") fs::create_directory_symlink(other.path, Path(name));
   };
   auto const listing = FileManager::Walk(_directory.path, {10, 10});
-  EXPECT_EQ(GetPaths(listing), (std::vector<std::string>{"gone", "link", "swapped"}));
+  EXPECT_EQ(GetPaths(listing), (Paths{"gone", "link", "swapped"}));
   EXPECT_TRUE(S_ISLNK(listing.entries[1].mode));
   EXPECT_EQ(listing.errors.size(), 1);
 }
 
 TEST_F(FileManagerTest, ATemporaryFolderIsPrivateAndGoesWithItsOwner) {
-  TemporaryDirectory const other;
-  FileManager().WriteFile(other.path / "kept", "", 0600, Refuse);
-  Support::TemporaryFolder owner(_directory.path);
+  ASSERT_EQ(Make("kept"), "");
   {
     Support::TemporaryFolder first(_directory.path);
     Support::TemporaryFolder second = std::move(first);
-    struct stat status;
-    ASSERT_EQ(stat(second.GetPath().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, S_IFDIR | 0700U);
+    second = Support::TemporaryFolder(_directory.path);
+    auto const listing = FileManager::Walk(_directory.path, {10, 1});
+    ASSERT_EQ(listing.entries.size(), 2);
+    EXPECT_EQ(listing.entries[1].mode, S_IFDIR | 0700U);
+    EXPECT_EQ(Path(listing.entries[1].path), second.GetPath());
     fs::create_directories(second.GetPath() + "/a/b");
-    fs::create_directory_symlink(other.path, second.GetPath() + "/a/link");
-    owner = std::move(second);
+    fs::create_directory_symlink(Path("kept"), second.GetPath() + "/a/link");
   }
-  EXPECT_EQ(List(2, 1), (std::vector<std::string>{fs::path(owner.GetPath()).filename()}));
-  EXPECT_TRUE(fs::exists(owner.GetPath() + "/a/b"));
-  owner = Support::TemporaryFolder(_directory.path);
-  EXPECT_EQ(List().size(), 1);
-  EXPECT_TRUE(fs::exists(other.path / "kept"));
+  EXPECT_EQ(List(), (Paths{"kept"}));
 }
 
 }  // namespace

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "support/error.h"
 
@@ -25,10 +25,10 @@ TEST(UrlTest, TextsOfOneUrlHaveOneNormalText) {
       {"http://[FE80::1%25Eth0]/", "http://[fe80::1%25Eth0]/"},
       {"http://m\xc3\xbcnchen/", "http://xn--mnchen-3ya/"},
       {"file:///a//b", "file:///a//b"},
+      {"ws:./.", "ws:/"},
       {"x:/.//b/./..", "x:/.//"},
       {"mailto:b@c?subject=%61", "mailto:b@c?subject=a"},
-      {"http://h/?#", "http://h/?#"},
-  };
+      {"http://h/?#", "http://h/?#"}};
   for (auto const& [text, normal] : cases) {
     EXPECT_EQ(Url::Parse(text).ToText(), normal);
     EXPECT_EQ(Url::Parse(normal).ToText(), normal);
@@ -37,48 +37,39 @@ TEST(UrlTest, TextsOfOneUrlHaveOneNormalText) {
 
 TEST(UrlTest, HasItsParts) {
   Url const url = Url::Parse("https://user:p%40:@[::1]/path?query#fragment");
-  EXPECT_EQ(url.GetScheme(), "https");
-  EXPECT_EQ(url.GetUser(), "user");
-  EXPECT_EQ(url.GetPassword(), "p%40:");
-  EXPECT_EQ(url.GetHost(), "::1");
-  EXPECT_EQ(url.GetPort(), 443);
-  EXPECT_EQ(url.GetPath(), "/path");
-  EXPECT_EQ(url.GetQuery(), "query");
+  EXPECT_EQ(url.GetScheme() + " " + *url.GetUser() + " " + *url.GetPassword() + " " +
+                *url.GetHost() + " " + url.GetPath() + " " + *url.GetQuery(),
+            "https user p%40: ::1 /path query");
   EXPECT_EQ(url.GetFragment(), "fragment");
+  EXPECT_EQ(url.GetPort(), 443);
   EXPECT_EQ(url.ToTextWithoutSecrets(), "https://[::1]/path");
   Url const bare = Url::Parse("a:");
   EXPECT_FALSE(bare.GetUser() || bare.GetPassword() || bare.GetHost() || bare.GetPort() ||
                bare.GetQuery() || bare.GetFragment());
-  EXPECT_EQ(bare.GetPath(), "");
 }
 
 TEST(UrlTest, RefusalNamesTheWrongPartAndKeepsTheTextSecret) {
-  std::pair<std::string, char const*> const cases[] = {
-      {"", "scheme"},
-      {"//secret/x", "scheme"},
-      {"1secret://h", "scheme"},
-      {"http://secret%zz@h/", "user"},
-      {"http://u:secret%4@h/", "password"},
-      {"http://[secret]/", "host"},
-      {"http://u:p@secret@h/", "host"},
-      {"http://secret%2fh/", "host"},
-      {"http://h%3asecret/", "host"},
-      {"http://secret%ff/", "host"},
-      {"http://h:secret/", "port"},
-      {"http://h:65536/secret", "port"},
-      {"http://h/secret%", "path"},
-      {"http://h/?secret%0", "query"},
-      {"http://h/#secret%g0", "fragment"},
-      {std::string("http://h/secret\0x", 17), "text"},
-  };
-  for (auto const& [text, reason] : cases) {
-    try {
-      Url::Parse(text);
-      ADD_FAILURE() << text;
-    } catch (Support::Error const& error) {
-      EXPECT_EQ(error.GetCode(), "url-invalid") << text;
-      EXPECT_EQ(error.GetFields().at("reason"), reason) << text;
-      EXPECT_EQ(error.ToText().find("secret"), std::string::npos) << text;
+  std::pair<char const*, std::vector<std::string>> const cases[] = {
+      {"scheme", {"", "//secret/x", "1secret://h"}},
+      {"user", {"http://secret%zz@h/"}},
+      {"password", {"http://u:secret%4@h/"}},
+      {"host",
+       {"http://[secret]/", "http://secret%ff/", "http://u:p@secret@h/", "x://secret%2fh/",
+        "http://h%3asecret/", "http://[::1%25secret%2f]/"}},
+      {"port", {"http://h:secret/", "http://h:65536/secret"}},
+      {"path", {"http://h/secret%"}},
+      {"query", {"http://h/?secret%0"}},
+      {"fragment", {"http://h/#secret%g0"}},
+      {"text", {std::string("http://h/secret\0x", 17)}}};
+  for (auto const& [reason, texts] : cases) {
+    for (std::string const& text : texts) {
+      try {
+        Url::Parse(text);
+        ADD_FAILURE() << text;
+      } catch (Support::Error const& error) {
+        EXPECT_EQ(error.GetFields().at("reason"), reason) << text;
+        EXPECT_EQ(error.ToText().find("secret"), std::string::npos) << text;
+      }
     }
   }
 }
