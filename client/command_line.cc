@@ -33,7 +33,6 @@
 namespace {
 
 constexpr int maxTimeoutSeconds = 86400;
-constexpr std::size_t maxRequestSize = 131072;  // the daemon closes the connection above it
 
 constexpr char const* packagedSocket = "/run/ktclientd/ktclientd.sock";
 
@@ -66,6 +65,11 @@ struct Grammar {
     AddCommand("send", "Any request: send JSON; \"-\" reads it from standard input")
         ->add_option("JSON", json)
         ->required();
+    // Browsers add words: the extension's origin; or the path of the host manifest and an id.
+    CLI::App* const nativeHost =
+        AddCommand("native-host", "Passes on requests of browser extensions");
+    nativeHost->add_option("WORD", ignoredWords, "Ignored: browsers add words of their own");
+    nativeHost->add_flag("--parent-window{}", ignoredWindow)->group("");
     // Listed for the help only: another program has it.
     AddCommand("report", "An archive for the support: see ktclientctl report --help");
 
@@ -95,6 +99,8 @@ struct Grammar {
   std::string timeout = "30";
   std::string compact = "false";
   std::string json;
+  std::vector<std::string> ignoredWords;
+  std::string ignoredWindow;
 
  private:
   CLI::App* AddCommand(std::string const& name, std::string const& meaning) {
@@ -163,6 +169,7 @@ std::string CheckRequest(std::string request) {
 }
 
 std::string MakeRequest(std::string const& command, Grammar const& grammar) {
+  if (command == "native-host") return {};
   if (command == "send")
     return CheckRequest(grammar.json == "-" ? ReadStandardInput() : grammar.json);
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 #include "net/address.h"
+
+constexpr std::uint32_t maxRequestSize = 131072;  // the daemon closes the connection above it
 
 // What the user wants `ktclientctl` to do.
 struct CommandLine {

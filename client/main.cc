@@ -9,6 +9,7 @@
 #include "base/loop/thread_pool.h"
 #include "base/standard_streams.h"
 #include "client/command_line.h"
+#include "client/native_host.h"
 #include "client/output.h"
 #include "client/report_program.h"
 #include "client/request.h"
@@ -47,7 +48,8 @@ int main(int argc, char** argv) {
     return ExitWithError(ExitStatus::WrongUsage,
                          std::string(err.what()) + " (see ktclientctl --help)");
   }
-  int const status = RunRequest(commandLine);
+  int const status =
+      commandLine.command == "native-host" ? RunNativeHost(commandLine) : RunRequest(commandLine);
   Base::ShutdownThreadPools();
   return status;
 }

@@ -16,19 +16,6 @@
 
 namespace {
 
-// Returns the response's JSON.
-std::string SendRequest(CommandLine const& commandLine) {
-  auto const exchange = Base::MakeShared<Exchange>(commandLine.address, commandLine.request);
-  std::future<Exchange::Outcome> future = exchange->Start();
-  if (future.wait_for(commandLine.timeout) != std::future_status::ready) {
-    throw Base::Exception("No response within " + std::to_string(commandLine.timeout.count()) +
-                          " seconds");
-  }
-  Exchange::Outcome outcome = future.get();
-  if (!outcome.isResponse) throw Base::Exception(outcome.text);
-  return std::move(outcome.text);
-}
-
 // Whether valid JSON is small enough to be parsed and printed: printing is recursive, and its
 // indentation can be much longer than the text. The daemon's responses have only a few levels.
 bool IsSmall(std::string_view json) {
@@ -73,6 +60,18 @@ int PrintResponse(std::string const& text, bool compact) {
 }
 
 }  // namespace
+
+std::string SendRequest(CommandLine const& commandLine) {
+  auto const exchange = Base::MakeShared<Exchange>(commandLine.address, commandLine.request);
+  std::future<Exchange::Outcome> future = exchange->Start();
+  if (future.wait_for(commandLine.timeout) != std::future_status::ready) {
+    throw Base::Exception("No response within " + std::to_string(commandLine.timeout.count()) +
+                          " seconds");
+  }
+  Exchange::Outcome outcome = future.get();
+  if (!outcome.isResponse) throw Base::Exception(outcome.text);
+  return std::move(outcome.text);
+}
 
 int RunRequest(CommandLine const& commandLine) {
   try {
