@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs the missing Debian packages that are needed to build, test and check the tree. Does and
-# prints nothing when all are installed.
+# Installs the missing Debian packages that are needed to build, test and check the tree, and those
+# that the arguments name. Does and prints nothing when all are installed.
 set -euo pipefail
 
 packages=(
@@ -11,6 +11,7 @@ packages=(
   systemd dmidecode openssl python3 python3-jsonschema strace procps netbase git
   man-db mandoc bash-completion
   debhelper dpkg-dev fakeroot lintian mmdebstrap systemd-container
+  "$@"
 )
 
 # The query fails when dpkg does not know one of the packages: that one is missing, too.

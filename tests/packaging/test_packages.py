@@ -1,5 +1,6 @@
 """Tests the content of the packages in the folder KTCLIENTD_PACKAGES."""
 
+import json
 import os
 import pathlib
 import re
@@ -69,6 +70,14 @@ class Archive(unittest.TestCase):
         run("systemd-sysusers", f"--root={self.root}")
         [group] = re.findall(r"^SocketGroup=(\S+)", self.unit("ktclientd.socket"), re.M)
         self.assertRegex((self.root / "etc/group").read_text(), rf"(?m)^{group}:")
+
+    def test_host_manifests_find_the_bridge(self):
+        for browser in ("chromium", "firefox"):
+            folder = self.root / "usr/share/ktclientd/native-messaging" / browser
+            script = json.loads((folder / "ktclientd.json").read_text())["path"]
+            [program] = re.findall(r"^exec (\S+) native-host$",
+                                   pathlib.Path(f"{self.root}{script}").read_text(), re.M)
+            run(f"{self.root}{program}", "--version")
 
     def test_socket_can_be_enabled(self):
         run("systemctl", f"--root={self.root}", "enable", "ktclientd.service")
