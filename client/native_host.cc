@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
 #include <exception>
 #include <future>
 #include <memory>
@@ -27,14 +26,14 @@
 #include "io/native_messaging_host_write_stream.h"
 
 // The first thread runs the bridge step by step: read a packet, ask the daemon, write a packet. It
-// starts each step on the IO thread and waits for it. Nothing runs beside the step, because a
-// browser tells requests and responses apart only by their order.
+// starts each step on the IO thread and waits for it. Only one request is under way at a time: an
+// extension knows only by the order to which request a response belongs.
 //
 // Each request has a connection of its own. A daemon that has exited because it was idle needs no
 // care then: systemd starts the next one when the connection arrives.
 //
 // The end of the input is the end of the bridge, but the bridge notices it only between two
-// requests. A browser that does not want to wait sends SIGTERM.
+// requests. A browser that does not want to wait ends it by a signal.
 
 namespace {
 
@@ -122,8 +121,7 @@ Outcome RunOperation(Start start) {
 }
 
 // Returns an empty text at the end of the input. A packet without a payload is such an end, too, as
-// it is for the daemon. Throws
-// InvalidInput.
+// it is for the daemon. Throws InvalidInput.
 std::string ReadRequest(Base::Shared<IO::NativeMessagingHostReadStream> const& input) {
   Outcome outcome = RunOperation([input](OutcomePromise const& promise) {
     input->Read(Base::MakeCallback(
@@ -165,6 +163,9 @@ bool WriteResponse(Base::Shared<IO::NativeMessagingHostWriteStream> const& outpu
 
 int RunNativeHost(CommandLine const& commandLine) {
   try {
+    if (isatty(STDIN_FILENO) == 1) {
+      throw InvalidInput("Standard input is a terminal: a browser has to start this command");
+    }
     Base::UniqueFd source = CopyStandardStream(STDIN_FILENO);
     Base::UniqueFd destination = CopyStandardStream(STDOUT_FILENO);
     // Before the first line of a trace: the trace opens standard output again.

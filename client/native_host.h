@@ -10,7 +10,8 @@
 // status:
 //
 //   Success      the input has ended, or nobody reads the output any more
-//   WrongUsage   a packet of the input is broken, too long for the daemon, or not JSON
+//   WrongUsage   a packet of the input is broken, too long for the daemon, or not JSON; or the
+//                input is a terminal
 //   NoResponse   no response, one that is too long for browsers, or it cannot be written
 //
 // For each status but Success it has printed one line on standard error. Only packets get to

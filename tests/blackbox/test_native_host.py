@@ -1,5 +1,6 @@
 import fcntl
 import json
+import os
 import pathlib
 import re
 import signal
@@ -102,6 +103,11 @@ class NativeHostTest(Case):
             with self.subTest(data=data[:8]):
                 self.assertEqual(self.feed(name, GOOD + data),
                                  (2, [serial("S1")], f"ktclientctl: {reason}\n"))
+
+        terminals = [self.enterContext(open(fd, "rb+", 0)) for fd in os.openpty()]
+        status, responses, complaint = self.feed(name, None, stdin=terminals[1])
+        self.assertEqual((status, responses), (2, []))
+        self.assertIn("Standard input is a terminal", complaint)
 
     def test_no_response_that_a_browser_accepts(self):
         name = f"{self.folder}/socket"
