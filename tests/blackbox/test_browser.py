@@ -8,7 +8,6 @@ import select
 import shutil
 import signal
 import subprocess
-import tempfile
 import unittest
 
 from harness import BIN, DEADLINE, DOCS, SEQPACKET, Case, clean_environment, wait_until
@@ -26,13 +25,13 @@ class Browser:
     Descriptor 3 takes requests, descriptor 4 gives responses and events: JSON, ended by a 0.
     """
 
-    def __init__(self, profile, extension):
+    def __init__(self, profile):
         self._process = subprocess.Popen(
             ["bash", "-c", 'exec "$@" 3<&0 4>&1 </dev/null >&2', "bash", "chromium",
              "--headless=new", "--disable-gpu", "--remote-debugging-pipe", "--no-first-run",
              "--no-sandbox",  # for root, and in containers
              "--disable-background-networking", "--disable-component-update",
-             f"--user-data-dir={profile}", f"--load-extension={extension}", "about:blank"],
+             f"--user-data-dir={profile}", f"--load-extension={EXTENSION}", "about:blank"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
             env=clean_environment({"HOME": str(profile), "TMPDIR": str(profile)}),
             start_new_session=True)
@@ -47,59 +46,55 @@ class Browser:
         self._process.stdin.flush()
         while True:
             message, end, rest = self._received.partition(b"\0")
-            if not end:
-                if not select.select([self._process.stdout], [], [], DEADLINE)[0]:
-                    raise AssertionError(f"no response to {method}")
-                received = os.read(self._process.stdout.fileno(), 65536)
+            if end:
+                self._received = rest
+                response = json.loads(message)
+                if response.get("id") == self._calls:
+                    return response["result"]
+            else:
+                output = self._process.stdout
+                received = select.select([output], [], [], DEADLINE)[0] and output.read1()
                 if not received:
-                    raise AssertionError(f"the browser ended at {method}")
+                    raise AssertionError(f"no response to {method}")
                 self._received += received
-                continue
-            self._received = rest
-            response = json.loads(message)
-            if response.get("id") == self._calls:
-                return response["result"]
 
     def text_shown(self, page):
         return wait_until(lambda: self.call("Runtime.evaluate", page, expression=SHOWN)["result"]
                           .get("value"), "the page shows a text", pause=0.02)
 
-    def processes(self):
-        """All of its processes; two are in sessions of their own, and end when the others have."""
-        found = []
-        for folder in pathlib.Path("/proc").glob("[0-9]*"):
+    def is_running(self):
+        """Whether there is a process of it: two have left its process group, and end later."""
+        for file in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
             with contextlib.suppress(OSError):
-                text = (folder / "cmdline").read_bytes() + (folder / "environ").read_bytes()
-                if self._profile in text:
-                    found.append(text)
-        return found
+                if self._profile in file.read_bytes():
+                    return True
+        return False
 
     def end(self):
         os.killpg(self._process.pid, signal.SIGKILL)
         self._process.communicate()
-        wait_until(lambda: not self.processes(), "no process of the browser is left")
+        wait_until(lambda: not self.is_running(), "no process of the browser is left")
 
 
 class BrowserTest(Case):
     @unittest.skipUnless(shutil.which("chromium"), "chromium is not installed")
     def test_extension_shows_the_serial_number(self):
         name = f"{self.folder}/socket"
-        wrapper = self.folder / "wrapper"
-        text = (TEMPLATES / "ktclientd-native-host.in").read_text()
-        wrapper.write_text(text.replace("@CMAKE_INSTALL_FULL_BINDIR@", str(BIN)).rstrip() +
-                           f" --socket={name}\n")
-        wrapper.chmod(0o755)
-        profile = pathlib.Path(tempfile.mkdtemp(dir=self.folder))
-        (profile / "NativeMessagingHosts").mkdir()
+        script = (TEMPLATES / "ktclientd-native-host.in").read_text().rstrip()
+        (self.folder / "host").write_text(
+            f"{script.replace('@CMAKE_INSTALL_FULL_BINDIR@', str(BIN))} --socket={name}\n")
+        (self.folder / "host").chmod(0o755)
         manifest = json.loads((TEMPLATES / "chromium.json.in").read_text())
-        (profile / "NativeMessagingHosts" / f"{manifest['name']}.json").write_text(
-            json.dumps(manifest | {"path": str(wrapper)}))
+        hosts = self.folder / "profile/NativeMessagingHosts"
+        hosts.mkdir(parents=True)
+        (hosts / f"{manifest['name']}.json").write_text(
+            json.dumps(manifest | {"path": str(self.folder / "host")}))
         key = json.loads((EXTENSION / "manifest.json").read_text())["key"]
-        digest = hashlib.sha256(base64.b64decode(key)).hexdigest()[:32]
-        extension = "".join(chr(ord("a") + int(digit, 16)) for digit in digest)
+        digits = hashlib.sha256(base64.b64decode(key)).hexdigest()[:32]
+        extension = "".join(chr(ord("a") + int(digit, 16)) for digit in digits)
 
         daemon = self.start(name=name, dmidecode="echo KT-0001-DEMO")
-        browser = Browser(profile, EXTENSION)
+        browser = Browser(self.folder / "profile")
         self.addCleanup(browser.end)
         target = browser.call("Target.createTarget",
                               url=f"chrome-extension://{extension}/page.html")
