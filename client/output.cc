@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <utility>
 
 #include "base/string_conversion.h"
 
@@ -28,10 +29,14 @@ std::string EscapeControls(std::string_view text) {
   return Base::ToUtf8(escaped);
 }
 
-int ExitWithError(ExitStatus status, std::string reason) {
+std::string EscapeToOneLine(std::string text) {
   std::ranges::replace_if(
-      reason, [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
-  std::cerr << "ktclientctl: " + EscapeControls(reason) + "\n";
+      text, [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
+  return EscapeControls(text);
+}
+
+int ExitWithError(ExitStatus status, std::string reason) {
+  std::cerr << "ktclientctl: " + EscapeToOneLine(std::move(reason)) + "\n";
   return static_cast<int>(status);
 }
 

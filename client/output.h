@@ -12,6 +12,9 @@ enum class ExitStatus : int { Success = 0, OtherStatus = 1, WrongUsage = 2, NoRe
 // show a text in another order. Leaves the other ASCII controls alone: JSON has none inside a text.
 std::string EscapeControls(std::string_view text);
 
+// The same as one line: each ASCII control becomes a space.
+std::string EscapeToOneLine(std::string text);
+
 // Prints one line on standard error and returns the number of `status`. `reason` can hold text of
 // the user or of the server: its control characters do not reach the terminal.
 int ExitWithError(ExitStatus status, std::string reason);
