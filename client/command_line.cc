@@ -65,13 +65,15 @@ struct Grammar {
     AddCommand("send", "Any request: send JSON; \"-\" reads it from standard input")
         ->add_option("JSON", json)
         ->required();
+    AddCommand("doctor", "Find out why requests fail")
+        ->add_flag("--json", isJson, "Print the results as JSON");
+    // Listed for the help only: another program has it.
+    AddCommand("report", "An archive for the support: see ktclientctl report --help");
     // Browsers add words: the extension's origin; or the path of the host manifest and an id.
     CLI::App* const nativeHost =
         AddCommand("native-host", "Passes on requests of browser extensions");
     nativeHost->add_option("WORD", ignoredWords, "Ignored: browsers add words of their own");
     nativeHost->add_flag("--parent-window{}", ignoredWindow)->group("");
-    // Listed for the help only: another program has it.
-    AddCommand("report", "An archive for the support: see ktclientctl report --help");
 
     // "{}": without a value the option is as it is with an empty one, which is no valid value.
     AddOption("--socket{}", socket, "=ADDRESS",
@@ -101,6 +103,7 @@ struct Grammar {
   std::string json;
   std::vector<std::string> ignoredWords;
   std::string ignoredWindow;
+  bool isJson = false;  // the option of "doctor"
 
  private:
   CLI::App* AddCommand(std::string const& name, std::string const& meaning) {
@@ -169,7 +172,7 @@ std::string CheckRequest(std::string request) {
 }
 
 std::string MakeRequest(std::string const& command, Grammar const& grammar) {
-  if (command == "native-host") return {};
+  if (command == "doctor" || command == "native-host") return {};
   if (command == "send")
     return CheckRequest(grammar.json == "-" ? ReadStandardInput() : grammar.json);
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();
@@ -228,6 +231,7 @@ CommandLine ReadCommandLine(int argc, char const* const* argv) {
   std::string const compact = Base::LowerCased(grammar.compact);
   commandLine.compact = compact == "true" || compact == "1";
   commandLine.command = grammar.app.get_subcommands()[0]->get_name();
+  commandLine.json = grammar.isJson;
   commandLine.request = MakeRequest(commandLine.command, grammar);
   return commandLine;
 }

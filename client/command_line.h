@@ -16,6 +16,7 @@ struct CommandLine {
   std::string request;  // JSON; empty for a command that sends no request of the user
   std::chrono::seconds timeout{};
   bool compact = false;  // print JSON on one line
+  bool json = false;     // print the results of "doctor" as JSON
 };
 
 // Returns the command, the first word that is not an option; empty when there is none.

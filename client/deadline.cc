@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/exception.h"
 #include "base/loop/thread_pool.h"
 #include "process/command_budget.h"
 #include "process/shell_command.h"
@@ -117,9 +119,12 @@ CommandResult RunCommand(Command const& command) {
   Process::CommandBudget const budget(command.limit);
   Process::ShellResult result = Process::RunInShell(line);
   if (result.errorCode != 0 || result.wasStopped) {
-    throw Support::Error(result.wasStopped ? "command-stopped" : "command-not-started",
-                         budget.GetFailure())
-        .With("command", command.words.at(0));
+    throw Support::Error(
+        result.wasStopped ? "command-stopped" : "command-not-started",
+        "The command " + command.words.at(0) +
+            (result.wasStopped ? " took too long or printed too much" : " could not be started"))
+        .With("command", command.words.at(0))
+        .Because(Base::Exception(budget.GetFailure()));
   }
   int const status =
       WIFSIGNALED(result.status) ? 128 + WTERMSIG(result.status) : WEXITSTATUS(result.status);

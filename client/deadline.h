@@ -42,7 +42,7 @@ int FinishProgram(int status);
 struct Command {
   std::vector<std::string> words;
   std::chrono::seconds limit{10};  // at least one second; the setting "command-timeout" counts, too
-  std::string path;         // PATH, also to look for the program; empty: that of this process
+  std::string path = {};    // PATH, also to look for the program; empty: that of this process
   bool withErrors = false;  // the output includes standard error; else that is discarded
 };
 

@@ -6,9 +6,10 @@
 #include <string>
 
 #include "base/exception.h"
-#include "base/loop/thread_pool.h"
 #include "base/standard_streams.h"
 #include "client/command_line.h"
+#include "client/deadline.h"
+#include "client/doctor/doctor.h"
 #include "client/native_host.h"
 #include "client/output.h"
 #include "client/report_program.h"
@@ -26,6 +27,16 @@ void UnsetDaemonSettings() {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the process has only this thread so far
     unsetenv(argument.text.substr(0, argument.text.find('=')).c_str());
   }
+}
+
+int Run(CommandLine const& commandLine) {
+  if (commandLine.command == "doctor") {
+    return RunDoctor({.address = commandLine.address,
+                      .timeout = commandLine.timeout,
+                      .json = commandLine.json});
+  }
+  if (commandLine.command == "native-host") return RunNativeHost(commandLine);
+  return RunRequest(commandLine);
 }
 
 }  // namespace
@@ -48,8 +59,5 @@ int main(int argc, char** argv) {
     return ExitWithError(ExitStatus::WrongUsage,
                          std::string(err.what()) + " (see ktclientctl --help)");
   }
-  int const status =
-      commandLine.command == "native-host" ? RunNativeHost(commandLine) : RunRequest(commandLine);
-  Base::ShutdownThreadPools();
-  return status;
+  return FinishProgram(Run(commandLine));
 }
