@@ -16,7 +16,7 @@ NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 POWERLESS = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"]
 SCHEMA = read_schema("doctor")
 ADVICE = dict(re.findall(r"^\| `([a-z-]+)` \| [^|]+ \| [^|]+ \| (.*) \|$",
-                         (DOCS / "doctor.md").read_text(), re.MULTILINE))
+                         (DOCS / "doctor.md").read_text().partition("## The codes")[2], re.M))
 # Seen on the installed package.
 UNIT_CODES = {"unit-not-installed", "unit-masked", "unit-not-loaded", "unit-failed", "unit-changed",
               "unit-for-other-address", "socket-unit-stopped", "socket-unit-disabled",
@@ -236,12 +236,12 @@ class DoctorTest(Case):
             self.assert_codes(name=daemon.name, serial_number="serial-number-placeholder")
 
     def test_what_only_root_can_see(self):
-        daemon = self.start(dmidecode="echo S1")
-        os.chmod(daemon.name, 0o666)
+        daemon = self.start(dmidecode="echo S1", name=self.name)
+        os.chmod(self.name, 0o666)
         hidden = dict(version="needs-root", descriptors="needs-root", trace_file="needs-root")
-        self.assert_codes(name=daemon.name, launcher=NOBODY, **hidden)
+        self.assert_codes(launcher=NOBODY, **hidden)
         daemon.install("dmidecode", "exit 1")
-        self.assert_codes(name=daemon.name, launcher=NOBODY, question="no-serial-number",
+        self.assert_codes(launcher=NOBODY, question="no-serial-number",
                           serial_number="needs-root", **hidden)
 
     def test_descriptors_and_trace_file(self):
@@ -271,11 +271,11 @@ class DoctorTest(Case):
         store.mkdir()
         path.mkdir()
 
-        def start(*arguments, **options):
+        def start(*arguments, launcher=()):
             # The service has no capability either.
             return self.start(f"--igel-management-cert-path={store}", *arguments,
-                              dmidecode="echo S1", launcher=[*mounted(release), *POWERLESS],
-                              **options)
+                              dmidecode="echo S1",
+                              launcher=[*mounted(release), *POWERLESS, *launcher])
 
         def check(daemon, *arguments, **codes):
             self.assert_codes(*arguments, name=daemon.name, mounts=[release], launcher=POWERLESS,
@@ -301,6 +301,6 @@ class DoctorTest(Case):
         daemon.install("openssl", "echo 'SHA256 Fingerprint=00'")
         check(daemon, openssl="certificate-broken")
         (path / "dmidecode").symlink_to(daemon.commands / "dmidecode")
-        check(start(environment={"PATH": str(path)}), openssl="openssl-missing")
+        check(start(launcher=["env", f"PATH={path}"]), openssl="openssl-missing")
         store.rename(self.folder / "elsewhere")
         check(daemon, trust_store="trust-store-missing")
