@@ -2,7 +2,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "base/exception.h"
@@ -11,6 +10,7 @@
 #include "client/deadline.h"
 #include "client/doctor/doctor.h"
 #include "client/native_host.h"
+#include "client/options.h"
 #include "client/output.h"
 #include "client/report_program.h"
 #include "client/request.h"
@@ -18,22 +18,10 @@
 
 namespace {
 
-// The KESTREL_ variables are settings of the daemon. KESTREL_TRACE_CONSOLE, for example, would put
-// a trace between the lines of the response. Only KESTREL_SOCKET is for both programs.
-void UnsetDaemonSettings() {
-  ParseArguments();
-  for (Argument const& argument : GetArguments()) {
-    if (NormaliseArgumentName(argument.name) == "socket") continue;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the process has only this thread so far
-    unsetenv(argument.text.substr(0, argument.text.find('=')).c_str());
-  }
-}
-
 int Run(CommandLine const& commandLine) {
   if (commandLine.command == "doctor") {
-    return RunDoctor({.address = commandLine.address,
-                      .timeout = commandLine.timeout,
-                      .json = commandLine.json});
+    return RunDoctor(
+        {.address = commandLine.address, .timeout = commandLine.timeout, .json = commandLine.json});
   }
   if (commandLine.command == "native-host") return RunNativeHost(commandLine);
   return RunRequest(commandLine);
