@@ -53,6 +53,8 @@ Archive::Archive(std::chrono::system_clock::time_point time)
   archive* const handle = _writer->handle;
   _writer->Check(archive_write_set_format_pax_restricted(handle));
   _writer->Check(archive_write_add_filter_gzip(handle));
+  // Without zeros after the end of the compressed bytes: gzip would warn of them.
+  _writer->Check(archive_write_set_bytes_in_last_block(handle, 1));
   _writer->Check(archive_write_open(handle, &_writer->bytes, nullptr, AppendBlock, nullptr));
 }
 

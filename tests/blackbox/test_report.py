@@ -1,0 +1,266 @@
+import contextlib
+import json
+import os
+import pty
+import re
+import socket
+import subprocess
+import tarfile
+import unittest
+
+from harness import BIN, CAN_MOUNT, DEADLINE, HARDWARE, NAMESPACE, Case, clean_environment, ctl
+
+NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+EDGE = 65536  # each common size of a buffer divides it
+FORMS = ("{}", "'{}'", '"name":"{}"', "({})", "{},", "name={}", "{{ name:{} }}", "/{}/", "{}\u0080")
+READS_MARKER = "harmless words stay"
+
+# What the made-up machine gives away itself. It stands alone where it is planted.
+NAMES = {
+    "serial": "SNPLANT7731X", "board": "BRDPLANT5512", "asset": "ASSETPLANT90", "host": "plantedhost",
+    "domain": "corp.planted-domain.example", "user": "wplanted", "real name": "Wilma \u00c5ngstr\u00f6m",
+    "home": "/srv/planted/homes/wp", "machine id": "0badc0de0badc0de0badc0de0badc0de",
+    "uuid": "4c4c4544-0050-4c10-804e-c4c04f564d31",
+}
+PEM = ["MIIPlantedCertificateBody0123456789abcdefghijklmnopqrstuvwxyzABCD",
+       "PlantedSecondLineOfTheBody9876543210zyxwvutsrqponmlkjihgfedcbaXY"]
+# What the redactor must see by itself: the secret, and the text in which it stands.
+VALUES = {
+    "wilma.plant@mail.example": "from {} to nobody", "203.0.113.77": "peer:{} port:9",
+    "2001:db8:77:1::abcd": "[{}]:443", "52:54:00:ab:cd:77": "link/ether {}",
+    "7d1f0c6e-9b1a-4c59-9d2e-6f70a1b2c3d4": "id {}",
+    "plantedBearer.eyJhbGciOiJIUzI1NiJ9.c2VjcmV0": "Authorization: Bearer {}",
+    "plantedpassw0rd": "password={}", "9f8e7d6c5b4a39281706f5e4d3c2b1a0": "secret key: {}",
+    "urlplantedlogin": "https://admin:{}@srv.example/x", "plantedquery8812": "http://s/?session={}",
+    "plantedsubjectcn": "subject=C = DE, CN = {}",
+    "Plantedname Oversight": "subject=O = Works, CN = {}", "77ABCDEF0123456789": "serial={}",
+    "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:AB:CD:EF:77": "SHA1 Fingerprint={}",
+    "plantedtokenvalue551": '"access_token":"{}"', "plantedhomeuser": "/home/{}/.cache",
+}
+TRACE = "09:05:33.420Z VERBOSE  socket_linux(4211:4213) - Read succeeded { text:%s }\n"
+
+
+def block(separator="\n"):
+    return separator.join(["-----BEGIN CERTIFICATE-----", *PEM, "-----END CERTIFICATE-----"])
+
+
+def plant(line="%s\n"):
+    """Each secret in each form, each line in `line`."""
+    lines = [form.format(name) for name in NAMES.values() for form in FORMS]
+    lines += [NAMES["serial"].lower(), READS_MARKER, block(), block("\\n")]
+    lines += [text.format(value) for value, text in VALUES.items()]
+    text = "".join(line % part for part in lines).encode()
+    return text + b"\xff\xc3(\xed\xa0\x80 " + text.replace(b"\n", b" \xff\n")
+
+
+def plant_at_edges():
+    """One secret over each multiple of the edge, and lines of about 1 MiB."""
+    text = b""
+    pairs = [*((name, "x {} x") for name in NAMES.values()), *VALUES.items(), (PEM[0], block())]
+    for i, (value, form) in enumerate(pairs, 1):
+        before, _, after = (form if form != block() else form.replace(PEM[0], "{}")).partition("{}")
+        line = f"{before}{value}{after}\n".encode()
+        start = i * EDGE - len(before.encode()) - len(value.encode()) // 2
+        text += (b"filler \n" * EDGE)[:start - len(text) - 1] + b"\n" + line
+    secrets = " ".join(form.format(value) for value, form in pairs[:-1]).encode()
+    for length in 1 << 20, (1 << 20) + 1:
+        start = (secrets + b" long" * (length // 5))[:length - len(secrets) - 1]
+        text += start + b" " + secrets + b"\n"
+    return text
+
+
+def fragments():
+    """Every secret, and the halves of long ones, in lower case."""
+    for secret in [*NAMES.values(), *VALUES, *PEM]:
+        secret = secret.encode().lower()
+        half = len(secret) // 2
+        yield from (secret, secret[:half], secret[half:]) if half > 7 else (secret,)
+
+
+@unittest.skipUnless(CAN_MOUNT, "takes a mount namespace")
+class ReportTest(Case):
+    def make_machine(self, trace=b"", journal="cat journal"):
+        """A daemon of its own, files of /etc, and commands for what a container does not have."""
+        self.folder.chmod(0o755)
+        (self.folder / "out").mkdir(mode=0o777)
+        (self.folder / "out").chmod(0o777)
+        etc = {"os-release": f'NAME="IGEL OS 12"\nVERSION="12.4"\nVARIANT={VALUES and READS_MARKER}\n',
+               "passwd": "root:x:0:0:root:/root:/bin/sh\nnobody:x:65534:65534::/:/bin/sh\n"
+                         f"{NAMES['user']}:x:1000:1000:{NAMES['real name']},,,:{NAMES['home']}:/bin/sh\n",
+               "machine-id": NAMES["machine id"] + "\n",
+               "hosts": f"127.0.1.1 {NAMES['host']}.{NAMES['domain']} {NAMES['host']}\n"}
+        self.mounts = f"hostname {NAMES['host']}"
+        for name, text in etc.items():
+            (self.folder / name).write_text(text)
+            if os.path.exists(f"/etc/{name}"):
+                self.mounts += f" && mount --bind {self.folder}/{name} /etc/{name}"
+        store = self.folder / "store"
+        store.mkdir()
+        subprocess.run(["openssl", "req", "-x509", "-nodes", "-keyout", "/dev/null", "-newkey", "ed25519",
+                        "-subj", "/CN=Plantedname Oversight", "-out", store / "a.pem"], check=True,
+                       stderr=subprocess.DEVNULL)
+        self.daemon = self.start(
+            f"--igel-management-cert-path={store}", "--trace-level=5",
+            "--openssl-fingerprint-any-case=true", dmidecode=f"echo {NAMES['serial']}",
+            launcher=[*NAMESPACE, self.folder / "os-release", "/etc/os-release"])
+        self.daemon.ask(HARDWARE)
+        self.daemon.folder.chmod(0o755)
+        os.chmod(self.daemon.name, 0o666)
+        with open(self.daemon.log, "ab") as file:
+            file.write(plant(TRACE) + trace)
+        (self.daemon.folder / "ktclientd.log.1").write_bytes(plant())
+        (self.daemon.folder / "ktclientd.log.crash").write_bytes(plant())
+        self.install("dmidecode", f"""case $1 in -s) echo {NAMES['serial']};; --type) cat numbers;; esac""")
+        (self.folder / "numbers").write_text(f"\tSerial Number: {NAMES['board']}\n"
+            f"\tAsset Tag: {NAMES['asset']}\n\tUUID: {NAMES['uuid']}\n")
+        self.install("journalctl", journal)
+        (self.folder / "journal").write_bytes(b"2026-11-21T10:00:00+0000 a\n" + plant("  %s\n"))
+        (self.folder / "unit").write_bytes(plant("Environment=A='%s'\n"))
+        (self.folder / "default").write_bytes(plant("KESTREL_A=%s\n"))
+        (self.folder / "properties").write_text(
+            f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B={NAMES['real name']}\"\n"
+            f"EnvironmentFiles={self.folder}/default (ignore_errors=yes)\nMainPID=0\n")
+        self.install("systemctl", "case \"$*\" in *Environment*) cat properties;; *) cat unit;; esac")
+
+    def install(self, command, script):
+        self.daemon.install(command, f"cd {self.folder}\n{script}")
+
+    def command(self, *arguments, user=()):
+        return ["unshare", "--mount", "--uts", *(["--map-root-user"] if os.geteuid() != 0 else []), "sh",
+                "-c", self.mounts + ' && exec "$@"', "sh", *user, BIN / "ktclientctl", "report",
+                f"--socket={self.daemon.name}", *arguments]
+
+    def report(self, *arguments, **options):
+        """Makes a report; returns its members, README's text first."""
+        path = self.folder / "out" / f"{len(os.listdir(self.folder / 'out'))}.tar.gz"
+        result = subprocess.run(self.command(f"--output={path}", *arguments, **options), text=True,
+                                capture_output=True, timeout=DEADLINE,
+                                env=clean_environment({"PATH": f"{self.daemon.commands}:/usr/bin:/bin"}))
+        self.assertEqual((result.returncode, result.stdout), (0, f"{path}\n"), result.stderr)
+        self.complaints = result.stderr
+        self.assertEqual(path.stat().st_mode & 0o777, 0o600)
+        members = {}
+        with tarfile.open(path) as archive:
+            for member in archive:
+                self.assertEqual((member.mode, member.uid, member.uname, member.isreg()),
+                                 (0o600, 0, "root", True))
+                members[member.name.removeprefix("ktclientd-report/")] = archive.extractfile(member).read()
+        return members["README"].decode(), members
+
+    def assert_no_secret(self, members):
+        for name, text in members.items():
+            found = [secret for secret in fragments() if secret in text.lower()]
+            self.assertEqual(found, [], name)
+
+    def test_nothing_leaks(self):
+        self.make_machine(plant_at_edges())
+        expected = {"README", "doctor.json", "doctor.txt", "versions.txt", "units.txt", "settings.txt",
+                    "journal.txt", "trace/ktclientd.log", "trace/ktclientd.log.1",
+                    "trace/ktclientd.log.crash"}
+        answers = {"answers/hardware.json", "answers/igel.json"}
+        # Nothing would be found in a report that holds nothing: the secrets are all there.
+        readme, members = self.report("--no-redact", "--yes")
+        self.assertEqual(set(members), expected)
+        self.assertIn("NOTHING IS REDACTED", readme)
+        self.assertIn("secrets", self.complaints)
+        for name in expected - {"README", "doctor.json", "doctor.txt", "versions.txt"}:
+            missing = [secret for secret in fragments() if secret not in members[name].lower()]
+            self.assertEqual(missing, [], name)
+
+        readme, members = self.report("--include-answers")
+        self.assertEqual(set(members), expected | answers)
+        self.assert_no_secret(members)
+        self.assertEqual(self.complaints, "")
+        for name in expected - {"README", "doctor.json", "doctor.txt"}:
+            self.assertIn(READS_MARKER.encode(), members[name], name)
+        self.assertRegex(members["trace/ktclientd.log"], rb"\n<line of 1048577 bytes left out>\n")
+        self.assertRegex(members["answers/hardware.json"], rb'"bios_serial_number":"<serial-number-\d+>"')
+        for name in ("doctor.json", *answers):
+            json.loads(members[name])
+        host = re.search(rb"\(<host-\d+>\)", members["journal.txt"])[0]
+        self.assertIn(host, members["trace/ktclientd.log"])
+        counts = dict(re.findall(r"^  ([a-z0-9-]+) +(\d+)$", readme, re.M))
+        for rule in ("email", "ipv4", "ipv6", "mac", "uuid", "pem", "token", "host", "user", "home",
+                     "machine-id", "serial-number", "asset-tag", "domain"):
+            self.assertGreater(int(counts[rule]), 9, readme)
+
+    @unittest.skipIf(os.geteuid() != 0, "takes a second user")
+    def test_without_permission_nothing_leaks_and_the_advice_is_given(self):
+        self.make_machine()
+        readme, members = self.report("--include-answers", user=NOBODY)
+        self.assertNotIn("trace/ktclientd.log", members)
+        self.assert_no_secret(members)
+        self.assertRegex(readme, r"ktclientd\.log: .*denied.*\n +Run it with sudo")
+
+    def test_end_of_a_long_text_begins_with_a_whole_record(self):
+        self.make_machine()
+        secret = b"plantedpassw0rd\n  more of its record\n"  # what is read begins with it
+        for path, member, size, end, record in (
+                (self.folder / "journal", "journal.txt", 1000000, b"exit status 0\n",
+                 b"2026-11-21T10:00:00+0000 ktclientd[7]: harmless\n"),
+                (self.daemon.folder / "ktclientd.log.1", "trace/ktclientd.log.1", (16 << 20) + 1, b"",
+                 (TRACE % "harmless").encode())):
+            kept = record + b"-" * ((size - len(secret + end + record) - 1) % len(record)) + b"\n"
+            kept += record * ((size - len(secret + end + kept)) // len(record))
+            path.write_bytes(b"filler\n" * 99 + b"password=" + secret + kept)
+            _, members = self.report()
+            self.assertEqual(members[member], kept + end)
+
+    def test_rules_can_be_added(self):
+        self.make_machine()
+        rules = self.folder / "rules"
+        rules.write_text("# words\nproject harmless (words)\n")
+        readme, members = self.report(f"--rules={rules}")
+        self.assertIn(b"harmless <project-1> stay", members["journal.txt"])
+        self.assertRegex(readme, r"(?m)^  project +\d\d+$")
+
+    def test_what_cannot_be_done_is_said_and_writes_nothing(self):
+        rules, taken = self.folder / "rules", self.folder / "taken"
+        rules.write_text("project (\n")
+        taken.write_text("mine")
+        for status, words in ((2, ["--output"]), (2, ["--output="]), (2, ["--no-redact"]), (2, ["--x"]),
+                              (2, ["more"]), (2, [f"--rules={rules}"]), (2, ["--rules=/none"]),
+                              (3, [f"--output={taken}"]), (3, ["--output=/none/report"])):
+            result = ctl("report", "--socket=/none", *words, cwd=self.folder,
+                         stdin=subprocess.DEVNULL)
+            self.assertEqual((result.returncode, result.stdout), (status, ""), words)
+            self.assertRegex(result.stderr, r"^ktclientctl: [^\n]*\n$", words)
+        self.assertEqual(taken.read_text(), "mine")
+        self.assertEqual(len(os.listdir(self.folder)), 2)
+
+    def test_terminal_is_asked_and_sees_the_progress(self):
+        for answer, status, count in (b"\n", 1, 0), (b"n\n", 1, 0), (b"\x04", 1, 0), (b"y\n", 0, 1):
+            ours, terminal = pty.openpty()
+            with subprocess.Popen([BIN / "ktclientctl", "report", "--socket=/none", "--no-redact"],
+                                  cwd=self.folder, stdin=terminal, stderr=terminal,
+                                  stdout=subprocess.PIPE, env=clean_environment({})) as process:
+                os.close(terminal)
+                shown = b""
+                while b"[y/N]" not in shown:
+                    shown += os.read(ours, 4096)
+                os.write(ours, answer)
+                with contextlib.suppress(OSError):  # the end of a terminal
+                    while piece := os.read(ours, 4096):
+                        shown += piece
+                os.close(ours)
+                printed = process.stdout.read().decode()
+            self.assertEqual((process.returncode, len(os.listdir(self.folder))), (status, count), shown)
+            self.assertEqual(shown.count(b"Looking at the journal"), count)
+        [name] = os.listdir(self.folder)
+        self.assertEqual(printed, f"{name}\n")
+        host = re.sub("[^A-Za-z0-9.-]", "_", socket.gethostname())
+        self.assertRegex(name, rf"^ktclientd-report-{re.escape(host)}-\d{{8}}_\d{{6}}\.tar\.gz$")
+
+    def test_what_hangs_is_left_out(self):
+        self.make_machine(journal="exec sleep 1000")
+        self.daemon.log.unlink()
+        os.mkfifo(self.daemon.log)
+        readme, members = self.report()
+        self.assertRegex(readme, r"The journal: .*longer than \d+ s")
+        self.assertRegex(readme, r"ktclientd\.log: .*not a regular file")
+        self.assertEqual({"journal.txt", "trace/ktclientd.log"} & set(members), set())
+        self.assertIn("trace/ktclientd.log.1", members)
+
+
+if __name__ == "__main__":
+    unittest.main()
