@@ -1,6 +1,6 @@
 #!/bin/bash
-# Boots a minimal Debian in a container, installs the package from build/package/ there
-# (scripts/package.sh makes it) and runs debian/tests/. The tree of that Debian stays in build/; the
+# Boots a minimal Debian in a container, installs the packages from build/package/ there
+# (scripts/package.sh makes them) and runs debian/tests/. The tree of that Debian stays in build/; the
 # container works on a copy in memory. Needs root.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")/.."
@@ -17,16 +17,17 @@ folder=$PWD/build/package-test
 serial=KT-0042-TEST
 
 scripts/setup.sh
-packages=(build/package/ktclientd_*.deb)
+packages=(build/package/ktclientd_*.deb build/package/ktclientd-support_*.deb)
 if [[ ! -e ${packages[0]} ]]; then
-  echo "test-package: there is no package; run scripts/package.sh first" >&2
+  echo "test-package: there are no packages; run scripts/package.sh first" >&2
   exit 1
 fi
 
-# The packages that the package and its tests depend on, for the Debian release of this machine.
+# The packages that the packages and their tests depend on, for the Debian release of this machine.
 suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 wanted=$({
   echo systemd-sysv,dbus,procps,dmidecode
+  dpkg-deb --field "${packages[1]}" Depends | sed 's/ktclientd ([^)]*),*//; s/([^)]*)//g; s/ //g'
   sed -n 's/^Depends: @, //p' debian/tests/control | tr --delete ' '
 } | paste --serial --delimiters=,)
 tree=$folder/$suite-$(sha256sum <<<"$wanted" | cut --characters=1-12)
@@ -55,6 +56,7 @@ trap cleanUp EXIT
 trap 'exit 130' INT TERM
 
 cp "${packages[0]}" "$data/package.deb"
+cp "${packages[1]}" "$data/support.deb"
 echo "$serial" >"$data/serial"
 # The dump holds the entry point, padded to 32 bytes, and then the structures. The kernel shows the
 # two as separate files.

@@ -1,8 +1,8 @@
 #!/bin/bash
-# Installs the package in the container that scripts/test-package.sh boots, and runs its tests:
+# Installs the packages in the container that scripts/test-package.sh boots, and runs its tests:
 #
 #   /source   the tree
-#   /data     the package, and the firmware's tables of an invented machine
+#   /data     the packages, and the firmware's tables of an invented machine
 set -euo pipefail
 cd /source
 
@@ -44,6 +44,11 @@ dpkg --install /data/package.deb
 ktclientctl hardware
 expect "daemon is another one" yes \
   "$([[ $(systemctl show --value --property=MainPID ktclientd.service) != "$pid" ]] && echo yes)"
+
+step "Install what makes reports"
+expect "without it, the package is named" yes \
+  "$(ktclientctl report 2>&1 | grep --quiet ktclientd-support && echo yes)"
+dpkg --install /data/support.deb
 
 for name in $(sed -n 's/^Tests: //p' debian/tests/control); do
   step "$name"

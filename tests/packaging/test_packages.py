@@ -9,8 +9,15 @@ import tempfile
 import unittest
 
 LIST = pathlib.Path(__file__).parent / "deb.list"
+DEBS = ["ktclientd", "ktclientd-support"]
 FOLDER = "drwxr-xr-x root/root "
 OF_DEBIAN = re.compile("/changelog.gz$|/copyright$|/lintian/")  # not in the archive
+# The shared libraries of each program, besides the dynamic linker. A new one makes the package need
+# another package, on every minimal system.
+C = {"libc.so.6", "libgcc_s.so.1", "libstdc++.so.6"}
+NEEDED = {"ktclientd": {"usr/sbin/ktclientd": C | {"libsystemd.so.0"}, "usr/bin/ktclientctl": C},
+          "ktclientd-support": {"usr/libexec/ktclientd/ktclientctl-report":
+                                C | {"libarchive.so.13", "libre2.so.9"}}}
 PACKAGES = pathlib.Path(os.environ["KTCLIENTD_PACKAGES"]).resolve()
 
 
@@ -24,7 +31,8 @@ def run(*command):
 
 
 class Contents(unittest.TestCase):
-    """deb.list has mode, owner and path of each file; REWRITE=1 in the environment renews it."""
+    """deb.list has package, mode, owner and path of each file; REWRITE=1 in the environment renews
+    it."""
 
     def files(self, *command):
         """The files that the command lists. No folder is empty or has a mode of its own."""
@@ -37,15 +45,27 @@ class Contents(unittest.TestCase):
         return files
 
     def test_packages_hold_the_listed_files(self):
-        deb = self.files("dpkg-deb", "--contents", only("ktclientd_*.deb"))
+        debs = {name: self.files("dpkg-deb", "--contents", only(f"{name}_*.deb")) for name in DEBS}
+        found = [f"{name}: {line}" for name in DEBS
+                 for line in sorted(debs[name], key=lambda line: line.split()[2])]
         if os.environ.get("REWRITE"):
-            by_path = sorted(deb, key=lambda line: line.split()[2])
-            LIST.write_text("".join(f"{line}\n" for line in by_path))
-        self.assertEqual(set(LIST.read_text().splitlines()), deb)
+            LIST.write_text("".join(f"{line}\n" for line in found))
+        self.assertEqual(LIST.read_text().splitlines(), found)
         # In the archive the units are in /usr/lib and no manual is compressed.
         archive = self.files("tar", "--list", "--verbose", "--gzip", "--file", only("*.tar.gz"))
         self.assertEqual(archive, {line.replace(" /lib/", " /usr/lib/").removesuffix(".gz")
-                                   for line in deb if not OF_DEBIAN.search(line)})
+                                   for line in set().union(*debs.values())
+                                   if not OF_DEBIAN.search(line)})
+
+    def test_programs_need_only_these_libraries(self):
+        for name, programs in NEEDED.items():
+            with tempfile.TemporaryDirectory() as folder:
+                run("dpkg-deb", "--extract", only(f"{name}_*.deb"), folder)
+                for program, libraries in programs.items():
+                    found = re.findall(r"\(NEEDED\) .*\[(.*)\]",
+                                       run("readelf", "--dynamic", f"{folder}/{program}"))
+                    self.assertEqual({library for library in found if not library.startswith("ld-")},
+                                     libraries, program)
 
 
 class Archive(unittest.TestCase):
