@@ -30,7 +30,7 @@ struct Grammar {
     AddCommand(app, "send", "Any request: send JSON; \"-\" reads it from standard input")
         ->add_option("JSON", json)
         ->required();
-    AddCommand(app, "doctor", "Find out why requests fail")
+    AddCommand(app, "doctor", "Find out why requests fail; --json prints JSON")
         ->add_flag("--json", isJson, "Print the results as JSON");
     // Listed for the help only: another program has it.
     AddCommand(app, "report", "An archive for the support: see ktclientctl report --help");

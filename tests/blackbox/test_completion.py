@@ -29,7 +29,7 @@ class CompletionTest(Case):
     def test_options_are_those_of_the_programs(self):
         for program in ("ktclientd", "ktclientctl"):
             usage = run(BIN / program, "--help", check=True).stdout.partition("\n")[2]
-            options = set(re.findall(r"(?<= )--[\w-]+=?", usage))
+            options = set(re.findall(r"(?m)^  (--[\w-]+=?)", usage))
             options -= {option.removesuffix("=") for option in options if option[-1] == "="}
             self.assertEqual(self.complete(f"{program} --")[0], sorted(options))
 
@@ -42,6 +42,8 @@ class CompletionTest(Case):
                 ("ktclientctl --socket=kt.", ["kt.d", "kt.sock"], True),
                 ("ktclientctl --trace-level=", list("012345"), True),
                 ("ktclientctl --compact --socket=kt.sock i", ["igel"], True),
+                ("ktclientctl doctor --j", ["--json"], True),
+                ("ktclientctl report --output=kt.s", ["kt.sock"], True),
                 ("ktclientd --so", ["--socket="], False),
                 ("ktclientd --trace-c", ["--trace-console"], True),
                 ("ktclientd --activated --trace-file=kt.s", ["kt.sock"], True),
@@ -50,7 +52,8 @@ class CompletionTest(Case):
                 ("ktclientd --trace-file-prefix=t", ["true"], True)):
             with self.subTest(line=line):
                 self.assertEqual(self.complete(line), (candidates, space))
-        for line, words in (("ktclientctl ", ["hardware", "igel", "send"]),
+        for line, words in (("ktclientctl ", ["doctor", "hardware", "igel", "native-host", "report",
+                                              "send"]),
                             ("ktclientctl send ", ["-"]), ("ktclientctl hardware ", [])):
             candidates, _ = self.complete(line)
             self.assertEqual([word for word in candidates if word[:2] != "--"], words)
