@@ -43,7 +43,7 @@ class FileManager {
 
   // Makes one folder. It has this owner and exactly this mode, whatever the umask, from the moment
   // at which it appears under its name. The parent folder must exist and be readable; its errors
-  // have its path.
+  // have its path. Needs /proc.
   void MakeFolder(std::string const& path, mode_t mode) const;
 
   enum class IfExists { Replace, Refuse };
