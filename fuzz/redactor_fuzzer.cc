@@ -45,7 +45,7 @@ void Require(bool condition) {
 }
 
 bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
-  return !std::ranges::search(text, part, {}, Base::ToLower, Base::ToLower).empty();
+  return Base::LowerCased(text).find(Base::LowerCased(part)) != std::string::npos;
 }
 
 std::string RedactInPieces(Support::Redactor& redactor, std::string_view text, std::size_t size) {

@@ -64,9 +64,12 @@ std::size_t FindBlockEnd(std::string_view text, std::size_t start) {
   constexpr std::size_t maxLabelLength = 80;
   Marker const marker = FindMarker(text, endWord, start);
   if (marker.begin == npos) return npos;
-  std::size_t const dashes = text.substr(0, marker.end + maxLabelLength).find("----", marker.end);
+  std::string_view const label = text.substr(0, marker.end + maxLabelLength);
+  std::size_t const dashes = label.find("----", marker.end);
   if (dashes == npos) return marker.end;
-  return std::min(text.find_first_not_of('-', dashes), text.size());
+  // The dashes may be those of the next block.
+  std::size_t const end = std::min(text.find_first_not_of('-', dashes), text.size());
+  return std::min(end, FindMarker(label, beginWord, marker.end).begin);
 }
 
 bool IsTraceLine(std::string_view line) {

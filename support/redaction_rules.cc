@@ -8,8 +8,8 @@
 #include "base/text.h"
 
 // The expressions see one line as bytes. Each one describes its value and what stands around it;
-// the value is a group. A match may share up to eight bytes behind its value with the next match,
-// so the text on the right is described in few bytes.
+// the value is a group. What stands behind the value is described in few bytes, because the next
+// match may share at most 40 bytes with this one.
 //
 // The same fact reaches a bundle in several forms: plain; as a value of JSON; as a value of JSON
 // that is text in another JSON value, so that each quote has a backslash, or three; in the trace,

@@ -32,9 +32,9 @@
 // One set of all expressions says first which of them match the line at all: most lines match few.
 // The set is one automaton. When it needs too much memory, all expressions are tried.
 //
-// RE2 takes time linear in the line for one search. To search for the next value must not begin
-// far before the end of the last match, else a long context on the right would be read for each
-// value, and the time would be quadratic.
+// RE2 takes time linear in the line for one search. The search for the next value must not begin
+// far before the end of the last match: a long value or context would be read again and again, and
+// the time would be quadratic.
 
 namespace Support {
 
@@ -44,8 +44,8 @@ constexpr std::size_t maxRulesFileSize = std::size_t{1} << 20U;
 constexpr std::size_t maxNameLength = 32;
 constexpr std::size_t minSecretLength = 3;
 constexpr std::size_t maxValues = 100'000;
-constexpr std::size_t maxKeyLength = 64;
-constexpr std::size_t maxSharedContext = 8;
+constexpr std::size_t maxTableKeyLength = 64;
+constexpr std::size_t maxOverlap = 40;  // of two matches of a rule
 
 re2::StringPiece ToPiece(std::string_view text) { return {text.data(), text.size()}; }
 
@@ -81,6 +81,7 @@ struct CompiledRule {
   std::unique_ptr<RE2> expression;
   bool ignoresCase = false;
   decltype(BuiltInRule::refine) refine = nullptr;
+  bool mayEndInKey = false;  // in 'password:"token":"x"' the first value is the key of another one
 };
 
 std::unique_ptr<RE2> Compile(Redactor::Rule const& rule) {
@@ -192,9 +193,9 @@ std::string JsonEscaped(std::string const& text, bool onlyAscii) {
 
 // A short key for a value of any length.
 std::string KeyOf(std::string_view value) {
-  if (value.size() <= maxKeyLength) return std::string(value);
+  if (value.size() <= maxTableKeyLength) return std::string(value);
   return std::to_string(std::hash<std::string_view>()(value)) + ":" + std::to_string(value.size()) +
-         ":" + std::string(value.substr(0, maxKeyLength / 2));
+         ":" + std::string(value.substr(0, maxTableKeyLength / 2));
 }
 
 }  // namespace
@@ -204,17 +205,18 @@ class Redactor::Implementation {
   explicit Implementation(Options options) : _options(options) {
     GetName(pemRule);
     for (BuiltInRule const& rule : GetBuiltInRules()) {
-      Add(Compile({rule.name, rule.pattern}), rule.name, rule.ignoresCase, rule.refine);
+      Add(Compile({rule.name, rule.pattern}), rule.name, rule.ignoresCase, rule.refine,
+          rule.refine == nullptr);
     }
     _urlLogin = GetName(urlLoginRule);
     _email = GetName(emailRule);
   }
 
   void Add(std::unique_ptr<RE2> expression, std::string const& name, bool ignoresCase = false,
-           decltype(BuiltInRule::refine) refine = nullptr) {
+           decltype(BuiltInRule::refine) refine = nullptr, bool mayEndInKey = false) {
     _groups.resize(std::max(_groups.size(),
                             static_cast<std::size_t>(expression->NumberOfCapturingGroups()) + 1));
-    _rules.push_back({GetName(name), std::move(expression), ignoresCase, refine});
+    _rules.push_back({GetName(name), std::move(expression), ignoresCase, refine, mayEndInKey});
     _isFilterCurrent = false;
   }
 
@@ -318,8 +320,8 @@ class Redactor::Implementation {
         for (Span const& span : _spans)
           _found.push_back({span.begin, span.end, index + 1, rule.name, rule.ignoresCase, nullptr});
       }
-      std::size_t const sharedContext = end > maxSharedContext ? end - maxSharedContext : 0;
-      start = std::max({value.end, sharedContext, start + 1});
+      std::size_t const next = rule.mayEndInKey ? value.begin : value.end;
+      start = std::max({next, end - std::min(end, maxOverlap), start + 1});
     }
   }
 
