@@ -82,12 +82,11 @@ void RefineIpv6(std::string_view line, Span found, std::vector<Span>& spans) {
 
 // The values of "a=1&b=2"; a part without "=" is a value itself.
 void RefineQuery(std::string_view line, Span found, std::vector<Span>& spans) {
-  constexpr std::string_view escapedAmpersand = "\\u0026";
+  constexpr std::string_view escapedAmpersand = "\\u0026";  // the only backslash in a query
   std::size_t begin = found.begin;
   while (begin < found.end) {
     std::string_view const rest = line.substr(begin, found.end - begin);
-    std::size_t const stop =
-        std::min({rest.find_first_of("&;"), rest.find(escapedAmpersand), rest.size()});
+    std::size_t const stop = std::min(rest.find_first_of("&;\\"), rest.size());
     std::string_view const part = rest.substr(0, stop);
     auto const equals = part.find('=');
     std::size_t const value = equals == std::string_view::npos ? 0 : equals + 1;
@@ -123,7 +122,8 @@ void RefineRun(std::string_view line, Span found, std::vector<Span>& spans) {
   if (isRandom) spans.push_back(found);
 }
 
-void AddMachineRules(std::vector<BuiltInRule>& rules) {
+std::vector<BuiltInRule> GetMachineRules() {
+  std::vector<BuiltInRule> rules;
   // A trace line is whole, and nothing in it is escaped: the value ends with the line's fields.
   std::string const toEndOfFields = R"(([^"].*?)(?:" \}\s*$|$))";
   std::string const inJson = R"(\\"((?:[^"\\]|\\{1,2}[^"\\]|\\{3}.)+))";
@@ -141,27 +141,26 @@ void AddMachineRules(std::vector<BuiltInRule>& rules) {
                    ValueOf(before + "(?:id_)?serial(?:_short)?", R"(\s*=\s*([^\s"'\\,;]+))")});
   rules.push_back({"hex-dump", R"(dataHex:\\*"([0-9A-Fa-f]+))", true});
   rules.push_back({"hex-dump", R"([A-Za-z]Hex:\\*"([0-9A-Fa-f]{9,}))", true});
+  return rules;
 }
 
-void AddCertificateRules(std::vector<BuiltInRule>& rules) {
+std::vector<BuiltInRule> GetCertificateRules() {
+  std::vector<BuiltInRule> rules;
   rules.push_back({"certificate", R"((?i)^\s*(?:subject|issuer)\s*[:=]\s*(.*\S))"});
   rules.push_back({"certificate", ValueOf(before + "(?:subject|issuer)")});
   rules.push_back({"certificate", "(?i)" + before +
                                       R"((?:subject|issuer)\s*=\s*)"
                                       R"(((?:=\s*\\*"[^"]*"|[^"\\]|\\[^nr"])+))"});
-  rules.push_back({"certificate", before + R"(CN\s?=\s?([^,"\\/+]*[^,"\\/+\s]))"});
+  rules.push_back({"certificate", before + R"(CN ?= ?([^,"\\/+]*[^,"\\/+\s]))"});
   rules.push_back({"fingerprint",
                    R"((?i)(?:thumbprint\w*|fingerprint)["'\\]*\s*[:=]\s*["'\\]*([^\s"'\\,;{}]+))",
                    true});
   rules.push_back({"fingerprint", before + "(SHA256:[A-Za-z0-9+/]{43})"});
-  rules.push_back(
-      {"fingerprint", before + "((?:[0-9A-Fa-f]{2}[:-]){7,}[0-9A-Fa-f]{2})" + after, true});
-  rules.push_back(
-      {"fingerprint", before + "((?:[0-9A-Fa-f]{2} ){15,}[0-9A-Fa-f]{2})" + after, true});
-  rules.push_back({"fingerprint", before + "([0-9A-Fa-f]{40,})" + after, true});
+  return rules;
 }
 
-void AddUrlRules(std::vector<BuiltInRule>& rules) {
+std::vector<BuiltInRule> GetUrlRules() {
+  std::vector<BuiltInRule> rules;
   std::string const slashes = R"(:\\*/\\*/)";
   rules.push_back({urlLoginRule, slashes + R"(([^\s/?#"<>]+)@)"});
   // A password with an unescaped "/", "?" or "#". After a host stands a port, which is digits.
@@ -172,9 +171,11 @@ void AddUrlRules(std::vector<BuiltInRule>& rules) {
       {"url-value", slashes + R"([^\s"<>?#\\]*\?((?:[^\s"<>\\#]|\\u0026)+))", false, RefineQuery});
   rules.push_back({"url-value", R"([?#]([A-Za-z0-9_.~\[\]%*+-]+=(?:[^\s"<>\\#]|\\u0026)*))", false,
                    RefineQuery});
+  return rules;
 }
 
-void AddTokenRules(std::vector<BuiltInRule>& rules) {
+std::vector<BuiltInRule> GetTokenRules() {
+  std::vector<BuiltInRule> rules;
   std::string const any = R"(["'\\]*\s*[:=]\s*((?:[^\s"'\\,;]|\\[^"\s]|[,;'"][A-Za-z0-9])+))";
   rules.push_back({"token", ValueOf("(?:passw(?:or)?d|passphrase|passcode|passwort|kennwort|secret)"
                                     R"(\w{0,16})",
@@ -204,14 +205,29 @@ void AddTokenRules(std::vector<BuiltInRule>& rules) {
                    R"((?:[a-z]{1,12}[^A-Za-z0-9+/]{1,3}){0,3}?)"
                    R"(([A-Za-z0-9+/_-]{16,}={0,2}))",
                    false, RefineRun});
+  return rules;
 }
 
-void AddAddressRules(std::vector<BuiltInRule>& rules) {
+std::vector<BuiltInRule> GetPersonRules() {
+  std::vector<BuiltInRule> rules;
   rules.push_back({emailRule,
                    before + R"(([A-Za-z0-9_%+~\x80-\xff-][A-Za-z0-9_%+~'.\x80-\xff-]*(?:@|%40))"
                             R"((?:\[[0-9A-Fa-f:.]+\]|(?:[A-Za-z0-9\x80-\xff-]+\.)+)"
                             R"([A-Za-z\x80-\xff]{2,})))",
                    true, RefineEmail});
+  rules.push_back({"uuid",
+                   R"((?i)(?:machine|boot|invocation)[-_ ]?id["'\\]*\s*[:=]\s*["'\\]*)"
+                   "([0-9A-Fa-f]{32})",
+                   true});
+  // The name ends before a full stop at the end of a sentence.
+  std::string const slash = R"((?:\\*/|%2[fF]))";
+  rules.push_back({"user", slash + "(?:home|Users)" + slash +
+                               R"(([^\s/"'\\:,;<>()\[\]{}|%&?#]*[^\s/"'\\:,;<>()\[\]{}|%&?#.]))"});
+  return rules;
+}
+
+std::vector<BuiltInRule> GetAddressRules() {
+  std::vector<BuiltInRule> rules;
   std::string const octet = "(?:25[0-5]|2[0-4][0-9]|1[0-9]{2}|[1-9]?[0-9])";
   std::string const v4 = octet + R"((?:\.)" + octet + "){3}";
   rules.push_back(
@@ -234,26 +250,35 @@ void AddAddressRules(std::vector<BuiltInRule>& rules) {
                    before + "([0-9A-Fa-f]{8}(?:" + hyphen + "[0-9A-Fa-f]{4}){3}" + hyphen +
                        "[0-9A-Fa-f]{12})" + after,
                    true});
-  rules.push_back({"uuid",
-                   R"((?i)(?:machine|boot|invocation)[-_ ]?id["'\\]*\s*[:=]\s*["'\\]*)"
-                   "([0-9A-Fa-f]{32})",
-                   true});
-  // The name ends before a full stop at the end of a sentence.
-  std::string const slash = R"((?:\\*/|%2[fF]))";
-  rules.push_back({"user", slash + "(?:home|Users)" + slash +
-                               R"(([^\s/"'\\:,;<>()\[\]{}|%&?#]*[^\s/"'\\:,;<>()\[\]{}|%&?#.]))"});
+  rules.push_back(
+      {"fingerprint", before + "((?:[0-9A-Fa-f]{2}[:-]){7,}[0-9A-Fa-f]{2})" + after, true});
+  rules.push_back(
+      {"fingerprint", before + "((?:[0-9A-Fa-f]{2} ){15,}[0-9A-Fa-f]{2})" + after, true});
+  rules.push_back({"fingerprint", before + "([0-9A-Fa-f]{40,})" + after, true});
+  return rules;
+}
+
+// Matches what one of the rules matches.
+std::string AnyOf(std::vector<BuiltInRule> const& rules) {
+  std::string any;
+  for (BuiltInRule const& rule : rules) any += (any.empty() ? "(?:" : "|(?:") + rule.pattern + ")";
+  return any;
 }
 
 }  // namespace
 
-std::vector<BuiltInRule> GetBuiltInRules() {
-  std::vector<BuiltInRule> rules;
-  AddMachineRules(rules);
-  AddCertificateRules(rules);
-  AddUrlRules(rules);
-  AddTokenRules(rules);
-  AddAddressRules(rules);
-  return rules;
+std::vector<RuleGroup> GetBuiltInRules() {
+  std::vector<BuiltInRule> const addresses = GetAddressRules();
+  return {
+      {"(?i)serial|output:|hex:", GetMachineRules()},
+      {"(?i)subject|issuer|print|cn ?=|sha256:", GetCertificateRules()},
+      {R"((?i):\\*/|%3a%2f|[?#])", GetUrlRules()},
+      {R"((?i)pass|pwd|kennwort|secret|key|token|authorization|cookie|bearer|negotiate|ntlm|basic|)"
+       R"(eyj|\$|credential|signature|nonce|session)",
+       GetTokenRules()},
+      {"(?i)@|%40|home|users|machine|boot|invocation", GetPersonRules()},
+      {AnyOf(addresses), addresses},
+  };
 }
 
 }  // namespace Support

@@ -23,7 +23,14 @@ struct BuiltInRule {
   void (*refine)(std::string_view line, Span found, std::vector<Span>& spans) = nullptr;
 };
 
-std::vector<BuiltInRule> GetBuiltInRules();
+// Rules that are tried together. A line that does not match the hint matches none of them: one
+// search in place of many, because most lines hold nothing to replace.
+struct RuleGroup {
+  std::string hint;
+  std::vector<BuiltInRule> rules;
+};
+
+std::vector<RuleGroup> GetBuiltInRules();
 
 // Rules that are more than an expression on a line.
 inline constexpr char const* pemRule = "pem";

@@ -1,7 +1,6 @@
 #include "support/redactor.h"
 
 #include <re2/re2.h>
-#include <re2/set.h>
 
 #include <algorithm>
 #include <bitset>
@@ -10,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -29,8 +27,9 @@
 //   merge    Values that overlap become one: its text is that of all of them.
 //   replace  The value gets its placeholder, from the table of all values so far.
 //
-// One set of all expressions says first which of them match the line at all: most lines match few.
-// The set is one automaton. When it needs too much memory, all expressions are tried.
+// The built-in rules are in groups, and an expression for each group says first whether the line
+// can hold any of its values. One RE2::Set for all rules would do the same, but in text that is not
+// as uniform as a trace it builds states all the time, a hundred times slower.
 //
 // RE2 takes time linear in the line for one search. The search for the next value must not begin
 // far before the end of the last match: a long value or context would be read again and again, and
@@ -49,14 +48,11 @@ constexpr std::size_t maxOverlap = 40;  // of two matches of a rule
 
 re2::StringPiece ToPiece(std::string_view text) { return {text.data(), text.size()}; }
 
-RE2::Options MakeOptions(std::int64_t maxMemory) {
+RE2::Options MakeOptions() {
   RE2::Options options(RE2::Latin1);
   options.set_log_errors(false);
-  options.set_max_mem(maxMemory);
   return options;
 }
-
-RE2::Options RuleOptions() { return MakeOptions(std::int64_t{4} << 20U); }
 
 Error InvalidRule(std::string const& name, std::string const& reason) {
   return Error("redaction-rule-invalid",
@@ -78,15 +74,21 @@ void CheckName(std::string const& name) {
 
 struct CompiledRule {
   std::size_t name = 0;
+  std::size_t priority = 0;  // that of Found
   std::unique_ptr<RE2> expression;
   bool ignoresCase = false;
   decltype(BuiltInRule::refine) refine = nullptr;
   bool mayEndInKey = false;  // in 'password:"token":"x"' the first value is the key of another one
 };
 
+struct Group {
+  std::unique_ptr<RE2> hint;  // null: none, all lines are searched
+  std::vector<CompiledRule> rules;
+};
+
 std::unique_ptr<RE2> Compile(Redactor::Rule const& rule) {
   CheckName(rule.name);
-  auto expression = std::make_unique<RE2>(ToPiece(rule.pattern), RuleOptions());
+  auto expression = std::make_unique<RE2>(ToPiece(rule.pattern), MakeOptions());
   if (!expression->ok()) throw InvalidRule(rule.name, expression->error());
   if (rule.pattern.empty()) throw InvalidRule(rule.name, "the expression is missing");
   return expression;
@@ -164,7 +166,7 @@ class SecretFinder {
     return RE2::PartialMatch(ToPiece(line.substr(begin - length, length)), _escapeAtEnd);
   }
 
-  RE2 _escapeAtEnd{ToPiece(std::string(wordStartPattern) + "$"), RuleOptions()};
+  RE2 _escapeAtEnd{ToPiece(std::string(wordStartPattern) + "$"), MakeOptions()};
   std::vector<Secret> _secrets;
   std::bitset<filterSize> _keys;
   std::unordered_map<std::size_t, std::vector<std::size_t>> _byKey;
@@ -204,20 +206,25 @@ class Redactor::Implementation {
  public:
   explicit Implementation(Options options) : _options(options) {
     GetName(pemRule);
-    for (BuiltInRule const& rule : GetBuiltInRules()) {
-      Add(Compile({rule.name, rule.pattern}), rule.name, rule.ignoresCase, rule.refine,
-          rule.refine == nullptr);
+    for (RuleGroup const& group : GetBuiltInRules()) {
+      _groups.push_back({std::make_unique<RE2>(ToPiece(group.hint), MakeOptions()), {}});
+      for (BuiltInRule const& rule : group.rules) {
+        Add(Compile({rule.name, rule.pattern}), rule.name, rule.ignoresCase, rule.refine,
+            rule.refine == nullptr);
+      }
     }
+    _groups.push_back({});
     _urlLogin = GetName(urlLoginRule);
     _email = GetName(emailRule);
   }
 
+  // Adds a rule to the last group.
   void Add(std::unique_ptr<RE2> expression, std::string const& name, bool ignoresCase = false,
            decltype(BuiltInRule::refine) refine = nullptr, bool mayEndInKey = false) {
-    _groups.resize(std::max(_groups.size(),
-                            static_cast<std::size_t>(expression->NumberOfCapturingGroups()) + 1));
-    _rules.push_back({GetName(name), std::move(expression), ignoresCase, refine, mayEndInKey});
-    _isFilterCurrent = false;
+    auto const groupCount = static_cast<std::size_t>(expression->NumberOfCapturingGroups()) + 1;
+    _submatches.resize(std::max(_submatches.size(), groupCount));
+    _groups.back().rules.push_back(
+        {GetName(name), ++_ruleCount, std::move(expression), ignoresCase, refine, mayEndInKey});
   }
 
   void AddSecret(std::string const& name, std::string const& value) {
@@ -277,38 +284,21 @@ class Redactor::Implementation {
     for (Block const& block : blocks)
       _found.push_back({block.begin, block.end, 0, GetName(pemRule), false, &block.value});
     _secrets.Find(line, _found);
-    if (FilterRules(line)) {
-      for (int const index : _matching) FindRule(static_cast<std::size_t>(index), line);
-    } else {
-      for (std::size_t index = 0; index < _rules.size(); ++index) FindRule(index, line);
+    for (Group const& group : _groups) {
+      if (group.hint != nullptr && !RE2::PartialMatch(ToPiece(line), *group.hint)) continue;
+      for (CompiledRule const& rule : group.rules) FindRule(rule, line);
     }
     Merge(line);
   }
 
-  // Sets `_matching` to the rules that match the line. Returns false when that is not known.
-  bool FilterRules(std::string_view line) {
-    if (!_isFilterCurrent) {
-      _filter.emplace(MakeOptions(std::int64_t{64} << 20U), RE2::UNANCHORED);
-      for (CompiledRule const& rule : _rules) _filter->Add(rule.expression->pattern(), nullptr);
-      if (!_filter->Compile()) _filter.reset();
-      _isFilterCurrent = true;
-    }
-    _matching.clear();
-    if (!_filter) return false;
-    RE2::Set::ErrorInfo error{};
-    bool const isAny = _filter->Match(ToPiece(line), &_matching, &error);
-    return isAny || error.kind == RE2::Set::kNoError;
-  }
-
-  void FindRule(std::size_t index, std::string_view line) {
-    CompiledRule const& rule = _rules[index];
+  void FindRule(CompiledRule const& rule, std::string_view line) {
     int const groupCount = rule.expression->NumberOfCapturingGroups() + 1;
     std::size_t start = 0;
     while (start < line.size() &&
            rule.expression->Match(ToPiece(line), start, line.size(), RE2::UNANCHORED,
-                                  _groups.data(), groupCount)) {
+                                  _submatches.data(), groupCount)) {
       auto const end =
-          static_cast<std::size_t>(_groups[0].data() - line.data()) + _groups[0].size();
+          static_cast<std::size_t>(_submatches[0].data() - line.data()) + _submatches[0].size();
       Span const value = GetValue(line, groupCount);
       if (value.begin < value.end) {
         _spans.clear();
@@ -318,7 +308,8 @@ class Redactor::Implementation {
           _spans.push_back(value);
         }
         for (Span const& span : _spans)
-          _found.push_back({span.begin, span.end, index + 1, rule.name, rule.ignoresCase, nullptr});
+          _found.push_back(
+              {span.begin, span.end, rule.priority, rule.name, rule.ignoresCase, nullptr});
       }
       std::size_t const next = rule.mayEndInKey ? value.begin : value.end;
       start = std::max({next, end - std::min(end, maxOverlap), start + 1});
@@ -327,9 +318,9 @@ class Redactor::Implementation {
 
   // The part of the last match that is to be replaced.
   Span GetValue(std::string_view line, int groupCount) const {
-    auto const* value = &_groups[0];
+    auto const* value = &_submatches[0];
     for (int index = groupCount - 1; index > 0; --index) {
-      auto const& group = _groups[static_cast<std::size_t>(index)];
+      auto const& group = _submatches[static_cast<std::size_t>(index)];
       if (group.data() != nullptr) value = &group;
     }
     auto const begin = static_cast<std::size_t>(value->data() - line.data());
@@ -418,17 +409,15 @@ class Redactor::Implementation {
   Options const _options;
   std::size_t _urlLogin = 0;
   std::size_t _email = 0;
-  std::vector<CompiledRule> _rules;
+  std::vector<Group> _groups;  // the last one for the rules of the user
+  std::size_t _ruleCount = 0;
   SecretFinder _secrets;
   std::vector<Name> _names;
   std::unordered_map<std::string, std::size_t> _nameIndexes;
   std::unordered_map<std::string, std::string> _values;
-  std::optional<RE2::Set> _filter;
-  bool _isFilterCurrent = false;
 
   // Of the line at hand; kept so that a line allocates little.
-  std::vector<int> _matching;
-  std::vector<re2::StringPiece> _groups;
+  std::vector<re2::StringPiece> _submatches;
   std::vector<Span> _spans;
   std::vector<Found> _found;
   std::vector<Found> _merged;
