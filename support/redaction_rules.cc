@@ -109,17 +109,15 @@ void RefineScheme(std::string_view line, Span found, std::vector<Span>& spans) {
   if (std::ranges::find(words, text) == words.end()) spans.push_back(found);
 }
 
-// Random text, not a word, a name or a path: digits and letters, and both cases with a "/".
+// Random text, not a word, a name or a path: it has digits, or a quarter of it is upper-case.
 void RefineRun(std::string_view line, Span found, std::vector<Span>& spans) {
   std::string_view const text = TextOf(line, found);
   bool const hasDigit = std::ranges::any_of(text, IsDigit);
-  bool const hasUpper = std::ranges::any_of(text, IsUpper);
   bool const hasLower = std::ranges::any_of(text, IsLower);
-  bool const isPath = text.find('/') != std::string_view::npos;
-  bool const isRandom =
-      isPath ? hasDigit && hasUpper && hasLower && text.front() != '/'
-             : (hasDigit || (hasUpper && hasLower)) && (hasDigit || IsLower(text[0]));
-  if (isRandom) spans.push_back(found);
+  auto const upperCount = static_cast<std::size_t>(std::ranges::count_if(text, IsUpper));
+  bool const isMixed = hasLower && upperCount * 4 >= text.size();
+  bool const isPath = text.front() == '/' || (text.find('/') != std::string_view::npos && !isMixed);
+  if (!isPath && (hasDigit || isMixed)) spans.push_back(found);
 }
 
 std::vector<BuiltInRule> GetMachineRules() {
@@ -189,6 +187,8 @@ std::vector<BuiltInRule> GetTokenRules() {
   rules.push_back({"token", R"((?i)-(?:password|passwd|passphrase|pass|token|secret|api-key))"
                             R"(\s+([^\s"'\\-][^\s"\\]*))"});
   rules.push_back({"token", R"((?i)-pass(?:in|out)?\s+pass:([^\s"\\]+))"});
+  rules.push_back({"token", R"((?i)(?:\s-u|\s--(?:proxy-)?user)[\s=]*(['"]?[^\s:]+:[^\s"\\]+))"});
+  rules.push_back({"token", before + "(AAAA[A-Z][A-Za-z0-9+/]{24,}={0,2})"});
   // To the end of the line or value: "Digest" has values in quotes.
   rules.push_back({"token", R"((?i)(?:authorization|cookie)\s*[:=]\s*)"
                             R"(((?:=\\*"[^"\\]*\\*"|[^"\\\s]|\s+[^"\\\s])+))"});
@@ -215,10 +215,6 @@ std::vector<BuiltInRule> GetPersonRules() {
                             R"((?:\[[0-9A-Fa-f:.]+\]|(?:[A-Za-z0-9\x80-\xff-]+\.)+)"
                             R"([A-Za-z\x80-\xff]{2,})))",
                    true, RefineEmail});
-  rules.push_back({"uuid",
-                   R"((?i)(?:machine|boot|invocation)[-_ ]?id["'\\]*\s*[:=]\s*["'\\]*)"
-                   "([0-9A-Fa-f]{32})",
-                   true});
   // The name ends before a full stop at the end of a sentence.
   std::string const slash = R"((?:\\*/|%2[fF]))";
   rules.push_back({"user", slash + "(?:home|Users)" + slash +
@@ -254,6 +250,7 @@ std::vector<BuiltInRule> GetAddressRules() {
       {"fingerprint", before + "((?:[0-9A-Fa-f]{2}[:-]){7,}[0-9A-Fa-f]{2})" + after, true});
   rules.push_back(
       {"fingerprint", before + "((?:[0-9A-Fa-f]{2} ){15,}[0-9A-Fa-f]{2})" + after, true});
+  rules.push_back({"uuid", before + "([0-9A-Fa-f]{32})" + after, true});
   rules.push_back({"fingerprint", before + "([0-9A-Fa-f]{40,})" + after, true});
   return rules;
 }
@@ -274,9 +271,9 @@ std::vector<RuleGroup> GetBuiltInRules() {
       {"(?i)subject|issuer|print|cn ?=|sha256:", GetCertificateRules()},
       {R"((?i):\\*/|%3a%2f|[?#])", GetUrlRules()},
       {R"((?i)pass|pwd|kennwort|secret|key|token|authorization|cookie|bearer|negotiate|ntlm|basic|)"
-       R"(eyj|\$|credential|signature|nonce|session)",
+       R"(eyj|aaaa|user|-u|\$|credential|signature|nonce|session)",
        GetTokenRules()},
-      {"(?i)@|%40|home|users|machine|boot|invocation", GetPersonRules()},
+      {"(?i)@|%40|home|users", GetPersonRules()},
       {AnyOf(addresses), addresses},
   };
 }

@@ -28,7 +28,8 @@ namespace Support {
 //   url-login       the user name and password of a URL
 //   url-value       the values of a URL's query
 //   token           passwords, tokens, keys
-//   email, ipv4, ipv6, mac, uuid
+//   email, ipv4, ipv6, mac
+//   uuid            also 32 hexadecimal digits, such as the machine ID
 //   user            the name of the user in /home/NAME
 //
 // The rules prefer too much over too little. Times, numbers of processes, versions and paths of the

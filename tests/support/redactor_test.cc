@@ -59,7 +59,7 @@ TEST(RedactorTest, AddressesArePlaceholdersWhereverTheyStand) {
       {"1b4e28ba-2fa1-11d2-883f-0016d3cca427 by\\x2duuid\\x2d1B4E28BA\\x2d2fa1\\x2d11d2\\x2d883f"
        "\\x2d0016d3cca427.device",
        "<uuid-1> by\\x2duuid\\x2d<uuid-2>.device"},
-      {"_BOOT_ID=0123456789abcdef0123456789abcdef", "_BOOT_ID=<uuid-1>"},
+      {"/var/log/journal/0123456789abcdef0123456789abcdef/x", "/var/log/journal/<uuid-1>/x"},
   });
 }
 
@@ -110,6 +110,8 @@ TEST(RedactorTest, TokensAndTheSecretPartsOfUrlsAreReplaced) {
       {R"("{\"secret\":\"a\\\"b\",\"api_key\":\"c\"}" --token d -passin pass:e)",
        R"("{\"secret\":\"<token-1>\",\"api_key\":\"<token-2>\"}" --token <token-3> -passin )"
        "pass:<token-4>"},
+      {"curl -u a:b ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAABgQC7+/==",
+       "curl -u <token-1> ssh-rsa <token-2>"},
       {"Bearer abc.def authorization: Digest user=\"a\", b=\"c\"",
        "Bearer <token-1> authorization: <token-2>"},
       {"Basic YTpi eyJhbGciOiJI.eyJzdWIi.c2ln $6$salt$0123456789abcdefghij",
