@@ -30,8 +30,7 @@ struct Grammar {
     AddCommand(app, "send", "Any request: send JSON; \"-\" reads it from standard input")
         ->add_option("JSON", json)
         ->required();
-    AddCommand(app, "doctor", "Find out why requests fail; --json prints JSON")
-        ->add_flag("--json", isJson, "Print the results as JSON");
+    AddCommand(app, "doctor", "Find out why requests fail");
     // Listed for the help only: another program has it.
     AddCommand(app, "report", "An archive for the support: see ktclientctl report --help");
     // Browsers add words: the extension's origin; or the path of the host manifest and an id.
@@ -43,14 +42,16 @@ struct Grammar {
     AddSocketOption(app, socket);
     AddOption(app, "--timeout{}", timeout, "=SECONDS",
               "How long to wait for the response (default: 30)");
-    AddOption(app, "--compact", compact, "", "Print the response on one line");
+    AddOption(app, "--compact", compact, "", "Print JSON on one line");
+    AddOption(app, "--json", asJson, "", "Print the results of doctor as JSON");
     ListOption(app, "--trace-console", "", "Print the trace to standard output, too");
     ListOption(app, "--trace-level", "=LEVEL", "The level of the trace, from 0 to 5 (default: 4)");
     ListCommonOptions(app);
 
     app.footer(
         "Exit status: 0 if the status of the response is \"Success\"; 1 if it is another one;\n"
-        "2 for wrong usage; 3 if there is no daemon, no response in time, or a broken one.");
+        "2 for wrong usage; 3 if there is no daemon, no response in time, or a broken one.\n"
+        "Of doctor: 0 if all is well, 1 after a warning, 2 after a failure.");
   }
 
   CLI::App app{"Sends a request to ktclientd and prints the response as JSON.", "ktclientctl"};
@@ -60,7 +61,7 @@ struct Grammar {
   std::string json;
   std::vector<std::string> ignoredWords;
   std::string ignoredWindow;
-  bool isJson = false;  // the option of "doctor"
+  std::string asJson = "false";
 };
 
 bool IsTraceOption(std::string_view word) {
@@ -125,7 +126,7 @@ CommandLine ReadCommandLine(int argc, char const* const* argv) {
   commandLine.timeout = ParseTimeout(grammar.timeout);
   commandLine.compact = IsOn(grammar.compact);
   commandLine.command = grammar.app.get_subcommands()[0]->get_name();
-  commandLine.json = grammar.isJson;
+  commandLine.json = IsOn(grammar.asJson);
   commandLine.request = MakeRequest(commandLine.command, grammar);
   return commandLine;
 }

@@ -20,8 +20,10 @@ namespace {
 
 int Run(CommandLine const& commandLine) {
   if (commandLine.command == "doctor") {
-    return RunDoctor(
-        {.address = commandLine.address, .timeout = commandLine.timeout, .json = commandLine.json});
+    return RunDoctor({.address = commandLine.address,
+                      .timeout = commandLine.timeout,
+                      .json = commandLine.json,
+                      .compact = commandLine.compact});
   }
   if (commandLine.command == "native-host") return RunNativeHost(commandLine);
   return RunRequest(commandLine);

@@ -197,13 +197,15 @@ int RunDoctor(DoctorOptions const& options) {
     ProgressLine line;
     results = RunChecks(options, [&line](std::string_view what) { line.Show(what); });
   }
-  // Bytes of a path that are no UTF-8 become U+FFFD.
-  std::string const text =
-      options.json
-          ? EscapeControls(ToJson(options, results)
-                               .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)) +
-                "\n"
-          : ToText(results, isColoured);
+  std::string text;
+  if (options.json) {
+    // Bytes of a path that are no UTF-8 become U+FFFD.
+    constexpr auto onError = nlohmann::json::error_handler_t::replace;
+    int const indent = options.compact ? -1 : 2;
+    text = EscapeControls(ToJson(options, results).dump(indent, ' ', false, onError)) + "\n";
+  } else {
+    text = ToText(results, isColoured);
+  }
   int const status = Print(text);
   return status == 0 ? GetExitStatus(results) : status;
 }

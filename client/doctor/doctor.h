@@ -18,7 +18,8 @@ struct DoctorOptions {
   Net::Address address;  // as the command line selects it
   // For each check, and for the question to the daemon.
   std::chrono::seconds timeout{30};
-  bool json = false;  // `RunDoctor` prints JSON
+  bool json = false;     // `RunDoctor` prints JSON
+  bool compact = false;  // on one line
 };
 
 // Called on the calling thread: when a check begins and about ten times a second while it runs,

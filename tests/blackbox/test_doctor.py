@@ -129,7 +129,10 @@ class DoctorTest(Case):
         self.assertRegex(text, r"\Aok +platform: .*\n(.*\n)+ok +question: .*\n(.*\n)+\d+ ok, ")
         self.assertNotIn("\x1b", text)
         self.assertNotIn("S1", text)
-        for wrong in (["--json=maybe"], ["more"], ["--timeout=0"]):
+        compact = ctl(f"--socket={daemon.name}", "--json", "--compact", "doctor").stdout
+        self.assertEqual(compact.count("\n"), 1)
+        SCHEMA.validate(json.loads(compact))
+        for wrong in (["--json", "x"], ["more"], ["--timeout=0"]):
             self.assertEqual((ctl("doctor", *wrong).returncode, ctl("doctor", *wrong).stdout),
                              (2, ""))
 
