@@ -109,9 +109,10 @@ std::string GetServiceProperty(Findings const& findings, std::string const& name
   return unit->second.at(name);
 }
 
+// Not by the process number alone: the first process of a container can be the daemon itself.
 bool IsServedBySystemd(Findings const& findings) {
-  return findings.server ? findings.server->pid == 1
-                         : !GetServiceProperty(findings, "ExecStart").empty();
+  bool const isInstalled = !GetServiceProperty(findings, "ExecStart").empty();
+  return isInstalled && (!findings.server || findings.server->pid == 1);
 }
 
 // "{ path=/usr/sbin/ktclientd ; argv[]=..."

@@ -37,7 +37,8 @@ std::map<std::string, Unit> ParseUnits(std::string const& text) {
   return units;
 }
 
-void ReadUnits(Findings& findings) {
+// Returns false where systemctl gives the units to root only: without a bus daemon.
+bool ReadUnits(Findings& findings) {
   CommandResult const result = RunCommand(
       {.words = {"systemctl", "show", "--no-pager",
                  "--property=Id,LoadState,ActiveState,SubState,Result,UnitFileState,"
@@ -46,11 +47,13 @@ void ReadUnits(Findings& findings) {
                  socketUnit, serviceUnit},
        .limit = findings.options.timeout,
        .withErrors = true});
+  if (result.status != 0 && geteuid() != 0) return false;
   if (result.status != 0) {
     throw Support::Error("command-failed",
                          "systemctl failed: " + result.output.substr(0, result.output.find('\n')));
   }
   findings.units = ParseUnits(result.output);
+  return true;
 }
 
 std::vector<std::string> GetWords(std::string const& text) {
@@ -131,7 +134,10 @@ Findings CheckSocketUnit(Findings findings) {
                         "systemd does not run here");
     return findings;
   }
-  ReadUnits(findings);
+  if (!ReadUnits(findings)) {
+    findings.AddNeedsRoot(check, "the units of systemd here");
+    return findings;
+  }
   Unit& unit = findings.units[socketUnit];
   nlohmann::json facts = GetFacts(socketUnit, unit);
   if (AddUnitProblem(findings, check, socketUnit, unit, facts)) return findings;
