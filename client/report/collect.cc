@@ -57,7 +57,8 @@ Support::Error MakeGap(std::string code, std::string const& message) {
 }
 
 // Adds the command's output as a section. Also the output of a command that fails: it says why.
-void AddCommand(Findings& findings, std::string& text, std::vector<std::string> const& words) {
+void AddCommand(ReportFindings& findings, std::string& text,
+                std::vector<std::string> const& words) {
   std::string title;
   for (std::string const& word : words) title += (title.empty() ? "" : " ") + word;
   try {
@@ -78,7 +79,7 @@ void AddCommand(Findings& findings, std::string& text, std::vector<std::string> 
   }
 }
 
-std::optional<std::string> ReadFileInto(Findings& findings, std::string const& path) {
+std::optional<std::string> ReadFileInto(ReportFindings& findings, std::string const& path) {
   try {
     return Support::FileManager::ReadFile(path, maxSmallFile);
   } catch (Support::Error const& err) {
@@ -89,19 +90,19 @@ std::optional<std::string> ReadFileInto(Findings& findings, std::string const& p
   }
 }
 
-Findings CollectDoctor(Net::Address const& address) {
+ReportFindings CollectDoctor(Net::Address const& address) {
   DoctorOptions const options{.address = address, .timeout = checkLimit};
   std::vector<CheckResult> const results = RunChecks(options);
   auto const json = ToJson(options, results);
-  Findings findings;
+  ReportFindings findings;
   findings.members = {
       {"doctor.json", json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n"},
       {"doctor.txt", ToText(results, false)}};
   return findings;
 }
 
-Findings CollectVersions() {
-  Findings findings;
+ReportFindings CollectVersions() {
+  ReportFindings findings;
   std::string text;
   if (auto const release = ReadFileInto(findings, "/etc/os-release"))
     AddSection(text, "/etc/os-release", *release);
@@ -114,8 +115,8 @@ Findings CollectVersions() {
   return findings;
 }
 
-Findings CollectUnits() {
-  Findings findings;
+ReportFindings CollectUnits() {
+  ReportFindings findings;
   std::string text;
   for (char const* unit : {service, socketUnit}) {
     AddCommand(findings, text, {"systemctl", "--no-pager", "cat", unit});
@@ -143,7 +144,7 @@ struct Settings {
 };
 
 // The variables of the unit, overridden by its files, without what the unit removes.
-Settings GetSettings(Findings& findings) {
+Settings GetSettings(ReportFindings& findings) {
   Settings settings;
   std::string text;
   AddCommand(findings, text,
@@ -192,8 +193,8 @@ Settings GetSettings(Findings& findings) {
   return settings;
 }
 
-Findings CollectSettings() {
-  Findings findings;
+ReportFindings CollectSettings() {
+  ReportFindings findings;
   Settings const settings = GetSettings(findings);
   std::string inForce;
   for (auto const& [name, value] : settings.inForce)
@@ -204,8 +205,8 @@ Findings CollectSettings() {
   return findings;
 }
 
-Findings CollectJournal() {
-  Findings findings;
+ReportFindings CollectJournal() {
+  ReportFindings findings;
   std::string const script =
       "{ journalctl --no-pager --no-hostname --utc --output=short-iso --lines=" +
       std::to_string(maxJournalLines) + " --unit=" + service + " --unit=" + socketUnit +
@@ -251,9 +252,9 @@ std::string GetTracePath(Settings const& settings) {
   return folder + name;
 }
 
-Findings CollectTrace() {
-  Findings findings;
-  Findings ignored;  // the step of the settings has told the same
+ReportFindings CollectTrace() {
+  ReportFindings findings;
+  ReportFindings ignored;  // the step of the settings has told the same
   std::string const path = GetTracePath(GetSettings(ignored));
   constexpr std::array<std::string_view, 3> suffixes = {"", ".1", ".crash"};
   for (std::string_view const suffix : suffixes) {
@@ -275,17 +276,17 @@ Findings CollectTrace() {
   return findings;
 }
 
-Findings CollectAnswer(Net::Address const& address, std::string const& sensor) {
-  Findings findings;
+ReportFindings CollectAnswer(Net::Address const& address, std::string const& sensor) {
+  ReportFindings findings;
   findings.members = {{"answers/" + sensor + ".json", AskSensor(address, sensor) + "\n"}};
   return findings;
 }
 
 }  // namespace
 
-std::vector<Step> GetMemberSteps(Net::Address const& address, bool includeAnswers) {
+std::vector<ReportStep> GetMemberSteps(Net::Address const& address, bool includeAnswers) {
   using std::chrono::seconds;
-  std::vector<Step> steps = {
+  std::vector<ReportStep> steps = {
       {"the checks of ktclientctl doctor", seconds(120),
        [address] { return CollectDoctor(address); }},
       {"the versions", seconds(70), CollectVersions},

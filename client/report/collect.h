@@ -10,34 +10,34 @@
 
 // What a report is made of. Nothing here is redacted.
 
-struct Member {
+struct ReportMember {
   std::string path;  // within the report, such as "versions.txt"
   std::string text;
 };
 
 // A value that must not be in a redacted report, wherever it stands.
-struct Secret {
+struct ReportSecret {
   std::string rule;  // under which the redactor counts it
   std::string value;
 };
 
-struct Findings {
-  std::vector<Member> members;
-  std::vector<Secret> secrets;
+struct ReportFindings {
+  std::vector<ReportMember> members;
+  std::vector<ReportSecret> secrets;
   // What could not be had, why, and what the user can do about it.
   std::vector<Support::Error> gaps;
 };
 
 // A part of the work. It blocks, and its thread may be abandoned (client/deadline.h).
-struct Step {
+struct ReportStep {
   std::string what;  // for people: "the journal"
   std::chrono::seconds limit;
-  std::function<Findings()> run;
+  std::function<ReportFindings()> run;
 };
 
 // The steps that find the members of a report, in the order of the members. With `includeAnswers`
 // the answers of the sensors are members, too.
-std::vector<Step> GetMemberSteps(Net::Address const& address, bool includeAnswers);
+std::vector<ReportStep> GetMemberSteps(Net::Address const& address, bool includeAnswers);
 
 // Asks the daemon for the sensor `name` and returns the response, which is JSON as the daemon has
 // written it. Throws Support::Error "no-answer".

@@ -74,18 +74,18 @@ class ProgressLine {
   bool const _isTerminal = isatty(STDERR_FILENO) == 1;
 };
 
-void Append(Findings& all, Findings&& more) {
+void Append(ReportFindings& all, ReportFindings&& more) {
   std::ranges::move(more.members, std::back_inserter(all.members));
   std::ranges::move(more.secrets, std::back_inserter(all.secrets));
   std::ranges::move(more.gaps, std::back_inserter(all.gaps));
 }
 
-void RunSteps(std::vector<Step> const& steps, Findings& findings) {
+void RunSteps(std::vector<ReportStep> const& steps, ReportFindings& findings) {
   ProgressLine progress;
-  for (Step const& step : steps) {
+  for (ReportStep const& step : steps) {
     progress.Show("Looking at " + step.what);
     try {
-      std::optional<Findings> found = RunWithDeadline<Findings>(step.run, step.limit);
+      std::optional<ReportFindings> found = RunWithDeadline<ReportFindings>(step.run, step.limit);
       if (found) {
         Append(findings, std::move(*found));
       } else {
@@ -107,14 +107,14 @@ std::string GetMeaning(std::string_view path) {
 }
 
 // `redactor` is null when nothing is redacted.
-std::string MakeReadme(Findings const& findings, std::chrono::system_clock::time_point time,
+std::string MakeReadme(ReportFindings const& findings, std::chrono::system_clock::time_point time,
                        Support::Redactor* redactor) {
   std::string text(introduction);
   text += "\nMade at ";
   Trace::AppendTimePoint(text, time);
   text += geteuid() == 0 ? " by root" : " by an ordinary user";
   text += ", with version " KTCLIENTD_VERSION ".\n\nWhat is inside:\n\n";
-  for (Member const& member : findings.members) {
+  for (ReportMember const& member : findings.members) {
     text += "  " + member.path +
             std::string(24 - std::min<std::size_t>(member.path.size(), 23), ' ') +
             GetMeaning(member.path) + "\n";
@@ -159,7 +159,7 @@ std::string WriteReport(ReportOptions const& options) {
   if (access(path.c_str(), F_OK) == 0)
     throw Support::Error("file-exists", "The file exists already.").With("path", path);
   std::optional<Support::Redactor> redactor;
-  Findings findings;
+  ReportFindings findings;
   if (options.isRedacted) {
     redactor.emplace();
     if (!options.rulesFile.empty()) redactor->AddRulesFromFile(options.rulesFile);
@@ -167,9 +167,10 @@ std::string WriteReport(ReportOptions const& options) {
   }
   RunSteps(GetMemberSteps(options.address, options.includeAnswers), findings);
   if (redactor) {
-    for (Secret const& secret : findings.secrets) redactor->AddSecret(secret.rule, secret.value);
+    for (ReportSecret const& secret : findings.secrets)
+      redactor->AddSecret(secret.rule, secret.value);
     ProgressLine progress;
-    for (Member& member : findings.members) {
+    for (ReportMember& member : findings.members) {
       progress.Show("Redacting " + member.path);
       member.text = redactor->Redact(member.text);
     }
@@ -177,7 +178,8 @@ std::string WriteReport(ReportOptions const& options) {
   Archive archive(time);
   archive.Add(std::string(folder) + "README",
               MakeReadme(findings, time, redactor ? &*redactor : nullptr));
-  for (Member const& member : findings.members) archive.Add(folder + member.path, member.text);
+  for (ReportMember const& member : findings.members)
+    archive.Add(folder + member.path, member.text);
   Support::FileManager().WriteFile(path, archive.Finish(), 0600,
                                    Support::FileManager::IfExists::Refuse);
   return path;

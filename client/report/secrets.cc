@@ -43,7 +43,7 @@ bool IsPlaceholder(std::string_view value) {
          value.find_first_not_of("0- ") == std::string_view::npos;
 }
 
-void Add(Findings& findings, char const* rule, std::string_view value) {
+void Add(ReportFindings& findings, char const* rule, std::string_view value) {
   value = Base::TrimWhiteSpace(value);
   if (!IsPlaceholder(value)) findings.secrets.push_back({rule, std::string(value)});
 }
@@ -67,7 +67,7 @@ std::string GetOutput(std::vector<std::string> const& words) {
 }
 
 // "pc.example.org": the whole name, its first part and the domain.
-void AddHost(Findings& findings, std::string_view name) {
+void AddHost(ReportFindings& findings, std::string_view name) {
   name = Base::TrimWhiteSpace(name);
   std::size_t const dot = std::min(name.find('.'), name.size());
   std::string_view const host = name.substr(0, dot);
@@ -78,8 +78,8 @@ void AddHost(Findings& findings, std::string_view name) {
   Add(findings, "domain", name.substr(dot + 1));
 }
 
-Findings FindHost() {
-  Findings findings;
+ReportFindings FindHost() {
+  ReportFindings findings;
   utsname system{};
   uname(&system);
   AddHost(findings, system.nodename);
@@ -108,7 +108,7 @@ Findings FindHost() {
   return findings;
 }
 
-void AddUser(Findings& findings, std::string_view name, std::string_view realName,
+void AddUser(ReportFindings& findings, std::string_view name, std::string_view realName,
              std::string_view home) {
   Add(findings, "user", name);
   realName = realName.substr(0, realName.find(','));
@@ -119,8 +119,8 @@ void AddUser(Findings& findings, std::string_view name, std::string_view realNam
 
 bool IsRealUser(uid_t user) { return user >= firstRealUser && user < firstDynamicUser; }
 
-Findings FindLocalUsers() {
-  Findings findings;
+ReportFindings FindLocalUsers() {
+  ReportFindings findings;
   for (std::string const& line : Split(ReadNames("/etc/passwd"))) {
     std::vector<std::string> const fields = Split(line, ':');
     if (fields.size() < 6) continue;
@@ -132,14 +132,14 @@ Findings FindLocalUsers() {
 }
 
 // Users of a directory service are not in /etc/passwd. Their ids can be any.
-void AddKnownUser(Findings& findings, passwd const* user) {
+void AddKnownUser(ReportFindings& findings, passwd const* user) {
   if (user != nullptr && user->pw_uid >= firstRealUser && user->pw_uid != 65534)
     AddUser(findings, user->pw_name, user->pw_gecos, user->pw_dir);
 }
 
 // Who may be in the trace: those who have a home here, this user, and the members of the group.
-Findings FindOtherUsers() {
-  Findings findings;
+ReportFindings FindOtherUsers() {
+  ReportFindings findings;
   try {
     auto const homes = Support::FileManager::Walk("/home", {.maxCount = 10000, .maxDepth = 1});
     for (auto const& home : homes.entries) Add(findings, "user", home.path);
@@ -169,7 +169,7 @@ Findings FindOtherUsers() {
 }
 
 // Serial numbers as the kernel shows them, to root only.
-void AddKernelNumbers(Findings& findings) {
+void AddKernelNumbers(ReportFindings& findings) {
   std::string const folder = "/sys/class/dmi/id/";
   for (char const* name : {"product_serial", "board_serial", "chassis_serial"})
     Add(findings, "serial-number", ReadNames(folder + name));
@@ -178,7 +178,7 @@ void AddKernelNumbers(Findings& findings) {
   Add(findings, "uuid", ReadNames(folder + "product_uuid"));
 }
 
-void AddDmidecodeNumbers(Findings& findings) {
+void AddDmidecodeNumbers(ReportFindings& findings) {
   // The system, its board and its chassis.
   for (std::string const& line : Split(GetOutput({"dmidecode", "--type", "1,2,3"}))) {
     std::string_view const text = Base::TrimWhiteSpace(line);
@@ -193,7 +193,7 @@ void AddDmidecodeNumbers(Findings& findings) {
 }
 
 // What the daemon answers is secret wherever else it stands, such as in the trace.
-void AddAnswers(Findings& findings, Net::Address const& address) {
+void AddAnswers(ReportFindings& findings, Net::Address const& address) {
   auto const hardware = nlohmann::json::parse(AskSensor(address, "hardware"), nullptr, false);
   nlohmann::json::json_pointer const serial("/sensor/hardware/bios_serial_number");
   if (hardware.contains(serial) && hardware[serial].is_string())
@@ -207,12 +207,12 @@ void AddAnswers(Findings& findings, Net::Address const& address) {
   }
 }
 
-Findings FindNumbers(Net::Address const& address) {
-  Findings findings;
+ReportFindings FindNumbers(Net::Address const& address) {
+  ReportFindings findings;
   AddKernelNumbers(findings);
   AddDmidecodeNumbers(findings);
-  bool const isKnown =
-      std::ranges::find(findings.secrets, "serial-number", &Secret::rule) != findings.secrets.end();
+  bool const isKnown = std::ranges::find(findings.secrets, "serial-number", &ReportSecret::rule) !=
+                       findings.secrets.end();
   try {
     AddAnswers(findings, address);
   } catch (Support::Error const& err) {
@@ -229,7 +229,7 @@ Findings FindNumbers(Net::Address const& address) {
 
 }  // namespace
 
-std::vector<Step> GetSecretSteps(Net::Address const& address) {
+std::vector<ReportStep> GetSecretSteps(Net::Address const& address) {
   using std::chrono::seconds;
   return {{"the name of the machine", seconds(20), FindHost},
           {"the local users", seconds(10), FindLocalUsers},

@@ -4,6 +4,6 @@
 
 #include "client/report/collect.h"
 
-// The steps that find what identifies this machine and its users: `Findings::secrets`. A gap means
-// that the values of one source are unknown, so they may remain in the report.
-std::vector<Step> GetSecretSteps(Net::Address const& address);
+// The steps that find what identifies this machine and its users: `ReportFindings::secrets`. A gap
+// means that the values of one source are unknown, so they may remain in the report.
+std::vector<ReportStep> GetSecretSteps(Net::Address const& address);

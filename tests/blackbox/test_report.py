@@ -13,7 +13,7 @@ from harness import BIN, CAN_MOUNT, DEADLINE, HARDWARE, NAMESPACE, Case, clean_e
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 EDGE = 65536  # each common size of a buffer divides it
 FORMS = ("{}", "'{}'", '"name":"{}"', "({})", "{},", "name={}", "{{ name:{} }}", "/{}/", "{}\u0080")
-READS_MARKER = "harmless words stay"
+MARKER = "harmless words stay"
 
 # What the made-up machine gives away itself. It stands alone where it is planted.
 NAMES = {
@@ -47,7 +47,7 @@ def block(separator="\n"):
 def plant(line="%s\n"):
     """Each secret in each form, each line in `line`."""
     lines = [form.format(name) for name in NAMES.values() for form in FORMS]
-    lines += [NAMES["serial"].lower(), READS_MARKER, block(), block("\\n")]
+    lines += [NAMES["serial"].lower(), MARKER, block(), block("\\n")]
     lines += [text.format(value) for value, text in VALUES.items()]
     text = "".join(line % part for part in lines).encode()
     return text + b"\xff\xc3(\xed\xa0\x80 " + text.replace(b"\n", b" \xff\n")
@@ -84,7 +84,7 @@ class ReportTest(Case):
         self.folder.chmod(0o755)
         (self.folder / "out").mkdir(mode=0o777)
         (self.folder / "out").chmod(0o777)
-        etc = {"os-release": f'NAME="IGEL OS 12"\nVERSION="12.4"\nVARIANT={VALUES and READS_MARKER}\n',
+        etc = {"os-release": f'NAME="IGEL OS 12"\nVERSION="12.4"\nVARIANT={MARKER}\n',
                "passwd": "root:x:0:0:root:/root:/bin/sh\nnobody:x:65534:65534::/:/bin/sh\n"
                          f"{NAMES['user']}:x:1000:1000:{NAMES['real name']},,,:{NAMES['home']}:/bin/sh\n",
                "machine-id": NAMES["machine id"] + "\n",
@@ -119,7 +119,9 @@ class ReportTest(Case):
         (self.folder / "default").write_bytes(plant("KESTREL_A=%s\n"))
         (self.folder / "properties").write_text(
             f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B={NAMES['real name']}\"\n"
-            f"EnvironmentFiles={self.folder}/default (ignore_errors=yes)\nMainPID=0\n")
+            f"EnvironmentFiles={self.folder}/default (ignore_errors=yes)\n"
+            f"EnvironmentFiles={self.folder}/{NAMES['user']} (ignore_errors=yes)\nMainPID=0\n")
+        (self.folder / NAMES["user"]).touch(mode=0o600)
         self.install("systemctl", "case \"$*\" in *Environment*) cat properties;; *) cat unit;; esac")
 
     def install(self, command, script):
@@ -172,7 +174,7 @@ class ReportTest(Case):
         self.assert_no_secret(members)
         self.assertEqual(self.complaints, "")
         for name in expected - {"README", "doctor.json", "doctor.txt"}:
-            self.assertIn(READS_MARKER.encode(), members[name], name)
+            self.assertIn(MARKER.encode(), members[name], name)
         self.assertRegex(members["trace/ktclientd.log"], rb"\n<line of 1048577 bytes left out>\n")
         self.assertRegex(members["answers/hardware.json"], rb'"bios_serial_number":"<serial-number-\d+>"')
         for name in ("doctor.json", *answers):
@@ -190,7 +192,8 @@ class ReportTest(Case):
         readme, members = self.report("--include-answers", user=NOBODY)
         self.assertNotIn("trace/ktclientd.log", members)
         self.assert_no_secret(members)
-        self.assertRegex(readme, r"ktclientd\.log: .*denied.*\n +Run it with sudo")
+        for missing in r"/ktclientd\.log", r"/<user-\d+>":
+            self.assertRegex(readme, rf"{missing}: .*denied.*\n +Run it with sudo")
 
     def test_end_of_a_long_text_begins_with_a_whole_record(self):
         self.make_machine()
