@@ -44,6 +44,7 @@ constexpr std::size_t maxJournal = 1'000'000;
 constexpr int maxJournalLines = 5000;
 
 constexpr std::chrono::seconds checkLimit{10};
+constexpr std::chrono::seconds commandLimit{10};
 constexpr std::chrono::seconds answerLimit{30};
 
 void AddSection(std::string& text, std::string const& title, std::string_view body) {
@@ -62,8 +63,8 @@ void AddCommand(ReportFindings& findings, std::string& text,
   std::string title;
   for (std::string const& word : words) title += (title.empty() ? "" : " ") + word;
   try {
-    CommandResult const result =
-        RunCommand({.words = words, .path = GetCommandPath(), .withErrors = true});
+    CommandResult const result = RunCommand(
+        {.words = words, .limit = commandLimit, .path = GetCommandPath(), .withErrors = true});
     AddSection(text, title, result.output);
     if (result.status == 127) {
       findings.gaps.push_back(
@@ -74,8 +75,7 @@ void AddCommand(ReportFindings& findings, std::string& text,
                                                             std::to_string(result.status)));
     }
   } catch (Support::Error const& err) {
-    findings.gaps.push_back(
-        Support::Error(err.GetCode(), "The command \"" + title + "\": " + err.what()));
+    findings.gaps.push_back(Support::Error(err.GetCode(), "\"" + title + "\": " + err.what()));
   }
 }
 
@@ -213,11 +213,15 @@ ReportFindings CollectJournal() {
       "; echo \"exit status $?\"; } | tail -c " + std::to_string(maxJournal);
   std::string text;
   try {
-    text = RunCommand({.words = {"sh", "-c", script}, .path = GetCommandPath(), .withErrors = true})
+    text = RunCommand({.words = {"sh", "-c", script},
+                       .limit = commandLimit,
+                       .path = GetCommandPath(),
+                       .withErrors = true})
                .output;
   } catch (Support::Error const& err) {
     findings.gaps.push_back(
-        Support::Error(err.GetCode(), std::string("The journal: ") + err.what()));
+        Support::Error(err.GetCode(), "The journal cannot be read: journalctl did not end in " +
+                                          std::to_string(commandLimit.count()) + " s"));
     return findings;
   }
   if (text.size() == maxJournal) CutToRecord(text, "0000-00-00T");

@@ -51,7 +51,9 @@ constexpr std::pair<std::string_view, std::string_view> meanings[] = {
     {"doctor.txt", "the checks of `ktclientctl doctor`"},
     {"journal.txt", "the last lines of the journal of both units"},
     {"settings.txt", "the settings of the service, and where they come from"},
-    {"trace/", "the trace of the daemon; .1 is older, .crash ends with a crash"},
+    {"trace/ktclientd.log.1", "the lines of the trace before these"},
+    {"trace/ktclientd.log.crash", "the trace that ends with the last crash"},
+    {"trace/", "the trace since the last start of the daemon"},
     {"units.txt", "both units as systemd sees them, with their drop-ins"},
     {"versions.txt", "the versions of the system and of the programs"},
 };
@@ -116,7 +118,7 @@ std::string MakeReadme(ReportFindings const& findings, std::chrono::system_clock
   text += ", with version " KTCLIENTD_VERSION ".\n\nWhat is inside:\n\n";
   for (ReportMember const& member : findings.members) {
     text += "  " + member.path +
-            std::string(24 - std::min<std::size_t>(member.path.size(), 23), ' ') +
+            std::string(28 - std::min<std::size_t>(member.path.size(), 27), ' ') +
             GetMeaning(member.path) + "\n";
   }
   text += "\nWhat is missing, and why:\n\n";
@@ -133,7 +135,7 @@ std::string MakeReadme(ReportFindings const& findings, std::chrono::system_clock
       "\nPlaceholders such as <host-1> replace values. The same value has the same placeholder in\n"
       "all files. How often each rule replaced something:\n\n";
   for (auto const& [rule, count] : redactor->GetCounts())
-    text += "  " + rule + std::string(24 - std::min<std::size_t>(rule.size(), 23), ' ') +
+    text += "  " + rule + std::string(28 - std::min<std::size_t>(rule.size(), 27), ' ') +
             std::to_string(count) + "\n";
   return text;
 }
