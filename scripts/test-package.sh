@@ -1,7 +1,7 @@
 #!/bin/bash
 # Boots a minimal Debian in a container, installs the packages from build/package/ there
-# (scripts/package.sh makes them) and runs debian/tests/. The tree of that Debian stays in build/; the
-# container works on a copy in memory. Needs root.
+# (scripts/package.sh makes them) and runs debian/tests/. The tree of that Debian stays in build/;
+# the container works on a copy in memory. Needs root.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")/.."
 if [[ $EUID -ne 0 ]]; then

@@ -1,6 +1,7 @@
 import contextlib
 import json
 import os
+import pathlib
 import pty
 import re
 import socket
@@ -15,11 +16,12 @@ EDGE = 65536  # each common size of a buffer divides it
 FORMS = ("{}", "'{}'", '"name":"{}"', "({})", "{},", "name={}", "{{ name:{} }}", "/{}/", "{}\u0080")
 MARKER = "harmless words stay"
 
-# What the made-up machine gives away itself. It stands alone where it is planted.
+# What the made-up machine gives away itself. It is secret without any word beside it.
 NAMES = {
-    "serial": "SNPLANT7731X", "board": "BRDPLANT5512", "asset": "ASSETPLANT90", "host": "plantedhost",
-    "domain": "corp.planted-domain.example", "user": "wplanted", "real name": "Wilma \u00c5ngstr\u00f6m",
-    "home": "/srv/planted/homes/wp", "machine id": "0badc0de0badc0de0badc0de0badc0de",
+    "serial": "SNPLANT7731X", "board": "BRDPLANT5512", "asset": "ASSETPLANT90",
+    "host": "plantedhost", "domain": "corp.planted-domain.example", "user": "wplanted",
+    "real name": "Wilma \u00c5ngstr\u00f6m", "home": "/srv/planted/homes/wp",
+    "machine id": "0badc0de0badc0de0badc0de0badc0de",
     "uuid": "4c4c4544-0050-4c10-804e-c4c04f564d31",
 }
 PEM = ["MIIPlantedCertificateBody0123456789abcdefghijklmnopqrstuvwxyzABCD",
@@ -79,26 +81,25 @@ def fragments():
 
 @unittest.skipUnless(CAN_MOUNT, "takes a mount namespace")
 class ReportTest(Case):
-    def make_machine(self, trace=b"", journal="cat journal"):
+    def make_machine(self, crash=b"", journal="cat journal"):
         """A daemon of its own, files of /etc, and commands for what a container does not have."""
         self.folder.chmod(0o755)
-        (self.folder / "out").mkdir(mode=0o777)
+        (self.folder / "out").mkdir()
         (self.folder / "out").chmod(0o777)
+        user = f"{NAMES['user']}:x:1000:1000:{NAMES['real name']},,,:{NAMES['home']}:/bin/sh\n"
         etc = {"os-release": f'NAME="IGEL OS 12"\nVERSION="12.4"\nVARIANT={MARKER}\n',
-               "passwd": "root:x:0:0:root:/root:/bin/sh\nnobody:x:65534:65534::/:/bin/sh\n"
-                         f"{NAMES['user']}:x:1000:1000:{NAMES['real name']},,,:{NAMES['home']}:/bin/sh\n",
-               "machine-id": NAMES["machine id"] + "\n",
+               "passwd": f"root:x:0:0:root:/root:/bin/sh\n{user}",
+               "machine-id": NAMES["machine id"],
                "hosts": f"127.0.1.1 {NAMES['host']}.{NAMES['domain']} {NAMES['host']}\n"}
         self.mounts = f"hostname {NAMES['host']}"
         for name, text in etc.items():
             (self.folder / name).write_text(text)
-            if os.path.exists(f"/etc/{name}"):
-                self.mounts += f" && mount --bind {self.folder}/{name} /etc/{name}"
+            self.mounts += f" && mount --bind {self.folder}/{name} /etc/{name}"
         store = self.folder / "store"
         store.mkdir()
-        subprocess.run(["openssl", "req", "-x509", "-nodes", "-keyout", "/dev/null", "-newkey", "ed25519",
-                        "-subj", "/CN=Plantedname Oversight", "-out", store / "a.pem"], check=True,
-                       stderr=subprocess.DEVNULL)
+        subprocess.run(["openssl", "req", "-x509", "-nodes", "-keyout", "/dev/null", "-newkey",
+                        "ed25519", "-subj", "/CN=Plantedname Oversight", "-out", store / "a.pem"],
+                       check=True, stderr=subprocess.DEVNULL)
         self.daemon = self.start(
             f"--igel-management-cert-path={store}", "--trace-level=5",
             "--openssl-fingerprint-any-case=true", dmidecode=f"echo {NAMES['serial']}",
@@ -107,37 +108,41 @@ class ReportTest(Case):
         self.daemon.folder.chmod(0o755)
         os.chmod(self.daemon.name, 0o666)
         with open(self.daemon.log, "ab") as file:
-            file.write(plant(TRACE) + trace)
-        (self.daemon.folder / "ktclientd.log.1").write_bytes(plant())
-        (self.daemon.folder / "ktclientd.log.crash").write_bytes(plant())
-        self.install("dmidecode", f"""case $1 in -s) echo {NAMES['serial']};; --type) cat numbers;; esac""")
+            file.write(plant(TRACE))
+        self.older = pathlib.Path(f"{self.daemon.log}.1")
+        self.older.write_bytes(plant())
+        pathlib.Path(f"{self.daemon.log}.crash").write_bytes(crash + plant())
         (self.folder / "numbers").write_text(f"\tSerial Number: {NAMES['board']}\n"
-            f"\tAsset Tag: {NAMES['asset']}\n\tUUID: {NAMES['uuid']}\n")
-        self.install("journalctl", journal)
+                                             f"\tAsset Tag: {NAMES['asset']}\n"
+                                             f"\tUUID: {NAMES['uuid']}\n")
+        self.install("dmidecode", f"[ $1 = -s ] && echo {NAMES['serial']} || cat numbers")
         (self.folder / "journal").write_bytes(b"2026-11-21T10:00:00+0000 a\n" + plant("  %s\n"))
+        self.install("journalctl", journal)
         (self.folder / "unit").write_bytes(plant("Environment=A='%s'\n"))
         (self.folder / "default").write_bytes(plant("KESTREL_A=%s\n"))
+        (self.folder / NAMES["user"]).touch(mode=0o600)
         (self.folder / "properties").write_text(
-            f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B={NAMES['real name']}\"\n"
+            f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B=a b\"\n"
             f"EnvironmentFiles={self.folder}/default (ignore_errors=yes)\n"
             f"EnvironmentFiles={self.folder}/{NAMES['user']} (ignore_errors=yes)\nMainPID=0\n")
-        (self.folder / NAMES["user"]).touch(mode=0o600)
-        self.install("systemctl", "case \"$*\" in *Environment*) cat properties;; *) cat unit;; esac")
+        self.install("systemctl",
+                     'case "$*" in *Environment*) cat properties;; *) cat unit;; esac')
 
     def install(self, command, script):
         self.daemon.install(command, f"cd {self.folder}\n{script}")
 
     def command(self, *arguments, user=()):
-        return ["unshare", "--mount", "--uts", *(["--map-root-user"] if os.geteuid() != 0 else []), "sh",
-                "-c", self.mounts + ' && exec "$@"', "sh", *user, BIN / "ktclientctl", "report",
-                f"--socket={self.daemon.name}", *arguments]
+        mapped = ["--map-root-user"] if os.geteuid() != 0 else []
+        return ["unshare", "--mount", "--uts", *mapped, "sh", "-c", self.mounts + ' && exec "$@"',
+                "sh", *user, BIN / "ktclientctl", "report", f"--socket={self.daemon.name}",
+                *arguments]
 
     def report(self, *arguments, **options):
-        """Makes a report; returns its members, README's text first."""
+        """Makes a report; returns the text of README, and all members by name."""
         path = self.folder / "out" / f"{len(os.listdir(self.folder / 'out'))}.tar.gz"
+        environment = clean_environment({"PATH": f"{self.daemon.commands}:/usr/bin:/bin"})
         result = subprocess.run(self.command(f"--output={path}", *arguments, **options), text=True,
-                                capture_output=True, timeout=DEADLINE,
-                                env=clean_environment({"PATH": f"{self.daemon.commands}:/usr/bin:/bin"}))
+                                capture_output=True, timeout=DEADLINE, env=environment)
         self.assertEqual((result.returncode, result.stdout), (0, f"{path}\n"), result.stderr)
         self.complaints = result.stderr
         self.assertEqual(path.stat().st_mode & 0o777, 0o600)
@@ -146,7 +151,9 @@ class ReportTest(Case):
             for member in archive:
                 self.assertEqual((member.mode, member.uid, member.uname, member.isreg()),
                                  (0o600, 0, "root", True))
-                members[member.name.removeprefix("ktclientd-report/")] = archive.extractfile(member).read()
+                folder, _, name = member.name.partition("/")
+                self.assertEqual(folder, "ktclientd-report")
+                members[name] = archive.extractfile(member).read()
         return members["README"].decode(), members
 
     def assert_no_secret(self, members):
@@ -156,16 +163,16 @@ class ReportTest(Case):
 
     def test_nothing_leaks(self):
         self.make_machine(plant_at_edges())
-        expected = {"README", "doctor.json", "doctor.txt", "versions.txt", "units.txt", "settings.txt",
-                    "journal.txt", "trace/ktclientd.log", "trace/ktclientd.log.1",
-                    "trace/ktclientd.log.crash"}
+        planted = {"units.txt", "settings.txt", "journal.txt", "trace/ktclientd.log",
+                   "trace/ktclientd.log.1", "trace/ktclientd.log.crash"}
+        expected = planted | {"README", "doctor.json", "doctor.txt", "versions.txt"}
         answers = {"answers/hardware.json", "answers/igel.json"}
         # Nothing would be found in a report that holds nothing: the secrets are all there.
         readme, members = self.report("--no-redact", "--yes")
         self.assertEqual(set(members), expected)
         self.assertIn("NOTHING IS REDACTED", readme)
         self.assertIn("secrets", self.complaints)
-        for name in expected - {"README", "doctor.json", "doctor.txt", "versions.txt"}:
+        for name in planted:
             missing = [secret for secret in fragments() if secret not in members[name].lower()]
             self.assertEqual(missing, [], name)
 
@@ -173,10 +180,12 @@ class ReportTest(Case):
         self.assertEqual(set(members), expected | answers)
         self.assert_no_secret(members)
         self.assertEqual(self.complaints, "")
-        for name in expected - {"README", "doctor.json", "doctor.txt"}:
+        for name in planted | {"versions.txt"}:
             self.assertIn(MARKER.encode(), members[name], name)
-        self.assertRegex(members["trace/ktclientd.log"], rb"\n<line of 1048577 bytes left out>\n")
-        self.assertRegex(members["answers/hardware.json"], rb'"bios_serial_number":"<serial-number-\d+>"')
+        self.assertRegex(members["trace/ktclientd.log.crash"],
+                         rb"\n<line of 1048577 bytes left out>\n")
+        self.assertRegex(members["answers/hardware.json"],
+                         rb'"bios_serial_number":"<serial-number-\d+>"')
         for name in ("doctor.json", *answers):
             json.loads(members[name])
         host = re.search(rb"\(<host-\d+>\)", members["journal.txt"])[0]
@@ -201,7 +210,7 @@ class ReportTest(Case):
         for path, member, size, end, record in (
                 (self.folder / "journal", "journal.txt", 1000000, b"exit status 0\n",
                  b"2026-11-21T10:00:00+0000 ktclientd[7]: harmless\n"),
-                (self.daemon.folder / "ktclientd.log.1", "trace/ktclientd.log.1", (16 << 20) + 1, b"",
+                (self.older, "trace/ktclientd.log.1", (16 << 20) + 1, b"",
                  (TRACE % "harmless").encode())):
             kept = record + b"-" * ((size - len(secret + end + record) - 1) % len(record)) + b"\n"
             kept += record * ((size - len(secret + end + kept)) // len(record))
@@ -221,13 +230,13 @@ class ReportTest(Case):
         rules, taken = self.folder / "rules", self.folder / "taken"
         rules.write_text("project (\n")
         taken.write_text("mine")
-        for status, words in ((2, ["--output"]), (2, ["--output="]), (2, ["--no-redact"]), (2, ["--x"]),
-                              (2, ["more"]), (2, [f"--rules={rules}"]), (2, ["--rules=/none"]),
-                              (3, [f"--output={taken}"]), (3, ["--output=/none/report"])):
-            result = ctl("report", "--socket=/none", *words, cwd=self.folder,
+        for status, word in ((2, "--output"), (2, "--output="), (2, "--no-redact"), (2, "--x"),
+                             (2, "more"), (2, f"--rules={rules}"), (2, "--rules=/none"),
+                             (3, f"--output={taken}"), (3, "--output=/none/report")):
+            result = ctl("report", "--socket=/none", word, cwd=self.folder,
                          stdin=subprocess.DEVNULL)
-            self.assertEqual((result.returncode, result.stdout), (status, ""), words)
-            self.assertRegex(result.stderr, r"^ktclientctl: [^\n]*\n$", words)
+            self.assertEqual((result.returncode, result.stdout), (status, ""), word)
+            self.assertRegex(result.stderr, r"^ktclientctl: [^\n]*\n$", word)
         self.assertEqual(taken.read_text(), "mine")
         self.assertEqual(len(os.listdir(self.folder)), 2)
 
@@ -247,7 +256,8 @@ class ReportTest(Case):
                         shown += piece
                 os.close(ours)
                 printed = process.stdout.read().decode()
-            self.assertEqual((process.returncode, len(os.listdir(self.folder))), (status, count), shown)
+            self.assertEqual(process.returncode, status, shown)
+            self.assertEqual(len(os.listdir(self.folder)), count)
             self.assertEqual(shown.count(b"Looking at the journal"), count)
         [name] = os.listdir(self.folder)
         self.assertEqual(printed, f"{name}\n")
