@@ -275,9 +275,8 @@ std::string FileManager::ReadFile(std::string const& path, std::size_t maxSize) 
   char excess;
   ssize_t const count = read(file.Get(), &excess, 1);
   if (Check(count, Kind::File, "read", path) == 0) return bytes;
-  throw MakeError(Kind::File, "read", path,
-                  "it is larger than " + std::to_string(maxSize) + " bytes", "too-large")
-      .With("maxSize", maxSize);
+  std::string const reason = "it is larger than " + std::to_string(maxSize) + " bytes";
+  throw Error(MakeError(Kind::File, "read", path, reason, "too-large").With("maxSize", maxSize));
 }
 
 std::string FileManager::ReadFileEnd(std::string const& path, std::size_t maxSize) {
@@ -306,13 +305,13 @@ class Walker {
     int const fd = folder.Release();  // `names` has it now
     std::optional<std::set<std::string>> const first = ReadFirstNames(names.get());
     if (!first) return Fail(Kind::Folder, path);
+    std::string const start = path.ends_with('/') ? path : path + "/";
     for (std::string const& name : *first) {
       if (_listing.entries.size() == _bounds.maxCount) {
         _listing.isComplete = false;
         return;
       }
-      std::string const separator = path.ends_with('/') ? "" : "/";
-      ListOne(fd, name, prefix + name, path + separator + name, depth);
+      ListOne(fd, name, prefix + name, start + name, depth);
     }
   }
 
@@ -320,12 +319,12 @@ class Walker {
 
  private:
   // The first names in order, as many as there may still be, and one more to see that there is one.
-  std::optional<std::set<std::string>> ReadFirstNames(DIR* names) {
+  std::optional<std::set<std::string>> ReadFirstNames(DIR* names) const {
     std::size_t const maxCount = _bounds.maxCount - _listing.entries.size();
     std::set<std::string> first;
     for (;;) {
       errno = 0;
-      dirent const* const entry = readdir(names);
+      dirent const* const entry = readdir(names);  // NOLINT(concurrency-mt-unsafe): its own DIR
       if (entry == nullptr) break;
       std::string_view const name(entry->d_name);
       if (name == "." || name == "..") continue;
