@@ -75,6 +75,8 @@ TEST(RedactorTest, SerialNumbersAndCertificatesAreFoundInEveryFormOfTheirFields)
       {R"(Found bios serial { serialNumber:"PF"0 A" })",
        R"(Found bios serial { serialNumber:"<serial-number-1>" })"},
       {R"({ result:1 serialNumber:"" })", R"({ result:1 serialNumber:"" })"},
+      {R"(serialNumber: "serial_number":"PF0")",
+       R"(serialNumber: "<serial-number-1>":"<serial-number-2>")"},
       {command + R"(status:0 exitCode:0 output:"PF0" })",
        command + R"(status:0 exitCode:0 output:"<serial-number-1>" })"},
       {R"({ commandLine:"realm list" status:0 exitCode:0 output:"corp" })",
@@ -205,9 +207,10 @@ TEST(RedactingStreamTest, AnOpenPemBlockHidesAllButTraceLines) {
             "a<pem-1>\n" + trace + "<pem-2>\n" + trace + "<pem-3>\n");
   EXPECT_EQ(redactor.Redact("---- BEGIN X ----\n" + longLine + "\nC\n---- END X ----\nd\n"),
             "<pem-4>\nd\n");
+  EXPECT_EQ(redactor.Redact(pem + pem + "\n"), "<pem-5><pem-5>\n");
   EXPECT_EQ(redactor.Redact(longLine + key + longLine + "\nSECRET\n" + longLine +
                             "-----END PRIVATE KEY-----\nz\n"),
-            "<line of 427 bytes left out>\n<pem-5><line of 225 bytes left out>\nz\n");
+            "<line of 427 bytes left out>\n<pem-6><line of 225 bytes left out>\nz\n");
 }
 
 class RulesFileTest : public testing::Test {
