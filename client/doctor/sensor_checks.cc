@@ -199,16 +199,17 @@ Findings CheckSerialNumber(Findings findings) {
       AddNoTables(findings);
     }
   } else {
-    std::vector<std::string> const words{"dmidecode", "-s", "system-serial-number"};
-    CommandResult result =
-        RunCommand({.words = words, .limit = findings.options.timeout, .path = findings.path});
+    CommandResult result = RunCommand({.words = {"dmidecode", "-s", "system-serial-number"},
+                                       .limit = findings.options.timeout,
+                                       .path = findings.path});
     std::string const serialNumber(Base::TrimWhiteSpace(result.output));
     if (result.status != 0) {
-      // Again for what it complains about: the serial number must stand alone.
-      result = RunCommand({.words = words,
-                           .limit = findings.options.timeout,
-                           .path = findings.path,
-                           .withErrors = true});
+      // Again for its complaint, without its output: that may have the serial number.
+      result = RunCommand(
+          {.words = {"/bin/sh", "-c", "exec dmidecode -s system-serial-number >/dev/null"},
+           .limit = findings.options.timeout,
+           .path = findings.path,
+           .withErrors = true});
       AddFailedDmidecode(findings, result);
     } else if (!serialNumber.empty()) {
       AddSerialNumber(findings, serialNumber);
