@@ -9,6 +9,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -102,6 +103,20 @@ void RunSteps(std::vector<ReportStep> const& steps, ReportFindings& findings) {
   }
 }
 
+// The redactor ignores the shortest values, because they stand everywhere in other words.
+void AddSecrets(Support::Redactor& redactor, ReportFindings& findings) {
+  std::set<std::string> ignored;
+  for (ReportSecret const& secret : findings.secrets) {
+    redactor.AddSecret(secret.rule, secret.value);
+    if (secret.value.size() < 3) ignored.insert(secret.rule);
+  }
+  for (std::string const& rule : ignored) {
+    findings.gaps.push_back(Support::Error(
+        "secret-too-short", "A value of the rule " + rule +
+                                " is not replaced, because it has fewer than three characters"));
+  }
+}
+
 std::string GetMeaning(std::string_view path) {
   for (auto const& [beginning, meaning] : meanings)
     if (path.starts_with(beginning)) return std::string(meaning);
@@ -121,7 +136,7 @@ std::string MakeReadme(ReportFindings const& findings, std::chrono::system_clock
             std::string(28 - std::min<std::size_t>(member.path.size(), 27), ' ') +
             GetMeaning(member.path) + "\n";
   }
-  text += "\nWhat is missing, and why:\n\n";
+  text += "\nWhat is missing or incomplete, and why:\n\n";
   for (Support::Error const& gap : findings.gaps) {
     std::string line = std::string("  - ") + gap.what() + "\n";
     if (!gap.GetAdvice().empty()) line += "    " + gap.GetAdvice() + "\n";
@@ -169,8 +184,7 @@ std::string WriteReport(ReportOptions const& options) {
   }
   RunSteps(GetMemberSteps(options.address, options.includeAnswers), findings);
   if (redactor) {
-    for (ReportSecret const& secret : findings.secrets)
-      redactor->AddSecret(secret.rule, secret.value);
+    AddSecrets(*redactor, findings);
     ProgressLine progress;
     for (ReportMember& member : findings.members) {
       progress.Show("Redacting " + member.path);

@@ -88,7 +88,7 @@ class ReportTest(Case):
         (self.folder / "out").chmod(0o777)
         user = f"{NAMES['user']}:x:1000:1000:{NAMES['real name']},,,:{NAMES['home']}:/bin/sh\n"
         etc = {"os-release": f'NAME="IGEL OS 12"\nVERSION="12.4"\nVARIANT={MARKER}\n',
-               "passwd": f"root:x:0:0:root:/root:/bin/sh\n{user}",
+               "passwd": f"root:x:0:0:root:/root:/bin/sh\nyx:x:1001:1001::/:/bin/sh\n{user}",
                "machine-id": NAMES["machine id"],
                "hosts": f"127.0.1.1 {NAMES['host']}.{NAMES['domain']} {NAMES['host']}\n"}
         self.mounts = f"hostname {NAMES['host']}"
@@ -218,13 +218,14 @@ class ReportTest(Case):
             _, members = self.report()
             self.assertEqual(members[member], kept + end)
 
-    def test_rules_can_be_added(self):
+    def test_rules_can_be_added_and_short_names_are_told(self):
         self.make_machine()
         rules = self.folder / "rules"
         rules.write_text("# words\nproject harmless (words)\n")
         readme, members = self.report(f"--rules={rules}")
         self.assertIn(b"harmless <project-1> stay", members["journal.txt"])
         self.assertRegex(readme, r"(?m)^  project +\d\d+$")
+        self.assertIn("the rule user is not replaced, because", readme)  # "yx"
 
     def test_what_cannot_be_done_is_said_and_writes_nothing(self):
         rules, taken = self.folder / "rules", self.folder / "taken"
