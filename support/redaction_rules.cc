@@ -128,8 +128,8 @@ std::vector<BuiltInRule> GetMachineRules() {
   std::string const output = R"(exitCode:-?\d+ output:)";
   for (std::string const command : {"dmidecode.*", ""}) {
     std::string const name = command.empty() ? commandOutputRule : serialNumberRule;
-    rules.push_back({name, command + output + "\"" + toEndOfFields});
-    rules.push_back({name, command + output + inJson});
+    for (std::string const& value : {"\"" + toEndOfFields, inJson})
+      rules.push_back({name, std::string(command).append(output).append(value)});
   }
   rules.push_back({serialNumberRule, "serialNumber:\"" + toEndOfFields});
   rules.push_back({serialNumberRule,

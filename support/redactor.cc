@@ -437,6 +437,14 @@ void Redactor::AddRulesFromFile(std::string const& path) {
         .With("path", path)
         .With("reason", reason);
   };
+  auto const atLine = [&](Error const& error, int number, std::string const& name) {
+    return Error(error.GetCode(), path + ", line " + std::to_string(number) + ": " + error.what(),
+                 error.GetAdvice())
+        .With("path", path)
+        .With("line", number)
+        .With("rule", name)
+        .With("reason", error.GetFields().at("reason"));
+  };
   std::ifstream file(path, std::ios::binary);
   if (!file) throw unreadable(Base::ErrnoText(errno));
   std::vector<std::pair<std::string, std::unique_ptr<RE2>>> rules;
@@ -454,12 +462,7 @@ void Redactor::AddRulesFromFile(std::string const& path) {
     try {
       rules.emplace_back(name, Compile({name, pattern}));
     } catch (Error const& error) {
-      throw Error(error.GetCode(), path + ", line " + std::to_string(number) + ": " + error.what(),
-                  error.GetAdvice())
-          .With("path", path)
-          .With("line", number)
-          .With("rule", name)
-          .With("reason", error.GetFields().at("reason"));
+      throw atLine(error, number, name);
     }
   }
   if (file.bad()) throw unreadable(Base::ErrnoText(errno));

@@ -176,6 +176,9 @@ TEST(RedactorTest, TheSameValueHasOnePlaceholderUnderAllRules) {
   EXPECT_EQ(counts["user"], 2U);
   EXPECT_EQ(counts["email"], 0U);
   EXPECT_EQ(redactor.Redact(redacted), redacted);
+  redactor.AddRule({"left", "q1q2"});
+  redactor.AddRule({"right", "q2q3"});
+  EXPECT_EQ(redactor.Redact("q1q2q3"), "<left-1>");
   EXPECT_EQ(redactor.Redact("password=<token-2>"), "password=<token-2>");
 }
 
