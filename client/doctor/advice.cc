@@ -71,6 +71,7 @@ constexpr auto table = std::to_array<Advice>({
     {"unit-failed",
      "Read why: journalctl --unit={unit}. Then: systemctl reset-failed ktclientd.service "
      "ktclientd.socket; systemctl restart ktclientd.socket."},
+    {"unit-not-ready", "Read why its start does not end: journalctl --unit={unit}."},
     {"unit-changed", "Run: systemctl daemon-reload."},
     {"unit-for-other-address", "To check the service: ktclientctl --socket={listen} doctor."},
     {"socket-unit-stopped", "Run: systemctl enable --now ktclientd.socket."},

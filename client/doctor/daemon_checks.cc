@@ -109,10 +109,14 @@ std::string GetServiceProperty(Findings const& findings, std::string const& name
   return unit->second.at(name);
 }
 
-// Not by the process number alone: the first process of a container can be the daemon itself.
+// The credentials are those of the last process that called listen(): systemd until the daemon has
+// begun to listen. The number 1 alone would not do: the first process of a container can be the
+// daemon itself.
 bool IsServedBySystemd(Findings const& findings) {
   bool const isInstalled = !GetServiceProperty(findings, "ExecStart").empty();
-  return isInstalled && (!findings.server || findings.server->pid == 1);
+  return isInstalled &&
+         (!findings.server || findings.server->pid == 1 ||
+          std::to_string(findings.server->pid) == GetServiceProperty(findings, "MainPID"));
 }
 
 // "{ path=/usr/sbin/ktclientd ; argv[]=..."

@@ -172,8 +172,15 @@ Findings CheckServiceUnit(Findings findings) {
   }
   Unit& unit = findings.units[serviceUnit];
   nlohmann::json const facts = GetFacts(serviceUnit, unit);
-  // Inactive is no problem: the next client starts the service.
-  if (!AddUnitProblem(findings, check, serviceUnit, unit, facts))
+  if (AddUnitProblem(findings, check, serviceUnit, unit, facts)) return findings;
+  // After an answer the state is of no interest: inactive means that the next client starts the
+  // service. Without one, a start that does not end, or fails again and again, is the reason.
+  bool const isStarting = unit["ActiveState"] == "activating";
+  if (isStarting && findings.HasProblem("question")) {
+    findings.AddProblem(check, CheckState::Failed, "unit-not-ready", Describe(serviceUnit, unit),
+                        facts);
+  } else {
     findings.AddOk(check, Describe(serviceUnit, unit), facts);
+  }
   return findings;
 }

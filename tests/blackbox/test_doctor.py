@@ -18,9 +18,9 @@ SCHEMA = read_schema("doctor")
 ADVICE = dict(re.findall(r"^\| `([a-z-]+)` \| [^|]+ \| [^|]+ \| (.*) \|$",
                          (DOCS / "doctor.md").read_text().partition("## The codes")[2], re.M))
 # Seen on the installed package.
-UNIT_CODES = {"unit-not-installed", "unit-masked", "unit-not-loaded", "unit-failed", "unit-changed",
-              "unit-for-other-address", "socket-unit-stopped", "socket-unit-disabled",
-              "systemd-not-running"}
+UNIT_CODES = {"systemd-not-running", "unit-not-installed", "unit-masked", "unit-not-loaded",
+              "unit-failed", "unit-not-ready", "unit-changed", "unit-for-other-address",
+              "socket-unit-stopped", "socket-unit-disabled"}
 SEEN, RAN = set(), set()
 STATUSES = {"ok": 0, "warning": 1, "failed": 2}
 
@@ -46,7 +46,7 @@ def mounted(*pairs):
 
 
 def examine(name, *arguments, launcher=()):
-    """Returns the codes of the checks that are not ok, by check, and compares what is documented."""
+    """Returns the codes of the checks that are not ok, by check; compares what is documented."""
     result = run(*launcher, BIN / "ktclientctl", f"--socket={name}", "doctor", "--json", *arguments)
     findings = json.loads(result.stdout)
     SCHEMA.validate(findings)
