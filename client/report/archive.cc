@@ -39,9 +39,9 @@ struct Archive::Writer {
 
   void Check(la_ssize_t result) const {
     if (result >= ARCHIVE_OK) return;
-    char const* const text = archive_error_string(handle);
-    throw Support::Error("archive-not-written", "The archive cannot be written")
-        .With("reason", text != nullptr ? text : "unknown");
+    char const* const reason = archive_error_string(handle);
+    throw Support::Error("archive-not-written", std::string("The archive cannot be written: ") +
+                                                    (reason != nullptr ? reason : "unknown"));
   }
 
   archive* const handle;

@@ -67,15 +67,14 @@ void AddCommand(ReportFindings& findings, std::string& text,
         {.words = words, .limit = commandLimit, .path = GetCommandPath(), .withErrors = true});
     AddSection(text, title, result.output);
     if (result.status == 127) {
-      findings.gaps.push_back(
-          Support::Error("command-not-found", "There is no command " + words[0]));
+      findings.gaps.emplace_back("command-not-found", "There is no command " + words[0]);
     } else if (result.status != 0) {
       findings.gaps.push_back(MakeGap("command-failed", "The command \"" + title +
                                                             "\" failed with exit status " +
                                                             std::to_string(result.status)));
     }
   } catch (Support::Error const& err) {
-    findings.gaps.push_back(Support::Error(err.GetCode(), "\"" + title + "\": " + err.what()));
+    findings.gaps.emplace_back(err.GetCode(), "\"" + title + "\": " + err.what());
   }
 }
 
@@ -84,8 +83,8 @@ std::optional<std::string> ReadFileInto(ReportFindings& findings, std::string co
     return Support::FileManager::ReadFile(path, maxSmallFile);
   } catch (Support::Error const& err) {
     bool const isPermission = err.GetCode() == "file-permission-denied";
-    findings.gaps.push_back(Support::Error(err.GetCode(), path + ": " + err.what(),
-                                           isPermission ? GetPermissionAdvice() : ""));
+    findings.gaps.emplace_back(err.GetCode(), path + ": " + err.what(),
+                               isPermission ? GetPermissionAdvice() : "");
     return {};
   }
 }
@@ -219,9 +218,9 @@ ReportFindings CollectJournal() {
                        .withErrors = true})
                .output;
   } catch (Support::Error const& err) {
-    findings.gaps.push_back(
-        Support::Error(err.GetCode(), "The journal cannot be read: journalctl did not end in " +
-                                          std::to_string(commandLimit.count()) + " s"));
+    findings.gaps.emplace_back(err.GetCode(),
+                               "The journal cannot be read: journalctl did not end in " +
+                                   std::to_string(commandLimit.count()) + " s");
     return findings;
   }
   if (text.size() == maxJournal) CutToRecord(text, "0000-00-00T");
@@ -271,9 +270,9 @@ ReportFindings CollectTrace() {
     } catch (Support::Error const& err) {
       bool const isAbsent = err.GetCode() == "file-not-found";
       if (isAbsent && !suffix.empty()) continue;
-      findings.gaps.push_back(Support::Error(
+      findings.gaps.emplace_back(
           err.GetCode(), "The trace file " + file + ": " + err.what(),
-          err.GetCode().ends_with("permission-denied") ? GetPermissionAdvice() : ""));
+          err.GetCode().ends_with("permission-denied") ? GetPermissionAdvice() : "");
       if (suffix.empty() && err.GetCode().ends_with("permission-denied")) break;
     }
   }

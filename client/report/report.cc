@@ -92,13 +92,13 @@ void RunSteps(std::vector<ReportStep> const& steps, ReportFindings& findings) {
       if (found) {
         Append(findings, std::move(*found));
       } else {
-        findings.gaps.push_back(Support::Error("too-late", "Left out because it took longer than " +
-                                                               std::to_string(step.limit.count()) +
-                                                               " s: " + step.what));
+        findings.gaps.emplace_back("too-late", "Left out because it took longer than " +
+                                                   std::to_string(step.limit.count()) +
+                                                   " s: " + step.what);
       }
     } catch (Support::Error const& err) {
-      findings.gaps.push_back(Support::Error(
-          err.GetCode(), "Left out: " + step.what + ": " + err.what(), err.GetAdvice()));
+      findings.gaps.emplace_back(err.GetCode(), "Left out: " + step.what + ": " + err.what(),
+                                 err.GetAdvice());
     }
   }
 }
@@ -111,9 +111,9 @@ void AddSecrets(Support::Redactor& redactor, ReportFindings& findings) {
     if (secret.value.size() < 3) ignored.insert(secret.rule);
   }
   for (std::string const& rule : ignored) {
-    findings.gaps.push_back(Support::Error(
-        "secret-too-short", "A value of the rule " + rule +
-                                " is not replaced, because it has fewer than three characters"));
+    findings.gaps.emplace_back("secret-too-short",
+                               "A value of the rule " + rule +
+                                   " is not replaced, because it has fewer than three characters");
   }
 }
 
@@ -174,7 +174,7 @@ std::string WriteReport(ReportOptions const& options) {
   std::string const path = options.output.empty() ? GetDefaultPath(time) : options.output;
   // `WriteFile` checks it, too, but only after all the work.
   if (access(path.c_str(), F_OK) == 0)
-    throw Support::Error("file-exists", "The file exists already.").With("path", path);
+    throw Support::Error("file-exists", "The file exists already: " + path);
   std::optional<Support::Redactor> redactor;
   ReportFindings findings;
   if (options.isRedacted) {

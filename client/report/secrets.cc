@@ -217,12 +217,12 @@ ReportFindings FindNumbers(Net::Address const& address) {
     AddAnswers(findings, address);
   } catch (Support::Error const& err) {
     if (isKnown) return findings;
-    findings.gaps.push_back(Support::Error(
+    findings.gaps.emplace_back(
         "serial-number-unknown",
         std::string("The redactor does not know the serial number of this machine, and replaces it "
                     "only where its name stands beside it. The daemon did not tell it: ") +
             err.what(),
-        GetPermissionAdvice()));
+        GetPermissionAdvice());
   }
   return findings;
 }
