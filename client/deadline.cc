@@ -119,12 +119,12 @@ CommandResult RunCommand(Command const& command) {
   Process::CommandBudget const budget(command.limit);
   Process::ShellResult result = Process::RunInShell(line);
   if (result.errorCode != 0 || result.wasStopped) {
-    throw Support::Error(
+    Support::Error error(
         result.wasStopped ? "command-stopped" : "command-not-started",
         "The command " + command.words.at(0) +
-            (result.wasStopped ? " took too long or printed too much" : " could not be started"))
-        .With("command", command.words.at(0))
-        .Because(Base::Exception(budget.GetFailure()));
+            (result.wasStopped ? " took too long or printed too much" : " could not be started"));
+    error.With("command", command.words.at(0)).Because(Base::Exception(budget.GetFailure()));
+    throw Support::Error(error);
   }
   int const status =
       WIFSIGNALED(result.status) ? 128 + WTERMSIG(result.status) : WEXITSTATUS(result.status);

@@ -16,6 +16,9 @@ using Unit = std::map<std::string, std::string>;
 
 constexpr char const* socketUnit = "ktclientd.socket";
 constexpr char const* serviceUnit = "ktclientd.service";
+constexpr char const* properties =
+    "--property=Id,LoadState,ActiveState,SubState,Result,UnitFileState,StateChangeTimestamp,"
+    "NeedDaemonReload,DropInPaths,Listen,MainPID,ExecStart,Environment";
 
 // The lines "name=value" of each unit; an empty line ends a unit. The lines of a name that comes
 // more than once, such as Listen=, stay lines of its value.
@@ -39,14 +42,10 @@ std::map<std::string, Unit> ParseUnits(std::string const& text) {
 
 // Returns false where systemctl gives the units to root only: without a bus daemon.
 bool ReadUnits(Findings& findings) {
-  CommandResult const result = RunCommand(
-      {.words = {"systemctl", "show", "--no-pager",
-                 "--property=Id,LoadState,ActiveState,SubState,Result,UnitFileState,"
-                 "StateChangeTimestamp,NeedDaemonReload,DropInPaths,Listen,MainPID,ExecStart,"
-                 "Environment",
-                 socketUnit, serviceUnit},
-       .limit = findings.options.timeout,
-       .withErrors = true});
+  CommandResult const result =
+      RunCommand({.words = {"systemctl", "show", "--no-pager", properties, socketUnit, serviceUnit},
+                  .limit = findings.options.timeout,
+                  .withErrors = true});
   if (result.status != 0 && geteuid() != 0) return false;
   if (result.status != 0) {
     throw Support::Error("command-failed",
