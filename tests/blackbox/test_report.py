@@ -122,7 +122,8 @@ class ReportTest(Case):
         (self.folder / "default").write_bytes(plant("KESTREL_A=%s\n"))
         (self.folder / NAMES["user"]).touch(mode=0o600)
         (self.folder / "properties").write_text(
-            f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B=a b\"\n"
+            f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B=a b\" KESTREL_C=c\n"
+            "UnsetEnvironment=KESTREL_C\n"
             f"EnvironmentFiles={self.folder}/default (ignore_errors=yes)\n"
             f"EnvironmentFiles={self.folder}/{NAMES['user']} (ignore_errors=yes)\nMainPID=0\n")
         self.install("systemctl",
@@ -172,6 +173,10 @@ class ReportTest(Case):
         self.assertEqual(set(members), expected)
         self.assertIn("NOTHING IS REDACTED", readme)
         self.assertIn("secrets", self.complaints)
+        in_force = members["settings.txt"].partition(b"\n\n")[0].splitlines()[1:]
+        self.assertEqual([line for line in in_force if not line.startswith(b"KESTREL_A=")],
+                         [b"KESTREL_B=a b",
+                          f"KESTREL_TRACE_FOLDER={self.daemon.folder}".encode()])
         for name in planted:
             missing = [secret for secret in fragments() if secret not in members[name].lower()]
             self.assertEqual(missing, [], name)
