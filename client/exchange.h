@@ -17,8 +17,8 @@
 // is harmless.
 //
 // Sends nothing unless the server is a process of root or of this user: any user can bind a name in
-// the abstract namespace. SO_PEERCRED names the process that called listen(), for an inherited
-// socket the one that passed it on.
+// the abstract namespace. SO_PEERCRED names the process that called listen() last: systemd, and the
+// daemon once it has started.
 //
 // Threads:  constructed and started on any thread; everything else happens on the IO thread.
 // Lifetime: each pending operation holds the exchange.
