@@ -37,8 +37,8 @@ std::string Error::ToText(int indent) const {
   std::string const margin(static_cast<std::size_t>(indent), ' ');
   std::string text = margin + what() + "\n";
   for (auto const& [name, value] : _fields.items()) {
-    text += margin + "  " + name + ": " +
-            (value.is_string() ? value.get<std::string>() : value.dump()) + "\n";
+    text.append(margin).append("  ").append(name).append(": ");
+    text.append(value.is_string() ? value.get<std::string>() : value.dump()).append("\n");
   }
   if (!_advice.empty()) text += margin + "  Advice: " + _advice + "\n";
   if (_cause) text += margin + "  Cause:\n" + _cause->ToText(indent + 4);

@@ -81,6 +81,7 @@ constexpr auto appearances = std::to_array<Appearance>({
 std::size_t GetNumber(CheckState state) { return static_cast<std::size_t>(state); }
 
 constexpr std::size_t wordWidth = 13;
+constexpr std::size_t nameWidth = 15;
 
 std::string GetMark(CheckState state, bool isColoured) {
   Appearance const& appearance = appearances.at(GetNumber(state));
@@ -178,8 +179,10 @@ nlohmann::json ToJson(DoctorOptions const& options, std::vector<CheckResult> con
 std::string ToText(std::vector<CheckResult> const& results, bool isColoured) {
   std::string text;
   for (CheckResult const& result : results) {
-    text += GetMark(result.state, isColoured) +
-            EscapeToOneLine(result.name + ": " + result.sentence) + "\n";
+    // No colon after the name: a report's redactor replaces what follows "serial-number:".
+    std::string name = result.name;
+    name.resize(nameWidth, ' ');
+    text += GetMark(result.state, isColoured) + name + EscapeToOneLine(result.sentence) + "\n";
     // The sentence says it already.
     bool const isFollower = result.problem && result.problem->GetCode() == "earlier-problem";
     if (result.problem && !isFollower) {

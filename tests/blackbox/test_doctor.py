@@ -126,7 +126,7 @@ class DoctorTest(Case):
         daemon = self.start(dmidecode="echo S1")
         self.assert_codes(name=daemon.name)
         text = ctl(f"--socket={daemon.name}", "doctor").stdout
-        self.assertRegex(text, r"\Aok +platform: .*\n(.*\n)+ok +question: .*\n(.*\n)+\d+ ok, ")
+        self.assertRegex(text, r"\Aok +platform +T.*\n(.*\n)+ok +question +T.*\n(.*\n)+\d+ ok, ")
         self.assertNotIn("\x1b", text)
         self.assertNotIn("S1", text)
         compact = ctl(f"--socket={daemon.name}", "--json", "--compact", "doctor").stdout
@@ -153,8 +153,9 @@ class DoctorTest(Case):
             self.assertEqual(process.wait(), 2)
             progress, _, text = output.decode().rpartition("\r\x1b[K")
             self.assertEqual("Checking the socket" in progress, environment.get("TERM") != "dumb")
-            self.assertEqual("\x1b[31m\u2717\x1b[0m socket: There is no file" in text, is_coloured)
-            self.assertEqual("failed       socket: There is no file" in text, not is_coloured)
+            line = "socket         There is no file"
+            self.assertEqual(f"\x1b[31m\u2717\x1b[0m {line}" in text, is_coloured)
+            self.assertEqual(f"failed       {line}" in text, not is_coloured)
             self.assertNotIn("\x1b[2J", text)
 
     def test_socket_on_which_no_daemon_listens(self):

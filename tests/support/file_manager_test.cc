@@ -36,6 +36,7 @@ std::function<void(std::string const&)> afterStat;
 }  // namespace
 
 // The program's own functions take the place of the C library's.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): those have reserved names
 
 extern "C" int linkat(int from, char const* source, int to, char const* name, int flags) noexcept {
   if (isLimited && from == AT_FDCWD) {
@@ -66,6 +67,8 @@ extern "C" int fstatat(int folder, char const* name, struct stat* status, int fl
   return result;
 }
 
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
+
 namespace {
 
 class FileManagerTest : public testing::Test {
@@ -73,10 +76,10 @@ class FileManagerTest : public testing::Test {
   void TearDown() override {
     isLimited = false;
     afterStat = {};
-    EXPECT_EQ(CountDescriptors(), _descriptorCount);
+    EXPECT_EQ(CountDescriptors(), descriptorCount);
   }
 
-  std::string Path(std::string const& name) const { return _directory.path / name; }
+  std::string Path(std::string const& name) const { return directory.path / name; }
 
   // "" when nothing is thrown.
   template <typename Function>
@@ -108,7 +111,7 @@ class FileManagerTest : public testing::Test {
     return paths;
   }
 
-  Paths List() const { return GetPaths(FileManager::Walk(_directory.path, {100, 1})); }
+  Paths List() const { return GetPaths(FileManager::Walk(directory.path, {100, 1})); }
 
   // Runs `function` as a user for whom modes count.
   template <typename Function>
@@ -123,8 +126,8 @@ class FileManagerTest : public testing::Test {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
   }
 
-  TemporaryDirectory const _directory;
-  std::ptrdiff_t const _descriptorCount = CountDescriptors();
+  TemporaryDirectory const directory;
+  std::ptrdiff_t const descriptorCount = CountDescriptors();
 };
 
 TEST_F(FileManagerTest, ANameAppearsOnceWithModeAndOwnerAndAllBytes) {
@@ -133,7 +136,7 @@ TEST_F(FileManagerTest, ANameAppearsOnceWithModeAndOwnerAndAllBytes) {
   FileManager const manager(owner);
   ASSERT_EQ(Write("replaced", "old", Refuse), "");
   Base::UniqueFd const watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-  ASSERT_NE(inotify_add_watch(watch.Get(), _directory.path.c_str(),
+  ASSERT_NE(inotify_add_watch(watch.Get(), directory.path.c_str(),
                               IN_CREATE | IN_MOVED_TO | IN_MODIFY | IN_ATTRIB),
             -1);
 
@@ -161,7 +164,7 @@ TEST_F(FileManagerTest, ANameAppearsOnceWithModeAndOwnerAndAllBytes) {
   Events const expected = {{"folder", IN_MOVED_TO}, {"made", IN_CREATE}, {"replaced", IN_MOVED_TO}};
   EXPECT_EQ(events, expected);
 
-  auto const listing = FileManager::Walk(_directory.path, {10, 10});
+  auto const listing = FileManager::Walk(directory.path, {10, 10});
   ASSERT_EQ(GetPaths(listing), (Paths{"folder", "made", "replaced"}));
   std::vector<mode_t> const modes{S_IFDIR | 02750, S_IFREG | 04640, S_IFREG | 0666};
   for (std::size_t i = 0; i < modes.size(); ++i) {
@@ -240,7 +243,7 @@ TEST_F(FileManagerTest, WalksInOrderWithinBoundsAndPastErrors) {
   expect("", {5, 4}, false, {"a", "a/b", "a/c", "a/c/d", "a/z"});
   expect("", {6, 2}, false, {"a", "a/b", "a/c", "a/z", "e"});
   expect("a", {1, 4}, false, {"b"});
-  fs::permissions(_directory.path, fs::perms(0755));
+  fs::permissions(directory.path, fs::perms(0755));
   fs::permissions(Path("a/c"), fs::perms::none);
   RunAsOther([&] {
     auto const listing = expect("", {6, 4}, false, {"a", "a/b", "a/c", "a/z", "e"});
@@ -261,7 +264,7 @@ TEST_F(FileManagerTest, WalkFollowsNoLinkNotEvenOneThatReplacesAFolder) {
     fs::remove(Path(name));
     if (name == "swapped") fs::create_directory_symlink(other.path, Path(name));
   };
-  auto const listing = FileManager::Walk(_directory.path, {10, 10});
+  auto const listing = FileManager::Walk(directory.path, {10, 10});
   EXPECT_EQ(GetPaths(listing), (Paths{"gone", "link", "swapped"}));
   EXPECT_TRUE(S_ISLNK(listing.entries[1].mode));
   EXPECT_EQ(listing.errors.size(), 1);
@@ -270,10 +273,10 @@ TEST_F(FileManagerTest, WalkFollowsNoLinkNotEvenOneThatReplacesAFolder) {
 TEST_F(FileManagerTest, ATemporaryFolderIsPrivateAndGoesWithItsOwner) {
   ASSERT_EQ(Make("kept"), "");
   {
-    Support::TemporaryFolder first(_directory.path);
+    Support::TemporaryFolder first(directory.path);
     Support::TemporaryFolder second = std::move(first);
-    second = Support::TemporaryFolder(_directory.path);
-    auto const listing = FileManager::Walk(_directory.path, {10, 1});
+    second = Support::TemporaryFolder(directory.path);
+    auto const listing = FileManager::Walk(directory.path, {10, 1});
     ASSERT_EQ(listing.entries.size(), 2);
     EXPECT_EQ(listing.entries[1].mode, S_IFDIR | 0700U);
     EXPECT_EQ(Path(listing.entries[1].path), second.GetPath());
