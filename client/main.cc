@@ -41,6 +41,7 @@ int main(int argc, char** argv) {
   if (!canPrint) return ExitWithError(ExitStatus::NoResponse, "Standard output is closed");
   // When the daemon or the reader of standard output is gone, the write fails with EPIPE.
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   UnsetDaemonSettings();
   CommandLine commandLine;
   try {

@@ -43,11 +43,9 @@ bool IsSmall(std::string_view json) {
 }
 
 int PrintResponse(std::string const& text, bool compact) {
-  // Without a callback: with one, the time to parse grows with the square of the length.
-  auto const response =
-      IsSmall(text) ? nlohmann::json::parse(text, nullptr, false) : nlohmann::json();
-  bool const isValid = response.contains("status") && response["status"].is_string();
-  if (!isValid) return ExitWithError(ExitStatus::NoResponse, "The daemon's response is broken");
+  nlohmann::json const response = ParseResponse(text);
+  if (response.is_null())
+    return ExitWithError(ExitStatus::NoResponse, "The daemon's response is broken");
   std::cout << EscapeControls(response.dump(compact ? -1 : 2)) << "\n" << std::flush;
   if (!std::cout) return ExitWithError(ExitStatus::NoResponse, "Cannot print the response");
   auto const status = response["status"].get<std::string>();
@@ -60,6 +58,13 @@ int PrintResponse(std::string const& text, bool compact) {
 }
 
 }  // namespace
+
+nlohmann::json ParseResponse(std::string const& text) {
+  // Without a callback: with one, the time to parse grows with the square of the length.
+  auto response = IsSmall(text) ? nlohmann::json::parse(text, nullptr, false) : nlohmann::json();
+  bool const isValid = response.contains("status") && response["status"].is_string();
+  return isValid ? std::move(response) : nlohmann::json();
+}
 
 std::string SendRequest(CommandLine const& commandLine) {
   auto const exchange = Base::MakeShared<Exchange>(commandLine.address, commandLine.request);

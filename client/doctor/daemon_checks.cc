@@ -38,6 +38,8 @@ std::string Read(int folder, char const* name) {
 
 std::string GetProcessFolder(pid_t pid) { return "/proc/" + std::to_string(pid); }
 
+bool IsTrustedUser(uid_t uid) { return uid == 0 || uid == geteuid(); }
+
 // Whether the folder is that of a ktclientd which this user trusts: root runs the commands of its
 // PATH. The credentials of a socket are those of the process that once listened, and its number may
 // be that of another process now.
@@ -47,9 +49,15 @@ bool IsTrustedDaemon(int folder) {
   for (std::string line; std::getline(status, line);) {
     constexpr std::string_view key = "Uid:\t";
     if (!line.starts_with(key)) continue;
-    auto const uid =
-        Base::ParseNumber<uid_t>(line.substr(key.size(), line.find('\t', key.size()) - key.size()));
-    return uid && (uid.Get() == 0 || uid.Get() == geteuid());
+    // The real, effective, saved and file system one. A program with a set-user-ID bit can have the
+    // environment of another user.
+    std::istringstream uids(line.substr(key.size()));
+    int count = 0;
+    for (std::string text; uids >> text; ++count) {
+      auto const uid = Base::ParseNumber<uid_t>(text);
+      if (!uid || !IsTrustedUser(uid.Get())) return false;
+    }
+    return count == 4;
   }
   return false;
 }
@@ -181,7 +189,9 @@ void AddTraceFile(Findings& findings, std::string const& path, struct stat const
 }  // namespace
 
 Findings FindDaemon(Findings findings) {
-  if (findings.server) findings.daemon = findings.server->pid;
+  // Nothing of another user's server is used: its environment names the folders of commands.
+  if (findings.server && IsTrustedUser(findings.server->uid))
+    findings.daemon = findings.server->pid;
   if (IsServedBySystemd(findings)) {
     auto const pid = Base::ParseNumber<pid_t>(GetServiceProperty(findings, "MainPID"));
     findings.daemon = pid ? pid.Get() : 0;

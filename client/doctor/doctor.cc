@@ -186,8 +186,8 @@ std::string ToText(std::vector<CheckResult> const& results, bool isColoured) {
     // The sentence says it already.
     bool const isFollower = result.problem && result.problem->GetCode() == "earlier-problem";
     if (result.problem && !isFollower) {
-      std::string const margin(isColoured ? 2 : wordWidth, ' ');
-      text += margin + EscapeToOneLine(result.problem->GetAdvice()) + "\n";
+      text += std::string(isColoured ? 2 : wordWidth, ' ') +
+              EscapeToOneLine(result.problem->GetAdvice()) + "\n";
     }
   }
   return text + GetSummary(results);

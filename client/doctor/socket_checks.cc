@@ -18,6 +18,7 @@
 #include "base/unique_fd.h"
 #include "client/doctor/checks.h"
 #include "client/exchange.h"
+#include "client/request.h"
 
 // From the file to the response, each check one step further on the way of a request. The first one
 // that fails is the cause, and the later ones are not made.
@@ -90,7 +91,8 @@ void AddPermissionDenied(Findings& findings, std::string const& where) {
   std::string const user = GetUserName(geteuid());
   std::string const group = GetGroupName(file.st_gid);
   nlohmann::json const fields{{"user", user}, {"group", group}};
-  bool const isForGroup = (file.st_mode & S_IWGRP) != 0;
+  // Nobody should become a member of root's group for this.
+  bool const isForGroup = (file.st_mode & S_IWGRP) != 0 && file.st_gid != 0;
   if (isForGroup && !IsGroupOfThisProcess(file.st_gid)) {
     if (IsGroupInDatabase(user, file.st_gid)) {
       findings.AddProblem("connection", CheckState::Failed, "socket-login-needed",
@@ -127,12 +129,6 @@ std::string GetProcessName(pid_t pid) {
 constexpr char const* request = R"({"sensor":{"hardware":null}})";
 
 // Null for a text that is no response.
-nlohmann::json ParseResponse(std::string const& text) {
-  auto response = nlohmann::json::parse(text, nullptr, false);
-  bool const isValid = response.contains("status") && response["status"].is_string();
-  return isValid ? std::move(response) : nlohmann::json();
-}
-
 void AddResponse(Findings& findings, std::string const& text, nlohmann::json facts) {
   nlohmann::json const response = ParseResponse(text);
   if (response.is_null()) {

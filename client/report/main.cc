@@ -121,6 +121,7 @@ int main(int argc, char** argv) {
   Base::OpenMissingStandardStreams();
   if (!canPrint) return ExitWithError(ExitStatus::NoResponse, "Standard output is closed");
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   UnsetDaemonSettings();
   CommandLine commandLine;
   try {

@@ -17,6 +17,7 @@
 #include "base/text.h"
 #include "client/deadline.h"
 #include "client/report/text.h"
+#include "client/request.h"
 #include "support/error.h"
 #include "support/file_manager.h"
 
@@ -30,7 +31,9 @@
 namespace {
 
 constexpr uid_t firstRealUser = 1000;
-constexpr uid_t firstDynamicUser = 60000;  // of systemd; 65534 is nobody
+// systemd's dynamic users, and nobody. All other large ids can be those of people.
+constexpr uid_t firstDynamicUser = 61184;
+constexpr uid_t nobody = 65534;
 constexpr std::size_t maxNameFile = std::size_t{1} << 20U;
 
 // What a machine has in place of a number. It identifies nobody, and it explains failures.
@@ -82,13 +85,15 @@ ReportFindings FindHost() {
   ReportFindings findings;
   utsname system{};
   uname(&system);
-  AddHost(findings, system.nodename);
+  std::string const host = system.nodename;
+  AddHost(findings, host);
   AddHost(findings, ReadNames("/etc/hostname"));
   for (std::string const& line : Split(ReadNames("/etc/hosts"))) {
     std::vector<std::string> const words = SplitWords(line);
-    // The address that Debian gives to the machine's own name.
-    for (std::size_t i = 1; i < words.size() && words[0] == "127.0.1.1"; ++i)
-      AddHost(findings, words[i]);
+    // The address that Debian gives to the machine's own name, and any other with this name.
+    bool const isOwn = !words.empty() &&
+                       (words[0] == "127.0.1.1" || std::ranges::find(words, host) != words.end());
+    for (std::size_t i = 1; i < words.size() && isOwn; ++i) AddHost(findings, words[i]);
   }
   for (std::string const& line : Split(ReadNames("/etc/machine-info"))) {
     std::size_t const separator = line.find('=');
@@ -117,7 +122,9 @@ void AddUser(ReportFindings& findings, std::string_view name, std::string_view r
   if (home.find('/', 1) != std::string_view::npos) Add(findings, "home", home);
 }
 
-bool IsRealUser(uid_t user) { return user >= firstRealUser && user < firstDynamicUser; }
+bool IsRealUser(uid_t user) {
+  return user >= firstRealUser && (user < firstDynamicUser || user > nobody);
+}
 
 ReportFindings FindLocalUsers() {
   ReportFindings findings;
@@ -126,14 +133,16 @@ ReportFindings FindLocalUsers() {
     if (fields.size() < 6) continue;
     uid_t user = 0;
     std::from_chars(fields[2].data(), fields[2].data() + fields[2].size(), user);
-    if (IsRealUser(user)) AddUser(findings, fields[0], fields[4], fields[5]);
+    // Older systems gave smaller ids to people, too.
+    bool const isPerson = user > 0 && fields[5].starts_with("/home/") && line.ends_with("sh");
+    if (IsRealUser(user) || isPerson) AddUser(findings, fields[0], fields[4], fields[5]);
   }
   return findings;
 }
 
 // Users of a directory service are not in /etc/passwd. Their ids can be any.
 void AddKnownUser(ReportFindings& findings, passwd const* user) {
-  if (user != nullptr && user->pw_uid >= firstRealUser && user->pw_uid != 65534)
+  if (user != nullptr && user->pw_uid >= firstRealUser && user->pw_uid != nobody)
     AddUser(findings, user->pw_name, user->pw_gecos, user->pw_dir);
 }
 
@@ -194,11 +203,11 @@ void AddDmidecodeNumbers(ReportFindings& findings) {
 
 // What the daemon answers is secret wherever else it stands, such as in the trace.
 void AddAnswers(ReportFindings& findings, Net::Address const& address) {
-  auto const hardware = nlohmann::json::parse(AskSensor(address, "hardware"), nullptr, false);
+  nlohmann::json const hardware = ParseResponse(AskSensor(address, "hardware"));
   nlohmann::json::json_pointer const serial("/sensor/hardware/bios_serial_number");
   if (hardware.contains(serial) && hardware[serial].is_string())
     Add(findings, "serial-number", hardware[serial].get<std::string>());
-  auto const igel = nlohmann::json::parse(AskSensor(address, "igel"), nullptr, false);
+  nlohmann::json const igel = ParseResponse(AskSensor(address, "igel"));
   nlohmann::json::json_pointer const list("/sensor/igel/management_certificates");
   if (!igel.contains(list)) return;
   for (auto const& certificate : igel[list]) {
