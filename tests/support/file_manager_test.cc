@@ -155,10 +155,10 @@ TEST_F(FileManagerTest, ANameAppearsOnceWithModeAndOwnerAndAllBytes) {
   alignas(inotify_event) std::array<char, 16384> buffer;
   ssize_t const size = read(watch.Get(), buffer.data(), buffer.size());
   for (ssize_t at = 0; at < size;) {
-    auto const* const event = reinterpret_cast<inotify_event const*>(&buffer[at]);
+    auto const* const event = reinterpret_cast<inotify_event const*>(buffer.data() + at);
     // The kernel shows a file without a name as "#" and its inode.
     if (event->len != 0 && std::isalpha(event->name[0]) != 0)
-      events.emplace_back(event->name, event->mask & ~IN_ISDIR);
+      events.emplace_back(event->name, event->mask & ~std::uint32_t{IN_ISDIR});
     at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
   }
   Events const expected = {{"folder", IN_MOVED_TO}, {"made", IN_CREATE}, {"replaced", IN_MOVED_TO}};
