@@ -194,7 +194,7 @@ TEST(RedactingStreamTest, WhereTheTextIsCutMakesNoDifference) {
       "in one: \"<pem-1>\\n\"\n"
       "05:53:17.854Z VERBOSE  main(1:2) - Found bios serial { serialNumber:\"<serial-number-1>\n"
       "<serial-number-2>\" }\n\nlast <ipv4-1>";
-  for (std::size_t const size : {1, 2, 3, 7, 64, 1000}) {
+  for (std::size_t const size : {1UL, 2UL, 3UL, 7UL, 64UL, 1000UL}) {
     Redactor redactor({.maxLineLength = 118});
     EXPECT_EQ(RedactInPieces(redactor, text, size), redacted) << size;
   }
