@@ -1,7 +1,7 @@
 #pragma once
 
 // Replaces this process by `ktclientctl-report`, which has the command `report`, with the same
-// arguments. It is a program of its own, because it needs libraries that `ktclientctl` does not.
-// The program is beside this one, or in `../libexec/ktclientd`. Returns only after a failure: an
-// exit status, after a line on standard error.
+// arguments. The command has a separate program because it needs libraries that `ktclientctl` does
+// not. The program is beside this one, or in `../libexec/ktclientd`. Returns only after a failure:
+// an exit status, after a line on standard error.
 int ExecuteReportProgram(char** argv);
