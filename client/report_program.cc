@@ -11,7 +11,7 @@
 int ExecuteReportProgram(char** argv) {
   std::error_code error;
   auto const folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
-  for (char const* place : {"ktclientctl-report", "../libexec/ktclientd/ktclientctl-report"}) {
+  for (char const* place : {"ktclientctl-report", KTCLIENTD_REPORT_PROGRAM}) {
     // Never a program of the current folder, whose owner can be anybody.
     if (folder.is_absolute()) execv((folder / place).c_str(), argv);
   }

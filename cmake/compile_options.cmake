@@ -1,5 +1,10 @@
 # How every target of the tree is compiled and linked. Imported targets are not affected.
 
+get_property(isMultiConfig GLOBAL PROPERTY GENERATOR_IS_MULTI_CONFIG)
+if(NOT CMAKE_BUILD_TYPE AND NOT isMultiConfig)
+  set_property(CACHE CMAKE_BUILD_TYPE PROPERTY VALUE RelWithDebInfo)
+endif()
+
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -21,17 +26,11 @@ link_libraries(Threads::Threads)
 # Headers are named from the root: "base/shared.h".
 include_directories("${PROJECT_SOURCE_DIR}")
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+# The presets make a warning an error. Other compilers know warnings that ours do not.
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 add_link_options(-Wl,--as-needed)
 
-if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
-  # Undefined first: some compilers predefine a level, and warn about a different one.
-  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong
-                      -ffunction-sections -fdata-sections)
-  add_link_options(-Wl,-z,relro,-z,now -Wl,--gc-sections)
-else()
-  add_compile_definitions(_GLIBCXX_ASSERTIONS)
-endif()
+include(hardening)
 
 set(sanitizers "${KTCLIENTD_SANITIZERS}")
 if(KTCLIENTD_FUZZ)

@@ -1,11 +1,13 @@
 # The functions that declare the targets of this tree. Their arguments:
 #
-#   DEPENDS   targets of this tree, such as ktclientd::base
-#   PACKAGES  targets from packages.cmake, such as PkgConfig::systemd
+#   DEPENDS           targets of this tree, such as ktclientd::base
+#   PACKAGES          targets from packages.cmake, such as PkgConfig::systemd
+#   PRIVATE_PACKAGES  the same, of headers that only the library's own source files include
 #
 # File names are relative to the folder of the call. `scripts/check-layers` parses the calls for
 # libraries and programs, so their arguments must be plain names, without variables.
 
+include(GNUInstallDirs)
 include(GoogleTest)
 
 # Defines the version as the string literal KTCLIENTD_VERSION, for each target that depends on this
@@ -15,21 +17,41 @@ add_library(ktclientd::version ALIAS ktclientd_version)
 target_compile_definitions(ktclientd_version
                            INTERFACE "KTCLIENTD_VERSION=\"${PROJECT_VERSION}\"")
 
-# Library ktclientd::<name>, named as its folder: static, or an interface library without SOURCES. HEADERS are for every target that depends on it, PRIVATE_HEADERS only for its own
-# folder. Each header must compile alone.
+# The libraries that other programs can link. They are installed with their public headers, and
+# find_package(ktclientd) defines them (packaging/ktclientd-config.cmake.in).
+set(ktclientd_installed base arguments trace loop glib io net process utilities)
+
+# Static library ktclientd::<name>, named as its folder. HEADERS are for every target that depends
+# on it, PRIVATE_HEADERS only for its own folder. Each header must compile alone.
 function(ktclientd_library name)
-  ktclientd_parse_arguments("HEADERS;PRIVATE_HEADERS;SOURCES;DEPENDS;PACKAGES" ${ARGN})
-  set(headers ${ARG_HEADERS} ${ARG_PRIVATE_HEADERS})
   set(library "ktclientd_${name}")
-  if(ARG_SOURCES)
-    add_library("${library}" STATIC ${ARG_SOURCES} ${headers})
-    target_link_libraries("${library}" PUBLIC ${ARG_DEPENDS} ${ARG_PACKAGES})
-  else()
-    add_library("${library}" INTERFACE ${headers})
-    target_link_libraries("${library}" INTERFACE ${ARG_DEPENDS} ${ARG_PACKAGES})
-  endif()
+  add_library("${library}" STATIC)
   add_library("ktclientd::${name}" ALIAS "${library}")
-  ktclientd_check_headers("${library}" ${headers})
+  target_compile_features("${library}" PUBLIC cxx_std_20)
+  ktclientd_library_part("${name}" ${ARGN})
+  if(name IN_LIST ktclientd_installed)
+    set_target_properties("${library}" PROPERTIES EXPORT_NAME "${name}")
+    install(TARGETS "${library}" EXPORT ktclientd
+            ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}/ktclientd" COMPONENT development
+            FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/ktclientd"
+                             COMPONENT development)
+  endif()
+endfunction()
+
+# Adds files to the library ktclientd::<name>: those of an option, such as KTCLIENTD_GLIB.
+function(ktclientd_library_part name)
+  ktclientd_parse_arguments("HEADERS;PRIVATE_HEADERS;SOURCES;DEPENDS;PACKAGES;PRIVATE_PACKAGES"
+                            ${ARGN})
+  set(library "ktclientd_${name}")
+  target_sources("${library}"
+    PRIVATE ${ARG_SOURCES} ${ARG_PRIVATE_HEADERS}
+    PUBLIC FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}" FILES ${ARG_HEADERS})
+  target_link_libraries("${library}" PUBLIC ${ARG_DEPENDS} ${ARG_PACKAGES})
+  if(ARG_PRIVATE_PACKAGES)
+    # An installed library does not ask its users for these packages.
+    target_link_libraries("${library}" PRIVATE "$<BUILD_INTERFACE:${ARG_PRIVATE_PACKAGES}>")
+  endif()
+  ktclientd_check_headers("${library}" ${ARG_HEADERS} ${ARG_PRIVATE_HEADERS})
 endfunction()
 
 # Program <name>.
@@ -56,9 +78,10 @@ function(ktclientd_fuzzer name)
   target_link_options("${name}" PRIVATE -fsanitize=fuzzer)
 endfunction()
 
-# Compiles each header alone: as the only include of a source file.
+# Compiles each header alone, as the only include of a source file: part of the target `headers`,
+# which the test of this name builds.
 function(ktclientd_check_headers library)
-  if(NOT KTCLIENTD_CHECK_HEADERS OR NOT ARGN)
+  if(NOT BUILD_TESTING)
     return()
   endif()
   cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY "${PROJECT_SOURCE_DIR}"
@@ -68,8 +91,11 @@ function(ktclientd_check_headers library)
     file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"${folder}/${header}\"\n")
     list(APPEND sources "${source}")
   endforeach()
-  add_library("${library}_headers" OBJECT ${sources})
-  target_link_libraries("${library}_headers" PRIVATE "${library}")
+  if(NOT TARGET headers)
+    add_library(headers OBJECT EXCLUDE_FROM_ALL)
+  endif()
+  target_sources(headers PRIVATE ${sources})
+  target_link_libraries(headers PRIVATE "${library}")
 endfunction()
 
 # Sets ARG_<list> for each of `lists`. An argument that belongs to no list is an error.
