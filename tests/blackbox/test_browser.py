@@ -82,7 +82,7 @@ class BrowserTest(Case):
         name = f"{self.folder}/socket"
         script = (TEMPLATES / "ktclientd-native-host.in").read_text().rstrip()
         (self.folder / "host").write_text(
-            f"{script.replace('@CMAKE_INSTALL_FULL_BINDIR@', str(BIN))} --socket={name}\n")
+            f"{script.replace('@bindir@', str(BIN))} --socket={name}\n")
         (self.folder / "host").chmod(0o755)
         manifest = json.loads((TEMPLATES / "chromium.json.in").read_text())
         hosts = self.folder / "profile/NativeMessagingHosts"

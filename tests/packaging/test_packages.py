@@ -9,6 +9,7 @@ import tempfile
 import unittest
 
 LIST = pathlib.Path(__file__).parent / "deb.list"
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 DEBS = ["ktclientd", "ktclientd-support"]
 FOLDER = "drwxr-xr-x root/root "
 OF_DEBIAN = re.compile("/changelog.gz$|/copyright$|/lintian/")  # not in the archive
@@ -57,14 +58,22 @@ class Contents(unittest.TestCase):
                                    for line in set().union(*debs.values())
                                    if not OF_DEBIAN.search(line)})
 
-    def test_programs_need_only_these_libraries(self):
+    def test_programs_are_hardened_and_need_only_these_libraries(self):
         for name, programs in NEEDED.items():
             with tempfile.TemporaryDirectory() as folder:
                 run("dpkg-deb", "--extract", only(f"{name}_*.deb"), folder)
+                run(ROOT / "scripts/check-hardening", *(f"{folder}/{file}" for file in programs))
                 for program, libraries in programs.items():
                     dynamic = run("readelf", "--dynamic", f"{folder}/{program}")
                     found = re.findall(r"\(NEEDED\) .*\[(?!ld-)(.*)\]", dynamic)
                     self.assertEqual(set(found), libraries, program)
+
+    def test_another_program_links_the_libraries_of_the_development_package(self):
+        with tempfile.TemporaryDirectory() as folder:
+            run("dpkg-deb", "--extract", only("ktclientd-dev_*.deb"), folder)
+            consumer = ROOT / "tests/packaging/consumer"
+            run("cmake", "-S", consumer, "-B", f"{folder}/build", f"-DCMAKE_PREFIX_PATH={folder}/usr")
+            run("cmake", "--build", f"{folder}/build")
 
 
 class Archive(unittest.TestCase):
