@@ -3,6 +3,8 @@
 # formatted, and fails if anything is.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/tools.sh
+requireTool "$clangFormat"
 
 case "${1-}" in
   "") mode=(-i) ;;
@@ -15,4 +17,4 @@ esac
 
 find . \( -path ./build -o -path ./.git \) -prune -o \
   -type f \( -name '*.h' -o -name '*.c' -o -name '*.cc' \) -print0 |
-  xargs --null clang-format-14 --style=file "${mode[@]}"
+  xargs --null "$clangFormat" --style=file "${mode[@]}"

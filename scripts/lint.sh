@@ -3,6 +3,8 @@
 # if there are any. With arguments, only over these sources: scripts/lint.sh net/*.cc
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/tools.sh
+requireTool "$clangTidy"
 
 cmake --preset clang >/dev/null
 
@@ -12,6 +14,6 @@ else
   find . \( -path ./build -o -path ./.git \) -prune -o \
     -type f \( -name '*.c' -o -name '*.cc' \) -print0
 fi |
-  xargs --null --max-args=1 --max-procs="$(nproc)" clang-tidy-14 --quiet -p build/clang 2>&1 |
+  xargs --null --max-args=1 --max-procs="$(nproc)" "$clangTidy" --quiet -p build/clang 2>&1 |
   # Drop the count of findings: it includes hidden ones, in system headers.
   sed -E '/^[0-9]+ warnings? generated\.$/d'

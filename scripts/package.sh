@@ -9,7 +9,7 @@ umask 022  # the archive keeps the modes of its folders
 results=$PWD/build/package
 source=$results/source/ktclientd
 
-scripts/setup.sh
+scripts/setup.sh --package
 rm -rf "$results"
 mkdir -p "$source"
 git archive HEAD | tar --extract --directory="$source"

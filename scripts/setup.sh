@@ -1,26 +1,52 @@
 #!/bin/bash
-# Installs the missing Debian packages that are needed to build, test and check the tree, and those
-# that the arguments name. Does and prints nothing when all are installed.
+# Installs the missing Debian packages that are needed for
+#
+#   setup.sh              the release build and its tests; also debug, asan and tsan
+#   setup.sh --clang      and the presets clang and fuzz
+#   setup.sh --package    and package.sh, test-package.sh and in-debian.sh
+#   setup.sh --all        and everything else in .ci/run: formatter, linter, browser
+#
+# Does and prints nothing when all are installed.
 set -euo pipefail
+. "$(dirname "$0")/tools.sh"
 
 packages=(
-  build-essential clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
-  cmake ninja-build pkg-config
+  build-essential cmake ninja-build pkgconf
   nlohmann-json3-dev libcli11-dev libsystemd-dev libglib2.0-dev uuid-dev libutfcpp-dev
   libre2-dev libarchive-dev libgtest-dev libbenchmark-dev
-  systemd dmidecode openssl python3 python3-jsonschema strace procps netbase git
+  systemd dmidecode openssl python3 python3-jsonschema strace procps netbase
   man-db mandoc bash-completion
-  debhelper dpkg-dev fakeroot lintian mmdebstrap systemd-container
-  "$@"
 )
+clang=(clang libclang-rt-dev)
+package=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
+others=(git chromium)
+pinned=("$clangFormat" "$clangTidy")
 
-# The query fails when dpkg does not know one of the packages: that one is missing, too.
-installed=$(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "${packages[@]}" \
-  2>/dev/null | sed -n 's/^installed //p' || true)
-missing=()
-for package in "${packages[@]}"; do
-  grep --quiet --line-regexp --fixed-strings -e "$package" <<<"$installed" || missing+=("$package")
-done
+case "$*" in
+  "") pinned=() ;;
+  --clang) packages+=("${clang[@]}") pinned=() ;;
+  --package) packages+=("${package[@]}") pinned=() ;;
+  --all) packages+=("${clang[@]}" "${package[@]}" "${others[@]}") ;;
+  *)
+    echo "usage: scripts/setup.sh [--clang | --package | --all]" >&2
+    exit 2
+    ;;
+esac
+
+# lacking PACKAGE...: sets `missing` to those that are not installed. The query fails when dpkg does
+# not know one of them.
+lacking() {
+  local installed package
+  missing=()
+  installed=$(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "$@" 2>/dev/null |
+    sed -n 's/^installed //p' || true)
+  for package; do
+    grep --quiet --line-regexp --fixed-strings -e "$package" <<<"$installed" ||
+      missing+=("$package")
+  done
+}
+
+lacking "${packages[@]}" "${pinned[@]}"
 [[ ${#missing[@]} -gt 0 ]] || exit 0
 
 asRoot=()
@@ -33,6 +59,15 @@ if [[ $EUID -ne 0 ]]; then
 fi
 asRoot+=(env DEBIAN_FRONTEND=noninteractive)
 
-echo "setup: installing ${missing[*]}"
 "${asRoot[@]}" apt-get --quiet update </dev/null
-"${asRoot[@]}" apt-get --quiet --yes --no-install-recommends install "${missing[@]}" </dev/null
+available=()
+for package in "${missing[@]}"; do
+  if [[ " ${pinned[*]} " == *" $package "* ]] && ! apt-cache show "$package" >/dev/null 2>&1; then
+    echo "setup: this release of Debian has no $package"
+  else
+    available+=("$package")
+  fi
+done
+[[ ${#available[@]} -gt 0 ]] || exit 0
+echo "setup: installing ${available[*]}"
+"${asRoot[@]}" apt-get --quiet --yes --no-install-recommends install "${available[@]}" </dev/null

@@ -16,7 +16,10 @@ done
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$(nproc)}
 
-scripts/setup.sh
+case "$preset" in
+  clang | fuzz) scripts/setup.sh --clang ;;
+  *) scripts/setup.sh ;;
+esac
 cmake --preset "$preset"
 cmake --build --preset "$preset"
 
