@@ -1,6 +1,6 @@
 #!/bin/bash
-# Builds the Debian package, and the archive for systems without a package manager, from the current
-# commit; checks both, and leaves them in build/package/.
+# Builds the Debian packages, their source package, and the archive for systems without a package
+# manager, from the current commit; checks both, and leaves them in build/package/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
@@ -19,7 +19,7 @@ fi
 
 build() {
   cd "$source"
-  dpkg-buildpackage --unsigned-source --unsigned-changes --build=binary \
+  dpkg-buildpackage --unsigned-source --unsigned-changes --build=full \
     --jobs="$CMAKE_BUILD_PARALLEL_LEVEL"
   asRoot=()
   [[ $EUID -eq 0 ]] || asRoot=(fakeroot)
