@@ -3,6 +3,7 @@
 #
 #   in-debian.sh trixie scripts/test.sh
 #   in-debian.sh bookworm:arm64 scripts/demo.sh
+#   in-debian.sh --folder trixie         only prints the folder of the clone
 #
 # The command sees the devices, the firmware and the network of this machine, and runs as root. What
 # it installs stays in the tree, which stays in build/trees/; the clone is in ktclientd/ there.
@@ -13,16 +14,25 @@ if [[ $EUID -ne 0 ]]; then
   exec sudo "$0" "$@"
 fi
 if [[ $# -lt 2 ]]; then
-  echo "usage: scripts/in-debian.sh SUITE[:ARCHITECTURE] COMMAND..." >&2
+  echo "usage: scripts/in-debian.sh SUITE[:ARCHITECTURE] COMMAND... | --folder SUITE[:ARCHITECTURE]" >&2
   exit 2
 fi
 
+onlyFolder=
+if [[ $1 == --folder ]]; then
+  onlyFolder=yes
+  shift
+fi
 suite=${1%%:*}
 architecture=$(dpkg --print-architecture)
 [[ $1 != *:* ]] || architecture=${1##*:}
 shift
 
 tree=$(scripts/debian-tree.sh build "$suite" "$architecture" ca-certificates,git)
+if [[ $onlyFolder ]]; then
+  echo "$tree/ktclientd"
+  exit
+fi
 rm -rf --one-file-system "$tree/ktclientd"
 git clone --quiet --no-hardlinks "$PWD" "$tree/ktclientd"
 cp --dereference /etc/resolv.conf "$tree/etc/resolv.conf"

@@ -1,7 +1,10 @@
 #!/bin/bash
-# Boots a minimal Debian in a container, installs the packages from build/package/ there
-# (scripts/package.sh makes them) and runs debian/tests/. The tree of that Debian stays in build/;
-# the container works on a copy in memory. Needs root.
+# Boots a minimal Debian in a container, installs the packages there and runs debian/tests/:
+#
+#   test-package.sh           the release of this machine, and its packages from build/package/
+#   test-package.sh trixie    another one; builds the packages in that release with in-debian.sh
+#
+# The tree of that Debian stays in build/; the container works on a copy in memory. Needs root.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")/.."
 if [[ $EUID -ne 0 ]]; then
@@ -9,34 +12,37 @@ if [[ $EUID -ne 0 ]]; then
 fi
 # In a mount namespace of its own: its mounts end with the script.
 if [[ ${1-} != --in-namespace ]]; then
-  exec unshare --mount --propagation=private "$0" --in-namespace </dev/null
+  exec unshare --mount --propagation=private "$0" --in-namespace "$@" </dev/null
 fi
+shift
 
 patience=600  # seconds
+ownSuite=$(. /etc/os-release && echo "$VERSION_CODENAME")
+suite=${1:-$ownSuite}
 folder=$PWD/build/package-test
 serial=KT-0042-TEST
 
-scripts/setup.sh
-packages=(build/package/ktclientd_*.deb build/package/ktclientd-support_*.deb)
+scripts/setup.sh --package
+architecture=$(dpkg --print-architecture)
+made=$PWD/build/package
+if [[ $suite != "$ownSuite" ]]; then
+  scripts/in-debian.sh "$suite" scripts/package.sh
+  made=$(scripts/in-debian.sh --folder "$suite")/build/package
+fi
+packages=("$made"/ktclientd_*.deb "$made"/ktclientd-support_*.deb)
 if [[ ! -e ${packages[0]} ]]; then
   echo "test-package: there are no packages; run scripts/package.sh first" >&2
   exit 1
 fi
 
-# The packages that the packages and their tests depend on, for the Debian release of this machine.
-suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
+# The packages that the packages and their tests depend on.
 wanted=$({
   echo systemd-sysv,dbus,procps,dmidecode
   dpkg-deb --field "${packages[1]}" Depends | sed 's/ktclientd ([^)]*),*//; s/([^)]*)//g; s/ //g'
   sed -n 's/^Depends: @, //p' debian/tests/control | tr --delete ' '
 } | paste --serial --delimiters=,)
-tree=$folder/$suite-$(sha256sum <<<"$wanted" | cut --characters=1-12)
-if [[ ! -d $tree ]]; then
-  rm -rf "$folder"
-  mkdir -p "$folder"
-  mmdebstrap --variant=minbase --include="$wanted" "$suite" "$tree.part"
-  mv "$tree.part" "$tree"
-fi
+tree=$(scripts/debian-tree.sh package-test "$suite" "$architecture" "$wanted")
+mkdir -p "$folder"
 
 container=
 controlGroup=
