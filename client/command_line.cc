@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstddef>
 #include <iostream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <system_error>
@@ -114,12 +115,14 @@ std::string_view GetCommandName(int argc, char const* const* argv) {
 }
 
 CommandLine ReadCommandLine(int argc, char const* const* argv) {
-  std::vector<char const*> words(argv + std::min(argc, 1), argv + argc);
-  auto const others = std::stable_partition(words.begin(), words.end(), IsTraceOption);
-  ParseArguments(static_cast<int>(others - words.begin()), words.data());
+  std::vector<char const*> traceOptions;
+  std::vector<char const*> others;
+  std::partition_copy(argv + std::min(argc, 1), argv + argc, std::back_inserter(traceOptions),
+                      std::back_inserter(others), IsTraceOption);
+  ParseArguments(static_cast<int>(traceOptions.size()), traceOptions.data());
 
   Grammar grammar;
-  ParseWords(grammar.app, {others, words.end()});
+  ParseWords(grammar.app, others);
 
   CommandLine commandLine;
   commandLine.address = GetAddress(grammar.socket);
