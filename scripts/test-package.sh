@@ -80,11 +80,14 @@ ExecStopPost=sh -c 'exec journalctl --no-pager >/results/journal'
 StandardOutput=append:/results/output
 StandardError=inherit
 UNIT
+# The tests restart the socket more often than the default allows.
+printf '[Manager]\nDefaultStartLimitIntervalSec=0\n' >"$data/manager.conf"
 
 options=(
   --boot --quiet --directory="$tree" --volatile=overlay --private-network --console=pipe
   --bind-ro="$PWD:/source" --bind-ro="$data:/data" --bind="$folder/results:/results"
   --bind-ro="$data/package-test.service:/etc/systemd/system/package-test.service"
+  --bind-ro="$data/manager.conf:/etc/systemd/system.conf.d/manager.conf"
 )
 # Without a running systemd this script must create the control group of the container itself.
 if [[ ! -d /run/systemd/system ]]; then
