@@ -3,6 +3,7 @@
 #
 #   in-debian.sh trixie scripts/test.sh
 #   in-debian.sh bookworm:arm64 scripts/demo.sh
+#   in-debian.sh --again trixie ...      in the clone of the call before, with what it has built
 #   in-debian.sh --folder trixie         only prints the folder of the clone
 #
 # The command sees the devices, the firmware and the network of this machine, and runs as root. What
@@ -14,13 +15,13 @@ if [[ $EUID -ne 0 ]]; then
   exec sudo "$0" "$@"
 fi
 if [[ $# -lt 2 ]]; then
-  echo "usage: scripts/in-debian.sh SUITE[:ARCHITECTURE] COMMAND... | --folder SUITE[:ARCHITECTURE]" >&2
+  echo "usage: scripts/in-debian.sh [--again] SUITE[:ARCHITECTURE] COMMAND..." >&2
   exit 2
 fi
 
-onlyFolder=
-if [[ $1 == --folder ]]; then
-  onlyFolder=yes
+mode=
+if [[ $1 == --* ]]; then
+  mode=$1
   shift
 fi
 suite=${1%%:*}
@@ -29,12 +30,14 @@ architecture=$(dpkg --print-architecture)
 shift
 
 tree=$(scripts/debian-tree.sh build "$suite" "$architecture" ca-certificates,git)
-if [[ $onlyFolder ]]; then
+if [[ $mode == --folder ]]; then
   echo "$tree/ktclientd"
   exit
 fi
-rm -rf --one-file-system "$tree/ktclientd"
-git clone --quiet --no-hardlinks "$PWD" "$tree/ktclientd"
+if [[ $mode != --again ]]; then
+  rm -rf --one-file-system "$tree/ktclientd"
+  git clone --quiet --no-hardlinks "$PWD" "$tree/ktclientd"
+fi
 cp --dereference /etc/resolv.conf "$tree/etc/resolv.conf"
 
 # The mounts and all processes end with the command. The shell that is process 1 reaps orphans.

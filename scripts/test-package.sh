@@ -1,8 +1,9 @@
 #!/bin/bash
 # Boots a minimal Debian in a container, installs the packages there and runs debian/tests/:
 #
-#   test-package.sh           the release of this machine, and its packages from build/package/
-#   test-package.sh trixie    another one; builds the packages in that release with in-debian.sh
+#   test-package.sh                  the release of this machine, with build/package/
+#   test-package.sh trixie           another one; in-debian.sh builds the packages
+#   test-package.sh trixie FOLDER    another one, with the packages from FOLDER
 #
 # The tree of that Debian stays in build/; the container works on a copy in memory. Needs root.
 set -euo pipefail
@@ -24,8 +25,8 @@ serial=KT-0042-TEST
 
 scripts/setup.sh --package
 architecture=$(dpkg --print-architecture)
-made=$PWD/build/package
-if [[ $suite != "$ownSuite" ]]; then
+made=${2:-$PWD/build/package}
+if [[ $# -lt 2 && $suite != "$ownSuite" ]]; then
   scripts/in-debian.sh "$suite" scripts/package.sh
   made=$(scripts/in-debian.sh --folder "$suite")/build/package
 fi
