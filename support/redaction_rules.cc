@@ -1,11 +1,13 @@
 #include "support/redaction_rules.h"
 
 #include <arpa/inet.h>
+#include <re2/re2.h>
 
 #include <algorithm>
 #include <array>
 
 #include "base/text.h"
+#include "support/redaction_values.h"
 
 // The expressions see one line as bytes. Each one describes its value and what stands around it;
 // the value is a group. What stands behind the value is described in few bytes, because the next
@@ -17,7 +19,7 @@
 // "n" of a line feed in JSON, the digits of "%20" and the "m" of a colour escape end a word, too.
 //
 // What an expression cannot say, a function decides: whether groups of digits are an address,
-// whether a long run of letters is random.
+// whether a long run of letters is random, where the value after a key ends (redaction_values.h).
 
 namespace Support {
 
@@ -26,18 +28,6 @@ namespace {
 // What may stand before and behind a word.
 std::string const before = wordStartPattern;
 std::string const after = R"((?:[^0-9A-Za-z]|$))";
-
-// A value after one of the keys and ":" or "=", between double quotes without, with one and with
-// three backslashes, or between single quotes. `bare`, if any, is an alternative with a group.
-std::string ValueOf(std::string const& keys, std::string const& bare = {}) {
-  return "(?i)(?:" + keys + ")(?:" +                                          //
-         R"("?\s*[:=]\s*"((?:[^"\\]|\\.)+))"                                  //
-         R"(|(?:\\")?\s*[:=]\s*\\"((?:[^"\\]|\\{1,2}[^"\\]|\\{3}.)+))"        //
-         R"(|(?:\\{3}")?\s*[:=]\s*\\{3}"((?:[^"\\]|\\{1,6}[^"\\]|\\{7}.)+))"  //
-         R"(|'?\s*[:=]\s*'([^']+))" +                                         //
-         (bare.empty() ? "" : "|" + bare) +
-         ")";
-}
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsUpper(char c) { return c >= 'A' && c <= 'Z'; }
@@ -60,11 +50,43 @@ void RefineEmail(std::string_view line, Span found, std::vector<Span>& spans) {
   if (!isUnit) spans.push_back(found);
 }
 
-// Not the middle of a longer number such as an object identifier.
+// Not the middle of a longer number such as an object identifier. "version 1.2.3.4" is a version
+// if the first number is small and the address would not be one of a private network.
 void RefineIpv4(std::string_view line, Span found, std::vector<Span>& spans) {
+  static RE2 const version(R"((?i)\bversion(?: is)?["']?[ :=]+["'v]*$)", RE2::Latin1);
+  constexpr std::size_t maxContext = 16;
   std::string_view const text = TextOf(line, found);
   if (text == "127.0.0.1" || text == "0.0.0.0") return;
   if (found.begin >= 2 && line[found.begin - 1] == '.' && IsDigit(line[found.begin - 2])) return;
+  bool const isSmall = text.find('.') <= 2 && !text.starts_with("10.");
+  std::size_t const length = std::min(found.begin, maxContext);
+  std::string_view const context = line.substr(found.begin - length, length);
+  if (isSmall && RE2::PartialMatch(re2::StringPiece(context.data(), context.size()), version))
+    return;
+  spans.push_back(found);
+}
+
+// "anna" of "anna/x", "CORP/anna" of "CORP/anna": a folder of users is upper-case or a domain.
+void RefineHome(std::string_view line, Span found, std::vector<Span>& spans) {
+  std::string_view const text = TextOf(line, found);
+  std::size_t const end = std::min(text.find_first_of("/\\%"), text.size());
+  std::string_view const first = text.substr(0, end);
+  bool const isGroup =
+      std::ranges::none_of(first, IsLower) || first.find_first_of(".@", 1) < first.size() - 1;
+  Span part{found.begin, isGroup ? found.end : found.begin + end};
+  while (part.end > part.begin && line[part.end - 1] == '.') --part.end;
+  spans.push_back(part);
+}
+
+// Users of the system are the same on all machines.
+void RefineUser(std::string_view line, Span found, std::vector<Span>& spans) {
+  constexpr std::array<std::string_view, 20> systemUsers = {
+      "root", "ktclientd", "nobody", "daemon",  "sshd",       "messagebus", "polkitd",
+      "gdm",  "lightdm",   "sddm",   "mail",    "www-data",   "unknown",    "manager",
+      "tty",  "users",     "none",   "default", "privileges", "sessions"};
+  std::string_view const text = TextOf(line, found);
+  if (text.starts_with("systemd") || std::ranges::find(systemUsers, text) != systemUsers.end())
+    return;
   spans.push_back(found);
 }
 
@@ -96,34 +118,31 @@ void RefineQuery(std::string_view line, Span found, std::vector<Span>& spans) {
   }
 }
 
-// "PWD=/home" is the working directory.
-void RefinePwd(std::string_view line, Span found, std::vector<Span>& spans) {
-  if (line[found.begin] != '/') spans.push_back(found);
-}
-
-// "Bearer token" and "basic functions" are prose.
-void RefineScheme(std::string_view line, Span found, std::vector<Span>& spans) {
-  constexpr std::array<std::string_view, 7> words = {
-      "token", "tokens", "auth", "authentication", "authorization", "scheme", "realm"};
-  std::string const text = Base::LowerCased(TextOf(line, found));
-  if (std::ranges::find(words, text) == words.end()) spans.push_back(found);
-}
-
-// Random text, not a word, a name or a path: it has digits, or a quarter of it is upper-case.
-void RefineRun(std::string_view line, Span found, std::vector<Span>& spans) {
-  std::string_view const text = TextOf(line, found);
-  bool const hasDigit = std::ranges::any_of(text, IsDigit);
-  bool const hasLower = std::ranges::any_of(text, IsLower);
-  auto const upperCount = static_cast<std::size_t>(std::ranges::count_if(text, IsUpper));
-  bool const isMixed = hasLower && upperCount * 4 >= text.size();
-  bool const isPath = text.front() == '/' || (text.find('/') != std::string_view::npos && !isMixed);
-  if (!isPath && (hasDigit || isMixed)) spans.push_back(found);
+// The random parts of a path, and all parts behind "hooks" and the like.
+void RefinePath(std::string_view line, Span found, std::vector<Span>& spans) {
+  constexpr std::array<std::string_view, 8> words = {"services", "webhook",   "webhooks", "hook",
+                                                     "hooks",    "workflows", "invite",   "reset"};
+  constexpr std::size_t minLength = 16;
+  bool isSecret = false;
+  std::size_t begin = found.begin;
+  while (begin < found.end) {
+    std::string_view const rest = line.substr(begin, found.end - begin);
+    std::size_t const stop = std::min(rest.find_first_of("/\\"), rest.size());
+    Span const part{begin, begin + stop};
+    if (isSecret && stop > 0) {
+      spans.push_back(part);
+    } else if (stop >= minLength && rest.substr(0, stop).find('.') == std::string_view::npos) {
+      RefineRun(line, part, spans);
+    }
+    isSecret = isSecret || std::ranges::find(words, rest.substr(0, stop)) != words.end();
+    begin += stop + 1;
+  }
 }
 
 std::vector<BuiltInRule> GetMachineRules() {
   std::vector<BuiltInRule> rules;
   // A trace line is whole, and nothing in it is escaped: the value ends with the line's fields.
-  std::string const toEndOfFields = R"(([^"].*?)(?:" \}\s*$|$))";
+  std::string const toEndOfFields = R"((.*?)(?:" \}\s*$|$))";
   std::string const inJson = R"(\\"((?:[^"\\]|\\{1,2}[^"\\]|\\{3}.)+))";
   std::string const output = R"(exitCode:-?\d+ output:)";
   for (std::string const command : {"dmidecode.*", ""}) {
@@ -132,24 +151,44 @@ std::vector<BuiltInRule> GetMachineRules() {
       rules.push_back({name, std::string(command).append(output).append(value)});
   }
   rules.push_back({serialNumberRule, "serialNumber:\"" + toEndOfFields});
-  rules.push_back({serialNumberRule,
-                   ValueOf("serial[_ -]?(?:number|no)", R"(["'\\]*\s*[:=]\s*([^\s"'\\,;{}<>]+))")});
-  rules.push_back({serialNumberRule, R"((?i)serial number: *([^"\\]*[^"\\\s]))"});
-  rules.push_back({serialNumberRule,
-                   ValueOf(before + "(?:id_)?serial(?:_short)?", R"(\s*=\s*([^\s"'\\,;]+))")});
   rules.push_back({"hex-dump", R"(dataHex:\\*"([0-9A-Fa-f]+))", true});
   rules.push_back({"hex-dump", R"([A-Za-z]Hex:\\*"([0-9A-Fa-f]{9,}))", true});
+
+  auto const add = [&](std::string const& pattern, auto refine) {
+    rules.push_back({serialNumberRule, "(?i)" + pattern, false, refine});
+  };
+  // "Serial Number: x", "bios_serial_number":"x", ID_SERIAL_SHORT=x, "S/N: x", "Asset Tag: x"
+  std::string const number = R"((?:[-_ .]?(?:number|num|no|nr|short|id)\b|#)?\.?)";
+  add("((?:serial" + number + "|(?:asset|service|inventory)[-_ ]?(?:tag|number|no)" +
+          "|imei|iccid|imsi)" + separatorPattern + ")",
+      RefineMachineNumber);
+  add(before + R"(((?:s/n|sn))" + separatorPattern + ")", RefineMachineNumber);
+  // 'Serial number "x"', "serial number is x"
+  add(R"((serial number\s+)\\*["'])", RefineMachineNumber);
+  add(R"(serial (?:number|no\.?)\s+(?:is\s+|was\s+)?([^\s"'\\,;]*\d[^\s"'\\,;]*))", nullptr);
+  // /dev/disk/by-id/ata-MODEL_x
+  add(R"(by(?:-|\\+x2d)id(?:/|-)(?:\w|\\+x2d)+?(?:-|\\+x2d)([^\s/"',;:)]+))", nullptr);
   return rules;
 }
 
 std::vector<BuiltInRule> GetCertificateRules() {
   std::vector<BuiltInRule> rules;
+  // The text goes on to the end of the line, or of the JSON value that holds it.
+  std::string const text = R"(((?:=\s*\\*"[^"]*"|[^"\\]|\\[^nr"])+))";
   rules.push_back({"certificate", R"((?i)^\s*(?:subject|issuer)\s*[:=]\s*(.*\S))"});
-  rules.push_back({"certificate", ValueOf(before + "(?:subject|issuer)")});
-  rules.push_back({"certificate", "(?i)" + before +
-                                      R"((?:subject|issuer)\s*=\s*)"
-                                      R"(((?:=\s*\\*"[^"]*"|[^"\\]|\\[^nr"])+))"});
-  rules.push_back({"certificate", before + R"(CN ?= ?([^,"\\/+]*[^,"\\/+\s]))"});
+  rules.push_back({"certificate",
+                   "(?i)(" + before + "(?:subject|issuer)" + R"(\\*["'])" + separatorPattern + ")",
+                   false, RefinePhrase});
+  rules.push_back({"certificate", "(?i)" + before + R"((?:subject|issuer)\s*[:=]\s*)" + text});
+  // "C = DE, O = Works, CN = x", "uid=x,ou=people,dc=corp", "/C=DE/CN=x": all parts from the first
+  // one on. The small parts count only in front of a part that is surely one of a name.
+  std::string const part = R"((?:[A-Z][A-Za-z]{0,15}|uid|cn|ou|o|c|l|st) ?= ?)"
+                           R"((?:\\*"[^"]*"|[^,"=\\]|\\[^nr"])*[,+;] ?)";
+  std::string const sure = R"((?i:(?:CN|OU|DC|emailAddress) ?= ?)|)"
+                           R"((?:C|ST|L|O) ?= ?[^,"=]+[,+] ?(?:C|ST|L|O|S|STREET) ?= ?)";
+  rules.push_back({"certificate", before + "((?:" + part + "){0,8}?(?:" + sure + ")" + text + ")"});
+  rules.push_back({"certificate", R"((?:^|[\s"'=:(])(/(?:C|CN|DC|O|OU|ST|L|UID)=[^"]+))"});
+  rules.push_back({"certificate", before + R"(DNS:([^\s,"\\]+))"});
   rules.push_back({"fingerprint",
                    R"((?i)(?:thumbprint\w*|fingerprint)["'\\]*\s*[:=]\s*["'\\]*([^\s"'\\,;{}]+))",
                    true});
@@ -169,42 +208,9 @@ std::vector<BuiltInRule> GetUrlRules() {
       {"url-value", slashes + R"([^\s"<>?#\\]*\?((?:[^\s"<>\\#]|\\u0026)+))", false, RefineQuery});
   rules.push_back({"url-value", R"([?#]([A-Za-z0-9_.~\[\]%*+-]+=(?:[^\s"<>\\#]|\\u0026)*))", false,
                    RefineQuery});
-  return rules;
-}
-
-std::vector<BuiltInRule> GetTokenRules() {
-  std::vector<BuiltInRule> rules;
-  std::string const any = R"(["'\\]*\s*[:=]\s*((?:[^\s"'\\,;]|\\[^"\s]|[,;'"][A-Za-z0-9])+))";
-  rules.push_back({"token", ValueOf("(?:passw(?:or)?d|passphrase|passcode|passwort|kennwort|secret)"
-                                    R"(\w{0,16})",
-                                    any)});
-  rules.push_back({"token", ValueOf("(?:api|access|private|secret|encryption|signing|shared|master|"
-                                    "session|ssh|auth|account)[-_. ]?key",
-                                    any)});
-  rules.push_back({"token", ValueOf("token", R"(\s*=\s*([^\s"'\\,;&]+))")});
-  rules.push_back(
-      {"token", ValueOf("pwd|" + before + "pass", R"(\s*=\s*([^\s"'\\,;&]+))"), false, RefinePwd});
-  rules.push_back({"token", R"((?i)-(?:password|passwd|passphrase|pass|token|secret|api-key))"
-                            R"(\s+([^\s"'\\-][^\s"\\]*))"});
-  rules.push_back({"token", R"((?i)-pass(?:in|out)?\s+pass:([^\s"\\]+))"});
-  rules.push_back({"token", R"((?i)(?:\s-u|\s--(?:proxy-)?user)[\s=]*(['"]?[^\s:]+:[^\s"\\]+))"});
-  rules.push_back({"token", before + "(AAAA[A-Z][A-Za-z0-9+/]{24,}={0,2})"});
-  // To the end of the line or value: "Digest" has values in quotes.
-  rules.push_back({"token", R"((?i)(?:authorization|cookie)\s*[:=]\s*)"
-                            R"(((?:=\\*"[^"\\]*\\*"|[^"\\\s]|\s+[^"\\\s])+))"});
-  rules.push_back({"token", ValueOf("authorization|cookie")});
-  rules.push_back(
-      {"token", R"((?i)(?:bearer|negotiate|ntlm)\s+([^\s"'\\,;]+))", false, RefineScheme});
-  rules.push_back(
-      {"token", R"((?i:basic)\s+([A-Za-z0-9+/]*[A-Z0-9+/=][A-Za-z0-9+/=]*))", false, RefineScheme});
-  rules.push_back({"token", before + R"((eyJ[A-Za-z0-9_-]{8,}\.[A-Za-z0-9_.-]+))"});
-  rules.push_back({"token", R"((\$[0-9a-z]{1,3}\$[A-Za-z0-9./$=,+-]{20,}))"});
-  rules.push_back({"token",
-                   R"((?i)(?:key|token|secret|passw(?:or)?d|passphrase|authorization|)"
-                   R"(credential|signature|nonce|cookie|session)s?[^A-Za-z0-9+/]{1,8})"
-                   R"((?:[a-z]{1,12}[^A-Za-z0-9+/]{1,3}){0,3}?)"
-                   R"(([A-Za-z0-9+/_-]{16,}={0,2}))",
-                   false, RefineRun});
+  // https://chat.test/hooks/T01/x: a part of the path can be a key.
+  std::string const host = slashes + R"([^\s"'<>/?#\\]+)";
+  rules.push_back({"url-path", host + R"((/[^\s"'<>?#]*))", false, RefinePath});
   return rules;
 }
 
@@ -215,10 +221,36 @@ std::vector<BuiltInRule> GetPersonRules() {
                             R"((?:\[[0-9A-Fa-f:.]+\]|(?:[A-Za-z0-9\x80-\xff-]+\.)+)"
                             R"([A-Za-z\x80-\xff]{2,})))",
                    true, RefineEmail});
-  // The name ends before a full stop at the end of a sentence.
+  // anna@localhost, and a Kerberos principal: anna@CORP
+  rules.push_back(
+      {emailRule,
+       before + R"(([A-Za-z0-9_%+.~-]+(?:@|%40)(?:(?i:localhost)|[A-Z][A-Z0-9-]+)))" + after,
+       true});
+  // /home/anna, and /home/CORP/anna
   std::string const slash = R"((?:\\*/|%2[fF]))";
-  rules.push_back({"user", slash + "(?:home|Users)" + slash +
-                               R"(([^\s/"'\\:,;<>()\[\]{}|%&?#]*[^\s/"'\\:,;<>()\[\]{}|%&?#.]))"});
+  std::string const folder = R"([^\s/"'\\:,;<>()\[\]{}|%&?#]+)";
+  rules.push_back(
+      {"user",
+       slash + "(?:home[0-9]?|Users)" + slash + "(" + folder + "(?:" + slash + folder + ")?)",
+       false, RefineHome});
+  // Other folders and files with the name of a user. The name ends before a full stop.
+  std::string const name = R"(([^\s/"'\\:,;<>()\[\]{}|%&?#]*[^\s/"'\\:,;<>()\[\]{}|%&?#.]))";
+  rules.push_back({"user", slash + "(?:(?:var|spool)" + slash + "mail|crontabs|AccountsService" +
+                               slash + "(?:users|icons)|linger|run" + slash + "media)" + slash +
+                               name});
+  rules.push_back({"user", R"((?:^|[\s"'=:(])~([A-Za-z_][\w.-]*)/)"});
+  // "user=anna", "ruser=anna", "for user anna", "1000(anna)", "sudo: anna : TTY=", "login anna"
+  rules.push_back({"user",
+                   R"((?:\b(?:r|l|e|s|g)?user(?:name|id)?|USER|\blogname)=["']?)"
+                   R"(([A-Za-z_][\w.@\\-]*))",
+                   false, RefineUser});
+  rules.push_back({"user",
+                   R"(\b(?:[Uu]ser|[Pp]assword for|[Pp]ublickey for) ["'(]?)"
+                   R"(([A-Za-z_][\w.@\\-]*)["')]?(?:\(uid=\d+\)|[.:]?$|)"
+                   R"( (?:from|by|on|for|at|via|not|does|has|logged|authent|with)\b))",
+                   false, RefineUser});
+  rules.push_back({"user", R"(\b[ug]id=\d+\(([\w.@\\ -]+)\))", false, RefineUser});
+  rules.push_back({"user", R"(\b(?:su|sudo)(?:\[\d+\])?:\s+([\w.@\\-]+) : )", false, RefineUser});
   return rules;
 }
 
@@ -241,6 +273,15 @@ std::vector<BuiltInRule> GetAddressRules() {
                        R"((?:[0-9A-Fa-f]{4}\.){2}[0-9A-Fa-f]{4}))" +
                        R"((?:[^0-9A-Za-z:-]|[:-](?:[^0-9A-Fa-f]|$)|$))",
                    true});
+  // mac=001122334455, and the name of an interface: enx001122334455
+  rules.push_back({"mac",
+                   R"((?i)(?:mac|hwaddr|ether|lladdr|bssid|address|hw)(?:[-_ ]?addr(?:ess)?)?)"
+                   R"((?:\s+is)?[\s"'\\:=]+([0-9a-f]{12}))" +
+                       after,
+                   true});
+  rules.push_back({"mac", before + "(?:en|wl|ww)x([0-9A-Fa-f]{12})" + after, true});
+  // The machine or domain of Windows.
+  rules.push_back({"uuid", before + R"((S-1-5-21(?:-\d+){3,4}))"});
   std::string const hyphen = R"((?:-|_|\\+x2[dD]))";
   rules.push_back({"uuid",
                    before + "([0-9A-Fa-f]{8}(?:" + hyphen + "[0-9A-Fa-f]{4}){3}" + hyphen +
@@ -264,16 +305,34 @@ std::string AnyOf(std::vector<BuiltInRule> const& rules) {
 
 }  // namespace
 
+void RefineRun(std::string_view line, Span found, std::vector<Span>& spans) {
+  std::string_view const text = TextOf(line, found);
+  bool const hasDigit = std::ranges::any_of(text, IsDigit);
+  bool const hasLower = std::ranges::any_of(text, IsLower);
+  auto const upperCount = static_cast<std::size_t>(std::ranges::count_if(text, IsUpper));
+  bool const isMixed = hasLower && upperCount * 4 >= text.size();
+  bool const isPath = text.front() == '/' || (text.find('/') != std::string_view::npos && !isMixed);
+  if (!isPath && (hasDigit || isMixed)) spans.push_back(found);
+}
+
 std::vector<RuleGroup> GetBuiltInRules() {
   std::vector<BuiltInRule> const addresses = GetAddressRules();
+  std::vector<BuiltInRule> const forms = GetTokenFormRules();
   return {
-      {"(?i)serial|output:|hex:", GetMachineRules()},
-      {"(?i)subject|issuer|print|cn ?=|sha256:", GetCertificateRules()},
+      {"(?i)serial|output:|hex:|tag|number|by(?:-|\\\\+x2d)id|s/"
+       "?n[\"'\\\\]*\\s*[:=]|imei|iccid|imsi",
+       GetMachineRules()},
+      {"(?i)subject|issuer|print|(?:cn|ou|dc|o|l|st|emailaddress) ?=|/c=|sha256:|dns:",
+       GetCertificateRules()},
       {R"((?i):\\*/|%3a%2f|[?#])", GetUrlRules()},
-      {R"((?i)pass|pwd|kennwort|secret|key|token|authorization|cookie|bearer|negotiate|ntlm|basic|)"
-       R"(eyj|aaaa|user|-u|\$|credential|signature|nonce|session)",
+      {R"((?i)pass|pw|kennwort|secret|key|token|authorization|cookie|bearer|negotiate|ntlm|basic|)"
+       R"(credential|signature|nonce|session|sess-?_?id|psk|\bpin|puk|otp|auth|cred|sid|licen|)"
+       R"(community|(?:account|activation|access|recovery)|-user|\s["']?-[upwak]|/p|echo|printf|)"
+       R"(:\S+@\S)",
        GetTokenRules()},
-      {"(?i)@|%40|home|users", GetPersonRules()},
+      {AnyOf(forms), forms},
+      {"(?i)@|%40|home|users|user|y for|d for|mail|crontabs|linger|media|~|logname|id=|su(?:do)?",
+       GetPersonRules()},
       {AnyOf(addresses), addresses},
   };
 }

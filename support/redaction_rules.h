@@ -19,7 +19,7 @@ struct BuiltInRule {
   std::string pattern;       // as of Redactor::Rule
   bool ignoresCase = false;  // whether values that differ in case are the same value
 
-  // Appends the parts of `found` in `line` that are to be replaced. Null: all of it.
+  // Appends the parts of `line` that are to be replaced, in `found` or behind it. Null: `found`.
   void (*refine)(std::string_view line, Span found, std::vector<Span>& spans) = nullptr;
 };
 
@@ -31,6 +31,13 @@ struct RuleGroup {
 };
 
 std::vector<RuleGroup> GetBuiltInRules();
+
+// Passwords, tokens and keys: those that a word stands before, and those with a form of their own.
+std::vector<BuiltInRule> GetTokenRules();
+std::vector<BuiltInRule> GetTokenFormRules();
+
+// A random text, no word, name or path: it has digits, or a quarter of it is upper-case.
+void RefineRun(std::string_view line, Span found, std::vector<Span>& spans);
 
 // Rules that are more than an expression on a line.
 inline constexpr char const* pemRule = "pem";

@@ -3,12 +3,9 @@
 #include <re2/re2.h>
 
 #include <algorithm>
-#include <bitset>
 #include <cerrno>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -18,6 +15,7 @@
 #include "support/error.h"
 #include "support/redacting_stream.h"
 #include "support/redaction_rules.h"
+#include "support/secret_finder.h"
 
 // A line goes through three steps:
 //
@@ -41,7 +39,6 @@ namespace {
 
 constexpr std::size_t maxRulesFileSize = std::size_t{1} << 20U;
 constexpr std::size_t maxNameLength = 32;
-constexpr std::size_t minSecretLength = 3;
 constexpr std::size_t maxValues = 100'000;
 constexpr std::size_t maxTableKeyLength = 64;
 constexpr std::size_t maxOverlap = 40;  // of two matches of a rule
@@ -104,95 +101,6 @@ struct Found {
   std::string const* value;  // null: the text itself
 };
 
-// Finds literals, ignoring the case of ASCII letters. A table of the first three bytes of all
-// literals decides at almost every byte of a text that none begins here.
-class SecretFinder {
- public:
-  void Add(std::size_t name, std::string const& text, std::string const& value) {
-    std::string lower = Base::LowerCased(text);
-    for (Secret const& secret : _secrets)
-      if (secret.text == lower) return;
-    std::size_t const key = KeyOf(lower.data());
-    _keys.set(key % filterSize);
-    _byKey[key].push_back(_secrets.size());
-    _secrets.push_back({name, std::move(lower), std::make_unique<std::string>(value)});
-  }
-
-  void Find(std::string_view line, std::vector<Found>& found) const {
-    if (_secrets.empty() || line.size() < minSecretLength) return;
-    std::size_t key = (Fold(line[0]) << 8U) | Fold(line[1]);
-    for (std::size_t begin = 0; begin + minSecretLength <= line.size(); ++begin) {
-      key = ((key << 8U) | Fold(line[begin + 2])) & 0xffffffU;
-      if (!_keys.test(key % filterSize)) continue;
-      auto const candidates = _byKey.find(key);
-      if (candidates == _byKey.end()) continue;
-      for (std::size_t const index : candidates->second) {
-        Secret const& secret = _secrets[index];
-        std::size_t const end = begin + secret.text.size();
-        if (Base::EqualsIgnoringCase(line.substr(begin, secret.text.size()), secret.text) &&
-            IsWord(line, begin, end)) {
-          found.push_back({begin, end, 0, secret.name, true, secret.value.get()});
-        }
-      }
-    }
-  }
-
- private:
-  struct Secret {
-    std::size_t name;
-    std::string text;  // in lower case
-    std::unique_ptr<std::string> value;
-  };
-
-  static constexpr std::size_t filterSize = 65521;  // a prime
-
-  static std::size_t Fold(char c) { return static_cast<unsigned char>(Base::ToLower(c)); }
-  static std::size_t KeyOf(char const* text) {
-    return (Fold(text[0]) << 16U) | (Fold(text[1]) << 8U) | Fold(text[2]);
-  }
-
-  bool IsWord(std::string_view line, std::size_t begin, std::size_t end) const {
-    if (end < line.size() && Base::IsLetterOrDigit(line[end - 1]) &&
-        Base::IsLetterOrDigit(line[end])) {
-      return false;
-    }
-    if (begin == 0 || !Base::IsLetterOrDigit(line[begin]) ||
-        !Base::IsLetterOrDigit(line[begin - 1])) {
-      return true;
-    }
-    // A letter or digit may be the end of an escape.
-    constexpr std::size_t maxEscapeLength = 24;
-    std::size_t const length = std::min(begin, maxEscapeLength);
-    return RE2::PartialMatch(ToPiece(line.substr(begin - length, length)), _escapeAtEnd);
-  }
-
-  RE2 _escapeAtEnd{ToPiece(std::string(wordStartPattern) + "$"), MakeOptions()};
-  std::vector<Secret> _secrets;
-  std::bitset<filterSize> _keys;
-  std::unordered_map<std::size_t, std::vector<std::size_t>> _byKey;
-};
-
-std::string PercentEncoded(std::string_view text, bool keepSlashes) {
-  constexpr std::string_view digits = "0123456789ABCDEF";
-  std::string encoded;
-  for (char const c : text) {
-    if (Base::IsLetterOrDigit(c) || std::string_view("-._~").find(c) != std::string_view::npos ||
-        (keepSlashes && c == '/')) {
-      encoded += c;
-    } else {
-      auto const byte = static_cast<unsigned char>(c);
-      encoded += {'%', digits[byte >> 4U], digits[byte & 15U]};
-    }
-  }
-  return encoded;
-}
-
-std::string JsonEscaped(std::string const& text, bool onlyAscii) {
-  std::string const quoted =
-      nlohmann::json(text).dump(-1, ' ', onlyAscii, nlohmann::json::error_handler_t::replace);
-  return quoted.substr(1, quoted.size() - 2);
-}
-
 // A short key for a value of any length.
 std::string KeyOf(std::string_view value) {
   if (value.size() <= maxTableKeyLength) return std::string(value);
@@ -227,13 +135,8 @@ class Redactor::Implementation {
         {GetName(name), ++_ruleCount, std::move(expression), ignoresCase, refine, mayEndInKey});
   }
 
-  void AddSecret(std::string const& name, std::string const& value) {
-    std::size_t const index = GetName(name);
-    for (std::string const& text :
-         {value, PercentEncoded(value, true), PercentEncoded(value, false),
-          JsonEscaped(value, false), JsonEscaped(value, true)}) {
-      _secrets.Add(index, text, value);
-    }
+  bool AddSecret(std::string const& name, std::string_view value) {
+    return _secrets.Add(GetName(name), value);
   }
 
   void AppendRedacted(std::string_view line, std::vector<Block> const& blocks, std::string& out) {
@@ -283,7 +186,9 @@ class Redactor::Implementation {
     _found.clear();
     for (Block const& block : blocks)
       _found.push_back({block.begin, block.end, 0, GetName(pemRule), false, &block.value});
-    _secrets.Find(line, _found);
+    _secrets.Find(line, [&](Span span, SecretFinder::Secret const& secret) {
+      _found.push_back({span.begin, span.end, 0, secret.name, true, &secret.value});
+    });
     for (Group const& group : _groups) {
       if (group.hint != nullptr && !RE2::PartialMatch(ToPiece(line), *group.hint)) continue;
       for (CompiledRule const& rule : group.rules) FindRule(rule, line);
@@ -297,7 +202,7 @@ class Redactor::Implementation {
     while (start < line.size() &&
            rule.expression->Match(ToPiece(line), start, line.size(), RE2::UNANCHORED,
                                   _submatches.data(), groupCount)) {
-      auto const end =
+      auto end =
           static_cast<std::size_t>(_submatches[0].data() - line.data()) + _submatches[0].size();
       Span const value = GetValue(line, groupCount);
       if (value.begin < value.end) {
@@ -307,9 +212,11 @@ class Redactor::Implementation {
         } else {
           _spans.push_back(value);
         }
-        for (Span const& span : _spans)
+        for (Span const& span : _spans) {
           _found.push_back(
               {span.begin, span.end, rule.priority, rule.name, rule.ignoresCase, nullptr});
+          end = std::max(end, span.end);
+        }
       }
       std::size_t const next = rule.mayEndInKey ? value.begin : value.end;
       start = std::max({next, end - std::min(end, maxOverlap), start + 1});
@@ -469,16 +376,19 @@ void Redactor::AddRulesFromFile(std::string const& path) {
   for (auto& [name, expression] : rules) _implementation->Add(std::move(expression), name);
 }
 
-void Redactor::AddSecret(std::string const& ruleName, std::string const& value) {
+bool Redactor::AddSecret(std::string const& ruleName, std::string const& value) {
   CheckName(ruleName);
   _implementation->GetName(ruleName);
+  bool isKnown = true;
   std::string_view rest = value;
   while (!rest.empty()) {
     auto const end = std::min(rest.find('\n'), rest.size());
     std::string_view const secret = Base::TrimWhiteSpace(rest.substr(0, end));
-    if (secret.size() >= minSecretLength) _implementation->AddSecret(ruleName, std::string(secret));
+    isKnown = isKnown && (secret.size() < SecretFinder::minLength ||
+                          _implementation->AddSecret(ruleName, secret));
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
+  return isKnown;
 }
 
 std::string Redactor::Redact(std::string_view text) {

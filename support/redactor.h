@@ -19,18 +19,20 @@ namespace Support {
 //
 // Built-in rules:
 //   pem             PEM blocks, from BEGIN to END, over lines or in one line
-//   serial-number   serial numbers of the machine and of certificates in the output of tools, in
-//                   JSON and in the trace
+//   serial-number   serial numbers and asset tags of the machine, serial numbers of certificates,
+//                   in the output of tools, in JSON and in the trace
 //   command-output  what other commands printed, in the trace
 //   hex-dump        bytes in hexadecimal, in the trace
-//   certificate     subjects and issuers
+//   certificate     subjects and issuers, distinguished names
 //   fingerprint     thumbprints, fingerprints, 40 and more hexadecimal digits
 //   url-login       the user name and password of a URL
 //   url-value       the values of a URL's query
-//   token           passwords, tokens, keys
+//   url-path        random parts of a URL's path, and all behind "hooks" and similar words
+//   token           passwords, tokens, keys: a value in quotes whole, another one to the next white
+//                   space, and a password without quotes to the end of the line
 //   email, ipv4, ipv6, mac
 //   uuid            also 32 hexadecimal digits, such as the machine ID
-//   user            the name of the user in /home/NAME
+//   user            the name of the user in /home/NAME and other folders, and beside words of logs
 //
 // The rules prefer too much over too little. Times, numbers of processes, versions and paths of the
 // system stay. So do "127.0.0.1", "0.0.0.0", "::1" and "::", which all machines have.
@@ -75,14 +77,16 @@ class Redactor {
   void AddRulesFromFile(std::string const& path);
 
   // Replaces `value` wherever it stands as a whole word, as it is, in a URL's percent-encoding, or
-  // escaped as in JSON; the case of ASCII letters is ignored. Words consist of ASCII letters and
-  // digits: in "web-1_old" the secret "web-1" is a whole word. Each line of a value is a secret
-  // of its own.
+  // with escapes such as those of JSON and of systemd's unit names; the case of ASCII letters is
+  // ignored. Words consist of ASCII letters and digits: in "web-1_old" the secret "web-1" is a
+  // whole word. Each line of a value is a secret of its own.
+  //
+  // Returns false when the redactor already has 100000 secrets and did not take this one.
   //
   // White space around a secret does not count. A secret of fewer than 3 bytes is ignored, because
   // it would match everywhere. Do not add common words, such as "root".
   // Throws Support::Error "redaction-rule-invalid" for a name that is none.
-  void AddSecret(std::string const& ruleName, std::string const& value);
+  bool AddSecret(std::string const& ruleName, std::string const& value);
 
   // Returns a whole text, redacted as a stream of this text alone.
   std::string Redact(std::string_view text);
