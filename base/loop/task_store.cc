@@ -11,7 +11,7 @@ namespace {
 ScheduledTaskStore::TimePoint AddMilliseconds(ScheduledTaskStore::TimePoint now,
                                               std::int64_t delayMs) {
   using std::chrono::milliseconds;
-  auto const longest =
+  std::int64_t const longest =
       std::chrono::floor<milliseconds>(ScheduledTaskStore::TimePoint::max() - now).count();
   return now + milliseconds(std::clamp(delayMs, -longest, longest));
 }
