@@ -21,7 +21,8 @@ struct Secret {
   std::string_view hidden;  // the part that must not come through
 };
 
-constexpr std::array<Secret, 14> secrets = {{
+// The parts of a secret must not come through either, so a word of it is enough.
+constexpr std::array<Secret, 42> secrets = {{
     {"zoe.q@mail.example", "zoe.q@mail.example"},
     {"203.0.113.77", "203.0.113.77"},
     {"2001:db8:77::beef", "2001:db8:77::beef"},
@@ -36,6 +37,35 @@ constexpr std::array<Secret, 14> secrets = {{
     {"/home/zoequux/", "zoequux"},
     {"-----BEGIN X-----\nTUlJQnN6Q0NBVm1n\n-----END X-----", "TUlJQnN6Q0NBVm1n"},
     {"ZOES-laptop", "oes-lapto"},
+    // Quotes, escapes and delimiters in a secret.
+    {R"(Environment="DB_PASSWORD=hun ter2 xyzzy99")", "xyzzy99"},
+    {R"(Environment='DB_TOKEN=hun ter2 xyzzy99')", "xyzzy99"},
+    {R"({"password" : "hun\"ter2 xyzzy99"})", "xyzzy99"},
+    {R"({\"api_key\":\"hun\\\"ter2 xyzzy99\"})", "xyzzy99"},
+    {R"({"MESSAGE":"{\"token\":\"hun\\\\ ter2 xyzzy99\"}"})", "xyzzy99"},
+    {R"("password" : [ "hunter2", "xyzzy99" ])", "xyzzy99"},
+    {R"({"name":"DB_PASSWORD","value":"hun ter2 xyzzy99"})", "xyzzy99"},
+    {R"(TOKEN=hun\ ter2,;xyzzy99)", "xyzzy99"},
+    {"password => hun ter2 xyzzy99", "xyzzy99"},
+    {"SMTPPASS=hun'ter2 xyzzy99", "xyzzy99"},
+    {"the password is hun ter2 xyzzy99", "xyzzy99"},
+    {"<password>hun ter2 xyzzy99</password>", "xyzzy99"},
+    {"login zoe password xyzzy99", "xyzzy99"},
+    {"sshpass -p 'hun ter2 xyzzy99'", "xyzzy99"},
+    {"curl -u zoe:xyzzy99", "xyzzy99"},
+    {"zoe:xyzzy99@db:5432", "xyzzy99"},
+    {"LICENSE_KEY=hun;xyzzy99", "xyzzy99"},
+    {"https://h.example/hooks/a/xyzzy99", "xyzzy99"},
+    {"Asset Tag: QX xyzzy99", "xyzzy99"},
+    {R"(Serial Number "QX xyzzy99")", "xyzzy99"},
+    {"hwaddr 027a55c19e3d", "027a55c19e3d"},
+    {"CN=zoe,OU=xyzzy99,O=corp", "xyzzy99"},
+    {"C = DE, O = xyzzy99, CN = zoe", "xyzzy99"},
+    {"/home/CORP/zoequux/", "zoequux"},
+    {"~zoequux/x", "zoequux"},
+    {R"(srv-zoes\x2dlaptop.mount)", "laptop"},
+    {"zoes%2dlaptop", "laptop"},
+    {R"(zoes\\u002dlaptop)", "laptop"},
 }};
 
 constexpr std::size_t maxLineLength = 400;

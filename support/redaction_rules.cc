@@ -71,8 +71,8 @@ void RefineHome(std::string_view line, Span found, std::vector<Span>& spans) {
   std::string_view const text = TextOf(line, found);
   std::size_t const end = std::min(text.find_first_of("/\\%"), text.size());
   std::string_view const first = text.substr(0, end);
-  bool const isGroup =
-      std::ranges::none_of(first, IsLower) || first.find_first_of(".@", 1) < first.size() - 1;
+  bool const isGroup = std::ranges::none_of(first, IsLower) || first.starts_with('.') ||
+                       first.find_first_of(".@") < first.size() - 1;
   Span part{found.begin, isGroup ? found.end : found.begin + end};
   while (part.end > part.begin && line[part.end - 1] == '.') --part.end;
   spans.push_back(part);
@@ -80,10 +80,10 @@ void RefineHome(std::string_view line, Span found, std::vector<Span>& spans) {
 
 // Users of the system are the same on all machines.
 void RefineUser(std::string_view line, Span found, std::vector<Span>& spans) {
-  constexpr std::array<std::string_view, 20> systemUsers = {
-      "root", "ktclientd", "nobody", "daemon",  "sshd",       "messagebus", "polkitd",
-      "gdm",  "lightdm",   "sddm",   "mail",    "www-data",   "unknown",    "manager",
-      "tty",  "users",     "none",   "default", "privileges", "sessions"};
+  constexpr std::array<std::string_view, 22> systemUsers = {
+      "root",    "ktclientd", "nobody", "daemon",   "sshd",  "messagebus", "polkitd", "gdm",
+      "lightdm", "sddm",      "mail",   "www-data", "sudo",  "adm",        "unknown", "manager",
+      "tty",     "none",      "is",     "default",  "users", "privileges"};
   std::string_view const text = TextOf(line, found);
   if (text.starts_with("systemd") || std::ranges::find(systemUsers, text) != systemUsers.end())
     return;
@@ -120,22 +120,23 @@ void RefineQuery(std::string_view line, Span found, std::vector<Span>& spans) {
 
 // The random parts of a path, and all parts behind "hooks" and the like.
 void RefinePath(std::string_view line, Span found, std::vector<Span>& spans) {
-  constexpr std::array<std::string_view, 8> words = {"services", "webhook",   "webhooks", "hook",
-                                                     "hooks",    "workflows", "invite",   "reset"};
+  static RE2 const isBeforeSecret("(?i)^services$|hook|workflow|invite|reset|token|secret|verify",
+                                  RE2::Latin1);
   constexpr std::size_t minLength = 16;
   bool isSecret = false;
   std::size_t begin = found.begin;
   while (begin < found.end) {
     std::string_view const rest = line.substr(begin, found.end - begin);
-    std::size_t const stop = std::min(rest.find_first_of("/\\"), rest.size());
-    Span const part{begin, begin + stop};
-    if (isSecret && stop > 0) {
-      spans.push_back(part);
-    } else if (stop >= minLength && rest.substr(0, stop).find('.') == std::string_view::npos) {
-      RefineRun(line, part, spans);
+    std::string_view const part = rest.substr(0, rest.find_first_of("/\\"));
+    Span const span{begin, begin + part.size()};
+    if (isSecret && !part.empty()) {
+      spans.push_back(span);
+    } else if (part.size() >= minLength && part.find('.') == std::string_view::npos) {
+      RefineRun(line, span, spans);
     }
-    isSecret = isSecret || std::ranges::find(words, rest.substr(0, stop)) != words.end();
-    begin += stop + 1;
+    isSecret =
+        isSecret || RE2::PartialMatch(re2::StringPiece(part.data(), part.size()), isBeforeSecret);
+    begin += part.size() + 1;
   }
 }
 
@@ -160,12 +161,14 @@ std::vector<BuiltInRule> GetMachineRules() {
   // "Serial Number: x", "bios_serial_number":"x", ID_SERIAL_SHORT=x, "S/N: x", "Asset Tag: x"
   std::string const number = R"((?:[-_ .]?(?:number|num|no|nr|short|id)\b|#)?\.?)";
   add("((?:serial" + number + "|(?:asset|service|inventory)[-_ ]?(?:tag|number|no)" +
-          "|imei|iccid|imsi)" + separatorPattern + ")",
+          R"(|imei|iccid|imsi|wwn(?:_\w+|\sdevice id)?))" + separatorPattern + ")",
       RefineMachineNumber);
   add(before + R"(((?:s/n|sn))" + separatorPattern + ")", RefineMachineNumber);
-  // 'Serial number "x"', "serial number is x"
+  // 'Serial number "x"', "serial number is x", "Service Tag x"
   add(R"((serial number\s+)\\*["'])", RefineMachineNumber);
-  add(R"(serial (?:number|no\.?)\s+(?:is\s+|was\s+)?([^\s"'\\,;]*\d[^\s"'\\,;]*))", nullptr);
+  add(R"((?:serial|service tag|asset tag|imei)(?:[-_ ](?:number|no\.?))?\s+(?:is\s+|was\s+)?)"
+      R"(([^\s"'\\,;:{}()]*\d[^\s"'\\,;:{}()]+))",
+      nullptr);
   // /dev/disk/by-id/ata-MODEL_x
   add(R"(by(?:-|\\+x2d)id(?:/|-)(?:\w|\\+x2d)+?(?:-|\\+x2d)([^\s/"',;:)]+))", nullptr);
   return rules;
@@ -174,7 +177,7 @@ std::vector<BuiltInRule> GetMachineRules() {
 std::vector<BuiltInRule> GetCertificateRules() {
   std::vector<BuiltInRule> rules;
   // The text goes on to the end of the line, or of the JSON value that holds it.
-  std::string const text = R"(((?:=\s*\\*"[^"]*"|[^"\\]|\\[^nr"])+))";
+  std::string const text = R"(((?:\\*"[^"]*")?(?:=\s*\\*"[^"]*"|[^"\\]|\\[^nr"])*))";
   rules.push_back({"certificate", R"((?i)^\s*(?:subject|issuer)\s*[:=]\s*(.*\S))"});
   rules.push_back({"certificate",
                    "(?i)(" + before + "(?:subject|issuer)" + R"(\\*["'])" + separatorPattern + ")",
@@ -188,6 +191,11 @@ std::vector<BuiltInRule> GetCertificateRules() {
                            R"((?:C|ST|L|O) ?= ?[^,"=]+[,+] ?(?:C|ST|L|O|S|STREET) ?= ?)";
   rules.push_back({"certificate", before + "((?:" + part + "){0,8}?(?:" + sure + ")" + text + ")"});
   rules.push_back({"certificate", R"((?:^|[\s"'=:(])(/(?:C|CN|DC|O|OU|ST|L|UID)=[^"]+))"});
+  rules.push_back({"certificate", ": (O ?= ?" + text + ")"});
+  rules.push_back(
+      {"certificate", R"((?i)(?:commonName|(?:organization|organizationalUnit|locality|)"
+                      R"(stateOrProvince)Name|emailAddress|givenName|surname)\s*[:=]\s*)" +
+                          text});
   rules.push_back({"certificate", before + R"(DNS:([^\s,"\\]+))"});
   rules.push_back({"fingerprint",
                    R"((?i)(?:thumbprint\w*|fingerprint)["'\\]*\s*[:=]\s*["'\\]*([^\s"'\\,;{}]+))",
@@ -221,11 +229,11 @@ std::vector<BuiltInRule> GetPersonRules() {
                             R"((?:\[[0-9A-Fa-f:.]+\]|(?:[A-Za-z0-9\x80-\xff-]+\.)+)"
                             R"([A-Za-z\x80-\xff]{2,})))",
                    true, RefineEmail});
-  // anna@localhost, and a Kerberos principal: anna@CORP
-  rules.push_back(
-      {emailRule,
-       before + R"(([A-Za-z0-9_%+.~-]+(?:@|%40)(?:(?i:localhost)|[A-Z][A-Z0-9-]+)))" + after,
-       true});
+  // anna@localhost, anna@CORP; "getty@tty1.service" is a unit.
+  rules.push_back({emailRule,
+                   before + R"(([A-Za-z_][A-Za-z0-9_.+-]*(?:@|%40)[A-Za-z0-9][A-Za-z0-9-]*))"
+                            R"((?:[^0-9A-Za-z._@\\-]|\\[nrt"]|\.(?:[^0-9A-Za-z]|$)|$))",
+                   true});
   // /home/anna, and /home/CORP/anna
   std::string const slash = R"((?:\\*/|%2[fF]))";
   std::string const folder = R"([^\s/"'\\:,;<>()\[\]{}|%&?#]+)";
@@ -236,21 +244,28 @@ std::vector<BuiltInRule> GetPersonRules() {
   // Other folders and files with the name of a user. The name ends before a full stop.
   std::string const name = R"(([^\s/"'\\:,;<>()\[\]{}|%&?#]*[^\s/"'\\:,;<>()\[\]{}|%&?#.]))";
   rules.push_back({"user", slash + "(?:(?:var|spool)" + slash + "mail|crontabs|AccountsService" +
-                               slash + "(?:users|icons)|linger|run" + slash + "media)" + slash +
-                               name});
+                               slash + "(?:users|icons)|linger|media)" + slash + name});
   rules.push_back({"user", R"((?:^|[\s"'=:(])~([A-Za-z_][\w.-]*)/)"});
-  // "user=anna", "ruser=anna", "for user anna", "1000(anna)", "sudo: anna : TTY=", "login anna"
-  rules.push_back({"user",
-                   R"((?:\b(?:r|l|e|s|g)?user(?:name|id)?|USER|\blogname)=["']?)"
-                   R"(([A-Za-z_][\w.@\\-]*))",
-                   false, RefineUser});
-  rules.push_back({"user",
-                   R"(\b(?:[Uu]ser|[Pp]assword for|[Pp]ublickey for) ["'(]?)"
-                   R"(([A-Za-z_][\w.@\\-]*)["')]?(?:\(uid=\d+\)|[.:]?$|)"
-                   R"( (?:from|by|on|for|at|via|not|does|has|logged|authent|with)\b))",
-                   false, RefineUser});
-  rules.push_back({"user", R"(\b[ug]id=\d+\(([\w.@\\ -]+)\))", false, RefineUser});
-  rules.push_back({"user", R"(\b(?:su|sudo)(?:\[\d+\])?:\s+([\w.@\\-]+) : )", false, RefineUser});
+  rules.push_back({"user", R"(\\+Users\\+([^\s\\/"']+))"});
+  rules.push_back({"user", before + R"(home-((?:[^\s/"'.\\]|\\+x2d)+)\.(?:auto)?mount)"});
+  // What logs and tools say about a user.
+  std::string const user = R"(([A-Za-z_][\w.@\\-]*))";
+  for (std::string const& pattern :
+       {// ruser=anna, "username":"anna", login: anna
+        before + R"((?:(?:r|l|e|s|g)?user(?:name|id)?|USER(?:NAME)?|logname|LOGNAME|login))" +
+            R"(["'\\]*\s?[:=]\s?["'\\]*)" + user,
+        // "for user anna(uid=1000)", "Accepted password for anna from"
+        before + R"((?:[Uu]ser|[Pp]assword for|[Pp]ublickey for) ["'(]?)" + user +
+            R"(["')]?(?:\(uid=\d+\)|[.:]?(?:$|")|)"
+            R"( (?:from|by|on|for|at|via|not|does|has|logged|authent|with)\b))",
+        "(?:authenticating|[Ii]nvalid|[Ii]llegal) user " + user, "FOR '" + user,
+        // groups=1000(anna),27(sudo)
+        R"([=,]\d+\()" + user + R"(\))",
+        // "sudo: anna : TTY=", "su: (to root) anna on", "CRON[1]: (anna) CMD"
+        before + R"((?:su|sudo)(?:\[\d+\])?:\s+)" + user + " : ", R"(\(to \w+\) )" + user,
+        R"(\()" + user + R"(\) CMD)"}) {
+    rules.push_back({"user", pattern, false, RefineUser});
+  }
   return rules;
 }
 
@@ -260,6 +275,7 @@ std::vector<BuiltInRule> GetAddressRules() {
   std::string const v4 = octet + R"((?:\.)" + octet + "){3}";
   rules.push_back(
       {"ipv4", before + "(" + v4 + R"()(?:[^0-9A-Za-z.]|\.(?:[^0-9]|$)|$))", false, RefineIpv4});
+  rules.push_back({"ipv4", before + R"(ip[-_](\d{1,3}(?:[-_]\d{1,3}){3}))" + after});
   std::string const group = "[0-9A-Fa-f]{1,4}";
   std::string const groups = group + "(?::" + group + "){0,6}";
   rules.push_back({"ipv6",
@@ -322,7 +338,8 @@ std::vector<RuleGroup> GetBuiltInRules() {
       {"(?i)serial|output:|hex:|tag|number|by(?:-|\\\\+x2d)id|s/"
        "?n[\"'\\\\]*\\s*[:=]|imei|iccid|imsi",
        GetMachineRules()},
-      {"(?i)subject|issuer|print|(?:cn|ou|dc|o|l|st|emailaddress) ?=|/c=|sha256:|dns:",
+      {"(?i)subject|issuer|print|(?:cn|ou|dc|name *|emailaddress|\\b(?:o|l|st)) "
+       "*[:=]|/c=|sha256:|dns:",
        GetCertificateRules()},
       {R"((?i):\\*/|%3a%2f|[?#])", GetUrlRules()},
       {R"((?i)pass|pw|kennwort|secret|key|token|authorization|cookie|bearer|negotiate|ntlm|basic|)"
@@ -331,7 +348,8 @@ std::vector<RuleGroup> GetBuiltInRules() {
        R"(:\S+@\S)",
        GetTokenRules()},
       {AnyOf(forms), forms},
-      {"(?i)@|%40|home|users|user|y for|d for|mail|crontabs|linger|media|~|logname|id=|su(?:do)?",
+      {"(?i)@|%40|home|user|y for|d for|for '|mail|crontabs|linger|media|~/|~[a-z]|log(?:name|in)|"
+       "id=|su(?:do)?[:[]|\\(to |cmd|[=,]\\d+\\(",
        GetPersonRules()},
       {AnyOf(addresses), addresses},
   };

@@ -16,7 +16,7 @@ namespace {
 // Passwords of people can have several words.
 constexpr char const* phraseKeys =
     R"((?:passw(?:or)?d\w{0,16}|pass[-_ ]?(?:phrase|code|key)\w{0,4}|pass|passwort|kennwort)"
-    R"(|secret\w{0,16}|credentials?|psk|pre-?shared[-_ ]?key|pw|authorization|cookie))";
+    R"(|secret\w{0,16}|credentials?(?:encrypted)?|psk|pre-?shared[-_ ]?key|pw|authorization|cookie))";
 
 // Tokens of programs have no white space.
 constexpr char const* wordKeys =
@@ -26,7 +26,8 @@ constexpr char const* wordKeys =
     R"(|signature|nonce|community))";
 
 // A word alone, not the end of another one: "spin", "monkey".
-constexpr char const* shortKeys = R"((?:pin|puk|otp|totp|auth|key|cred|sid))";
+constexpr char const* shortKeys =
+    R"((?:pin(?:[-_ ]?code)?|puk|otp|totp|auth|key|cred|sid|licen[cs]e))";
 
 // "Bearer token" and "basic functions" are prose.
 void RefineScheme(std::string_view line, Span key, std::vector<Span>& spans) {
@@ -55,10 +56,17 @@ std::vector<BuiltInRule> GetTokenRules() {
   add("(pwd" + separator + ")", RefinePwd);
   // TOKEN=x, "api_key": "x", LICENSE_KEY=x, ;jsessionid=x
   add("(" + (wordKeys + separator) + ")", RefineWord);
-  add(R"((?:^|[\s"',;{(<]))"
+  add(R"((?:^|[\s"',;{(<=]))"
       "(" +
           (shortKeys + separator) + ")",
       RefineWord);
+  // "Password (again): x", "[sudo] password for anna: x", "PASSWORD ....: x"
+  add("(" + std::string(phraseKeys) +
+          R"((?:\s\([^()]{0,40}\)|[ .]{2,80}|\sfor\s(?:key\s|user\s)?)"
+          R"(['"]?[^\s:'"]+['"]?)\s?:\s))",
+      RefinePhrase);
+  // define('DB_PASSWORD', 'x')
+  add("(" + std::string(phraseKeys) + R"(\\*["'],\s*)\\*["'])", RefinePhrase);
   // <db:password type="plain">x</db:password>
   add(R"((<[\w:.-]*)" + std::string(phraseKeys) + R"([\w.-]*(?:\s[^<>]*)?>))", RefineElement);
   add(R"((<[\w:.-]*(?:token|key)(?:\s[^<>]*)?>))", RefineElement);
@@ -75,33 +83,40 @@ std::vector<BuiltInRule> GetTokenRules() {
   // username anna password 7 x; nmcli device wifi connect s password x
   add(R"(((?:username|nmcli|ssid|account)\s.*?\spassword\s+(?:\d\s+)?))", RefineSentence);
   // ldap.conf, redis.conf: bindpw x
-  add(R"(\b((?:bindpw|rootpw|requirepass|masterauth|masterpass)\s+))", RefinePhrase);
+  add(before + R"(((?:bindpw|rootpw|requirepass|masterauth|masterpass)\s+))", RefinePhrase);
 
   // --password x, -passphrase x, "--token", "x"
-  add(R"((-(?:password|passwd|passphrase|passcode|pass|pw|secret)["'\\]*[\s,]+))", RefineSentence);
-  add(R"((-(?:token|api-?key|access-key|bearer|oauth2-bearer|key-pass)["'\\]*[\s,]+))", RefineWord);
+  add(R"((-(?:password|passwd|passphrase|passcode|\w*pass|pw|secret)["'\\]*[\s,]+))",
+      RefineSentence);
+  add(R"((-(?:token|api-?key|access-key|bearer|oauth2-bearer|auth)["'\\]*[\s,]+))", RefineWord);
   // curl -u user:x, smbclient -U user%x
   add(R"((?:\s|["'])(-u["'\\]*[\s,=]*|--(?:proxy-)?user["'\\]*[\s,=]+))", RefineLogin);
   // Options that mean a password only with this program: sshpass -p x
   auto const addOption = [&](std::string const& programs, std::string const& option) {
-    add(R"(\b((?:)" + programs + R"()(?-i:\s(?:[^|]*?\s)??)" + option + R"(["',\s]*)))", RefineWord);
+    add(before + "((?:" + programs + R"()(?-i:\s(?:[^|]*?\s)??)" + option + R"(["',\s]*)))",
+        RefineWord);
   };
   addOption(R"(sshpass|my\w+|maria\w+|rdesktop|vnc\w+|7z\w*|zip|useradd|usermod)", "-p");
   addOption(R"(ipmitool|unzip|zip|mosquitto_\w+)", "-P");
-  addOption(R"(ldap\w+)", "-w");
+  addOption(R"(ldap\w+)", R"(-\w*w)");
+  addOption("ssh-keygen", "-[NP]");
+  addOption(R"((?:docker|podman)\s+login)", "-p");
+  addOption(R"(snmp\w+)", "-[cAX]");
+  addOption("curl", "(?:-b|--cookie)");
+  add(before + R"((htpasswd\s+-\w*b\w*\s+\S+\s+\S+\s+))", RefineWord);
   addOption("redis-cli", "-a");
   addOption("openssl", "-[kK]");
   add(R"(\s(/p(?:assword)?:))", RefineWord);
   // echo x | sudo -S sh
-  add(R"(\b(?:echo|printf)\s+(?:-\w+\s+)?(.+?)\s*\|\s*(?:\S*/)?(?:sudo|su|passwd|chpasswd)"
-      R"(|cryptsetup|kinit|docker|smbpasswd)\b)",
+  add(before + R"((?:echo|printf)\s+(?:-\w+\s+)?(.+?)\s*\|\s*(?:\S*/)?(?:sudo|su|passwd|chpasswd)"
+               R"(|cryptsetup|kinit|docker|smbpasswd)\b)",
       nullptr);
   // anna:x@db.test:5432, without the "//" of a URL
   add(before + R"(((?:[a-z0-9._%+-]+):[^\s"'<>@/\\][^\s"'<>]*)@[a-z0-9\[])", nullptr);
 
   // Authorization: Bearer x
-  add(R"((\b(?:bearer|negotiate|ntlm)\s+))", RefineScheme);
-  add(R"(\bbasic\s+((?-i:[A-Za-z0-9+/]*[A-Z0-9+/=][A-Za-z0-9+/=]*)))", nullptr);
+  add(before + R"(((?:bearer|negotiate|ntlm)\s+))", RefineScheme);
+  add(before + R"(basic\s+((?-i:[A-Za-z0-9+/]*[A-Z0-9+/=][A-Za-z0-9+/=]*)))", nullptr);
 
   // key is 0123456789abcdef
   rules.push_back({"token",

@@ -40,7 +40,7 @@ void RefineMachineNumber(std::string_view line, Span key, std::vector<Span>& spa
 // Between a key and its value. Also 'name="password" value="x"' and
 // '{"name":"password","value":"x"}'.
 inline constexpr char const* separatorPattern =
-    R"((?:(?:\\*["'])?\]?\s*(?:[:+?!]?={1,2}>?|:|%3[aAdD])\s*)"
+    R"((?:(?:\\*["']|\\*(?:u00|x)22|&quot;|&#34;|%22)?[\]}]?\s*(?:[:+?!]?={1,2}>?|:|%3[aAdD])\s*)"
     R"(|\\*["'][\s,;]*(?:\\*["'])?(?i:value)(?:\\*["'])?\s*[:=]\s*))";
 
 }  // namespace Support
