@@ -2,13 +2,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <cstddef>
 #include <iostream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include "base/exception.h"
@@ -20,7 +18,16 @@
 
 namespace {
 
-constexpr int maxTimeoutSeconds = 86400;
+constexpr char const* requestStatuses =
+    "Exit status: 0 if the status of the response is \"Success\"; 1 if it is another one;\n"
+    "2 for wrong usage; 3 if there is no daemon, no response in time, or a broken one.";
+constexpr char const* doctorStatuses =
+    "Exit status: 0 if all is well; 1 after a warning; 2 after a failure, and for wrong\n"
+    "usage; 3 if the results could not be printed.";
+constexpr char const* nativeHostStatuses =
+    "Exit status: 0 at the end of the input, or when nobody reads the output; 2 for wrong\n"
+    "usage, and after input that is no request; 3 if there is no daemon, no response in\n"
+    "time, or one that browsers do not take.";
 
 struct Grammar {
   Grammar() {
@@ -28,31 +35,66 @@ struct Grammar {
 
     AddCommand(app, "hardware", "The BIOS serial number");
     AddCommand(app, "igel", "The IGEL management certificates");
-    AddCommand(app, "send", "Any request: send JSON; \"-\" reads it from standard input")
-        ->add_option("JSON", json)
-        ->required();
+    AddRequest(
+        *AddCommand(app, "send", "Any request: send JSON; \"-\" reads it from standard input"));
     AddCommand(app, "doctor", "Find out why requests fail");
     // Listed for the help only: another program has it.
-    AddCommand(app, "report", "An archive for the support: see ktclientctl report --help");
-    // Browsers add words: the extension's origin; or the path of the host manifest and an id.
+    AddCommand(app, "report", "An archive for the support");
     CLI::App* const nativeHost =
         AddCommand(app, "native-host", "Passes on requests of browser extensions");
-    nativeHost->add_option("WORD", ignoredWords, "Ignored: browsers add words of their own");
-    nativeHost->add_flag("--parent-window{}", ignoredWindow)->group("");
+    AddIgnoredWords(*nativeHost);
+    nativeHost->add_flag("--parent-window{}", ignoredWindow);
 
     AddSocketOption(app, socket);
-    AddOption(app, "--timeout{}", timeout, "=SECONDS",
-              "How long to wait for the response (default: 30)");
+    AddTimeoutOption(app, timeout, "How long to wait for the response (default: 30)");
     AddOption(app, "--compact", compact, "", "Print JSON on one line");
     AddOption(app, "--json", asJson, "", "Print the results of doctor as JSON");
-    ListOption(app, "--trace-console", "", "Print the trace to standard output, too");
-    ListOption(app, "--trace-level", "=LEVEL", "The level of the trace, from 0 to 5 (default: 4)");
+    ListTraceOptions("standard output");
     ListCommonOptions(app);
+    app.footer(std::string(requestStatuses) +
+               "\nktclientctl COMMAND --help has the options and the statuses of one command.");
+  }
 
-    app.footer(
-        "Exit status: 0 if the status of the response is \"Success\"; 1 if it is another one;\n"
-        "2 for wrong usage; 3 if there is no daemon, no response in time, or a broken one.\n"
-        "Of doctor: 0 if all is well, 1 after a warning, 2 after a failure.");
+  // The help of one command.
+  explicit Grammar(std::string const& command) {
+    PrepareHelp(app);
+    app.name("ktclientctl " + command);
+    bool const isDoctor = command == "doctor";
+    bool const isNativeHost = command == "native-host";
+    if (command == "send") AddRequest(app);
+    if (isNativeHost) AddIgnoredWords(app);
+    AddSocketOption(app, socket);
+    AddTimeoutOption(app, timeout,
+                     isDoctor       ? "How long each check may take (default: 30)"
+                     : isNativeHost ? "How long to wait for each response (default: 30)"
+                                    : "How long to wait for the response (default: 30)");
+    if (isDoctor) AddOption(app, "--json", asJson, "", "Print the results as JSON");
+    if (!isNativeHost) AddOption(app, "--compact", compact, "", "Print JSON on one line");
+    ListTraceOptions(isNativeHost ? "standard error" : "standard output");
+    ListCommonOptions(app);
+    if (isDoctor) {
+      app.description("Finds out why requests fail, and says what to do.");
+      app.footer(doctorStatuses);
+    } else if (isNativeHost) {
+      app.description("Passes on requests of browser extensions. A browser starts this command.");
+      app.footer(nativeHostStatuses);
+    } else {
+      app.footer(requestStatuses);
+    }
+  }
+
+  void AddRequest(CLI::App& parent) {
+    parent.add_option("JSON", json, "The request; \"-\" reads it from standard input")->required();
+  }
+
+  // Browsers add words: the extension's origin; or the path of the host manifest and an id.
+  void AddIgnoredWords(CLI::App& parent) {
+    parent.add_option("WORD", ignoredWords, "Ignored: browsers add words of their own");
+  }
+
+  void ListTraceOptions(std::string const& stream) {
+    ListOption(app, "--trace-console", "", "Print the trace to " + stream + ", too");
+    ListOption(app, "--trace-level", "=LEVEL", "The level of the trace, from 0 to 5 (default: 4)");
   }
 
   CLI::App app{"Sends a request to ktclientd and prints the response as JSON.", "ktclientctl"};
@@ -93,17 +135,6 @@ std::string MakeRequest(std::string const& command, Grammar const& grammar) {
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();
 }
 
-std::chrono::seconds ParseTimeout(std::string const& text) {
-  int seconds = 0;
-  char const* const textEnd = text.data() + text.size();
-  auto const [end, error] = std::from_chars(text.data(), textEnd, seconds);
-  if (error != std::errc() || end != textEnd || seconds < 1 || seconds > maxTimeoutSeconds) {
-    throw Base::Exception("The timeout is not a number of seconds from 1 to " +
-                          std::to_string(maxTimeoutSeconds));
-  }
-  return std::chrono::seconds(seconds);
-}
-
 }  // namespace
 
 std::string_view GetCommandName(int argc, char const* const* argv) {
@@ -115,11 +146,11 @@ std::string_view GetCommandName(int argc, char const* const* argv) {
 }
 
 CommandLine ReadCommandLine(int argc, char const* const* argv) {
-  std::vector<char const*> traceOptions;
+  std::vector<char const*> settings{noCommandTimeout};
   std::vector<char const*> others;
-  std::partition_copy(argv + std::min(argc, 1), argv + argc, std::back_inserter(traceOptions),
+  std::partition_copy(argv + std::min(argc, 1), argv + argc, std::back_inserter(settings),
                       std::back_inserter(others), IsTraceOption);
-  ParseArguments(static_cast<int>(traceOptions.size()), traceOptions.data());
+  ParseArguments(static_cast<int>(settings.size()), settings.data());
 
   Grammar grammar;
   ParseWords(grammar.app, others);
@@ -127,11 +158,16 @@ CommandLine ReadCommandLine(int argc, char const* const* argv) {
   CommandLine commandLine;
   commandLine.address = GetAddress(grammar.socket);
   commandLine.timeout = ParseTimeout(grammar.timeout);
-  commandLine.compact = IsOn(grammar.compact);
+  commandLine.compact = IsOn("--compact", grammar.compact);
   commandLine.command = grammar.app.get_subcommands()[0]->get_name();
-  commandLine.json = IsOn(grammar.asJson);
+  commandLine.json = IsOn("--json", grammar.asJson);
   commandLine.request = MakeRequest(commandLine.command, grammar);
   return commandLine;
 }
 
-std::string GetHelp() { return Grammar().app.help(); }
+std::string GetHelp(std::string_view command) {
+  Grammar const grammar;
+  auto const found = grammar.app.get_subcommands(
+      [command](CLI::App const* app) { return app->get_name() == command; });
+  return found.empty() ? grammar.app.help() : Grammar(std::string(command)).app.help();
+}

@@ -27,5 +27,6 @@ std::string_view GetCommandName(int argc, char const* const* argv);
 // Throws Base::Exception, with one line for the user, when the command line is wrong.
 CommandLine ReadCommandLine(int argc, char const* const* argv);
 
-// What `ktclientctl --help` prints.
-std::string GetHelp();
+// What `ktclientctl --help` prints; with `command`, if there is one of this name, what `ktclientctl
+// COMMAND --help` prints.
+std::string GetHelp(std::string_view command);

@@ -1,5 +1,6 @@
 #include "client/deadline.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +25,64 @@ namespace {
 constexpr std::chrono::milliseconds tick{100};
 
 std::atomic<bool> hasAbandonedSteps{false};
+
+// How long a killed command may take to be gone, and how long a `SignalDelay` holds a signal.
+constexpr std::chrono::seconds endLimit{2};
+constexpr std::chrono::seconds delayLimit{10};
+
+// The commands of all threads, and the end of the process.
+struct Commands {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int running = 0;
+  bool isEnding = false;
+  std::timed_mutex delay;  // of `SignalDelay`
+};
+
+// Never destroyed: abandoned steps and the thread of the signals use it until the process is gone.
+Commands& GetCommands() {
+  static auto* const commands = new Commands;
+  return *commands;
+}
+
+// Counts a command. When the process is about to end, its thread does not go on: it would take the
+// killed command for one that has failed, and could print or write that.
+class CommandCount {
+ public:
+  CommandCount() { Change(1); }
+  CommandCount(CommandCount const&) = delete;
+  CommandCount& operator=(CommandCount const&) = delete;
+  ~CommandCount() { Change(-1); }
+
+ private:
+  static void Change(int difference) {
+    Commands& commands = GetCommands();
+    std::unique_lock lock(commands.mutex);
+    if (difference < 0 || !commands.isEnding) commands.running += difference;
+    commands.changed.notify_all();
+    while (commands.isEnding) commands.changed.wait(lock);
+  }
+};
+
+void KillCommands() {
+  Commands& commands = GetCommands();
+  std::unique_lock lock(commands.mutex);
+  commands.isEnding = true;
+  Process::CancelShellCommands();
+  commands.changed.wait_for(lock, endLimit, [&commands] { return commands.running == 0; });
+}
+
+[[noreturn]] void EndBySignal(sigset_t const& signals) {
+  int number = 0;
+  while (sigwait(&signals, &number) != 0) continue;
+  // Never unlocked, so that nothing is written any more.
+  static_cast<void>(GetCommands().delay.try_lock_for(delayLimit));
+  KillCommands();
+  signal(number, SIG_DFL);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  kill(getpid(), number);
+  _exit(128 + number);  // the first process of a container, to which a signal has no default effect
+}
 
 // Shared by the caller and the step's thread; the later of them destroys it.
 struct Progress {
@@ -89,11 +148,30 @@ int FinishProgram(int status) {
     Base::ShutdownThreadPools();
     return status;
   }
+  KillCommands();
   std::cout.flush();
   std::cerr.flush();
   std::fflush(nullptr);
   _exit(status);
 }
+
+void EndCommandsOnSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int const number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+    struct sigaction action {};
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler != SIG_IGN) sigaddset(&signals, number);
+  }
+  Process::AllowCancelOfShellCommands();
+  // Blocked in every thread, so that they all stay pending for this one.
+  if (int const error = pthread_sigmask(SIG_BLOCK, &signals, nullptr); error != 0)
+    throw Base::ExceptionPosix(error);
+  std::thread([signals] { EndBySignal(signals); }).detach();
+}
+
+SignalDelay::SignalDelay() { GetCommands().delay.lock(); }
+SignalDelay::~SignalDelay() { GetCommands().delay.unlock(); }
 
 std::string QuoteForShell(std::string_view word) {
   std::string quoted = "'";
@@ -117,7 +195,11 @@ CommandResult RunCommand(Command const& command) {
   for (std::string const& word : command.words) line += " " + QuoteForShell(word);
 
   Process::CommandBudget const budget(command.limit);
-  Process::ShellResult result = Process::RunInShell(line);
+  auto const run = [&line] {
+    CommandCount const count;
+    return Process::RunInShell(line);
+  };
+  Process::ShellResult result = run();
   if (result.errorCode != 0 || result.wasStopped) {
     Support::Error error(
         result.wasStopped ? "command-stopped" : "command-not-started",

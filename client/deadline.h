@@ -33,9 +33,27 @@ std::optional<Value> RunWithDeadline(std::function<Value()> step, std::chrono::m
                                      std::function<void()> const& onTick = {});
 
 // Ends a program that may have abandoned steps. Without one, calls `Base::ShutdownThreadPools` and
-// returns `status`, for `main` to return. With one, flushes the standard streams and ends the
-// process with `status` by _exit(2): the destruction of static objects would race with the step.
+// returns `status`, for `main` to return. With one, kills the commands that still run, flushes the
+// standard streams and ends the process with `status` by _exit(2): the destruction of static
+// objects would race with the step.
 int FinishProgram(int status);
+
+// From now on SIGHUP, SIGINT, SIGQUIT and SIGTERM end the program in an order: first a
+// `SignalDelay` ends, then the running commands are killed, then the signal has its default effect.
+// Commands have process groups of their own, so a terminal's Ctrl-C does not reach them. A signal
+// that the process ignores stays ignored.
+//
+// Call it before there is a second thread. Throws Base::ExceptionPosix, or std::system_error.
+void EndCommandsOnSignals();
+
+// While one exists, those signals wait, for at most 10 s: a file is being written. One at a time.
+class SignalDelay {
+ public:
+  SignalDelay();
+  SignalDelay(SignalDelay const&) = delete;
+  SignalDelay& operator=(SignalDelay const&) = delete;
+  ~SignalDelay();
+};
 
 // A program to run with its arguments. The words reach the program as they are: `RunCommand` quotes
 // them for the shell. LC_ALL is C in its environment.

@@ -1,25 +1,20 @@
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <string>
 
 #include "base/exception.h"
-#include "base/standard_streams.h"
 #include "client/command_line.h"
 #include "client/deadline.h"
 #include "client/doctor/doctor.h"
 #include "client/native_host.h"
-#include "client/options.h"
 #include "client/output.h"
+#include "client/program.h"
 #include "client/report_program.h"
 #include "client/request.h"
-#include "utilities/arguments/arguments.h"
 
 namespace {
 
 int Run(CommandLine const& commandLine) {
   if (commandLine.command == "doctor") {
+    EndCommandsOnSignals();
     return RunDoctor({.address = commandLine.address,
                       .timeout = commandLine.timeout,
                       .json = commandLine.json,
@@ -32,17 +27,11 @@ int Run(CommandLine const& commandLine) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (GetCommandName(argc, argv) == "report") return ExecuteReportProgram(argv);
-  if (IsWordOfCommandLine(argc, argv, "--help")) return Print(GetHelp());
-  if (IsWordOfCommandLine(argc, argv, "--version"))
-    return Print("ktclientctl " KTCLIENTD_VERSION "\n");
-  bool const canPrint = fcntl(STDOUT_FILENO, F_GETFD) != -1;
-  Base::OpenMissingStandardStreams();
-  if (!canPrint) return ExitWithError(ExitStatus::NoResponse, "Standard output is closed");
-  // When the daemon or the reader of standard output is gone, the write fails with EPIPE.
-  signal(SIGPIPE, SIG_IGN);
-  signal(SIGXFSZ, SIG_IGN);
-  UnsetDaemonSettings();
+  auto const command = GetCommandName(argc, argv);
+  if (command == "report") return ExecuteReportProgram(argv);
+  auto const status =
+      StartProgram(argc, argv, "ktclientctl", [command] { return GetHelp(command); });
+  if (status) return *status;
   CommandLine commandLine;
   try {
     commandLine = ReadCommandLine(argc, argv);

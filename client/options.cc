@@ -15,6 +15,7 @@
 
 namespace {
 
+constexpr int maxTimeoutSeconds = 86400;
 constexpr char const* packagedSocket = "/run/ktclientd/ktclientd.sock";
 
 // Shows an option as "--name=VALUE".
@@ -55,9 +56,13 @@ std::string GetDefaultAddress() {
 }  // namespace
 
 void PrepareApp(CLI::App& app) {
-  app.formatter(std::make_shared<HelpFormatter>());
+  PrepareHelp(app);
   app.fallthrough();
   app.require_subcommand(1);
+}
+
+void PrepareHelp(CLI::App& app) {
+  app.formatter(std::make_shared<HelpFormatter>());
   app.set_help_flag();
 }
 
@@ -108,9 +113,24 @@ void ParseWords(CLI::App& app, std::span<char const* const> words) {
   }
 }
 
-bool IsOn(std::string const& value) {
+bool IsOn(std::string const& name, std::string const& value) {
   std::string const lower = Base::LowerCased(value);
-  return lower == "true" || lower == "1";
+  if (lower == "true" || lower == "1") return true;
+  if (lower == "false" || lower == "0") return false;
+  throw Base::Exception(name + " takes no value, or true, 1, false or 0, not \"" + value + "\"");
+}
+
+void AddTimeoutOption(CLI::App& app, std::string& value, std::string const& meaning) {
+  AddOption(app, "--timeout{}", value, "=SECONDS", meaning);
+}
+
+std::chrono::seconds ParseTimeout(std::string const& text) {
+  auto const seconds = Base::ParseNumber<int>(text);
+  if (!seconds || seconds.Get() < 1 || seconds.Get() > maxTimeoutSeconds) {
+    throw Base::Exception("The timeout is not a number of seconds from 1 to " +
+                          std::to_string(maxTimeoutSeconds));
+  }
+  return std::chrono::seconds(seconds.Get());
 }
 
 Net::Address GetAddress(std::string const& socket) {
@@ -129,4 +149,5 @@ void UnsetDaemonSettings() {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the process has only this thread so far
     unsetenv(argument.text.substr(0, argument.text.find('=')).c_str());
   }
+  ParseArguments(1, &noCommandTimeout);
 }

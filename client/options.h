@@ -1,6 +1,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <span>
 #include <string>
 
@@ -17,6 +18,9 @@
 
 // Prepares `app`: options may follow the command, and the help shows an option as "--name=VALUE".
 void PrepareApp(CLI::App& app);
+
+// For an `app` that only prints the help of one command: its usage has no other command.
+void PrepareHelp(CLI::App& app);
 
 CLI::App* AddCommand(CLI::App& app, std::string const& name, std::string const& meaning);
 
@@ -39,9 +43,18 @@ void ListCommonOptions(CLI::App& app);
 // Throws Base::Exception, with one line for the user, when the words are wrong.
 void ParseWords(CLI::App& app, std::span<char const* const> words);
 
-// Whether an option that needs no value is on: "--name" and "--name=1" are, "--name=0" is not.
-// `value` is "false" before the words are parsed.
-bool IsOn(std::string const& value);
+// Whether an option that needs no value is on. "--name" is, and a value can say it: "true" or "1",
+// "false" or "0". `value` is "false" before the words are parsed. Throws Base::Exception, with one
+// line for the user, for any other value: a user who has written "--no-redact=yes" or "--yes=no"
+// must not get the opposite.
+bool IsOn(std::string const& name, std::string const& value);
+
+// Adds --timeout, whose value `ParseTimeout` reads.
+void AddTimeoutOption(CLI::App& app, std::string& value, std::string const& meaning);
+
+// Throws Base::Exception, with one line for the user, unless `text` is a number of seconds from 1
+// to 86400.
+std::chrono::seconds ParseTimeout(std::string const& text);
 
 // Returns the daemon's address: KESTREL_SOCKET if the argument store has it, else `socket`. An
 // empty KESTREL_SOCKET stands for the default. Throws Base::Exception when the address cannot be
@@ -50,5 +63,9 @@ Net::Address GetAddress(std::string const& socket);
 
 // Removes the KESTREL_ variables from the environment, because they are settings of the daemon:
 // KESTREL_TRACE_CONSOLE, for example, would put a trace between the lines of a response. Keeps only
-// KESTREL_SOCKET, which is for the client, too. Call it before there is a second thread.
+// KESTREL_SOCKET, which is for the client, too, also in the argument store. Call it before there is
+// a second thread.
 void UnsetDaemonSettings();
+
+// For the argument store: commands of the client have the deadlines of their callers only.
+inline constexpr char const* noCommandTimeout = "--command-timeout=0";

@@ -1,6 +1,9 @@
 #include "client/output.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <utility>
 
@@ -43,4 +46,22 @@ int ExitWithError(ExitStatus status, std::string reason) {
 int Print(std::string_view text) {
   std::cout << text << std::flush;
   return std::cout ? 0 : ExitWithError(ExitStatus::NoResponse, "Cannot print");
+}
+
+bool IsTerminal(int fd) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment
+  char const* const type = std::getenv("TERM");
+  return isatty(fd) == 1 && (type == nullptr || std::string_view(type) != "dumb");
+}
+
+ProgressLine::ProgressLine() : _isShown(IsTerminal(STDERR_FILENO)) {}
+
+ProgressLine::~ProgressLine() {
+  if (_isShown) std::cerr << "\r\x1b[K" << std::flush;
+}
+
+void ProgressLine::Show(std::string_view text) {
+  constexpr std::string_view frames = "|/-\\";
+  if (!_isShown) return;
+  std::cerr << "\r" << frames[_count++ % frames.size()] << " " << text << "\x1b[K" << std::flush;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -21,3 +22,22 @@ int ExitWithError(ExitStatus status, std::string reason);
 
 // Prints `text` on standard output. Returns 0, or the status after an error.
 int Print(std::string_view text);
+
+// Whether `fd` is a terminal that obeys controls: TERM is not "dumb".
+bool IsTerminal(int fd);
+
+// A line on standard error, if that is such a terminal, which each call replaces, with a mark that
+// moves. Its end erases it.
+class ProgressLine {
+ public:
+  ProgressLine();
+  ProgressLine(ProgressLine const&) = delete;
+  ProgressLine& operator=(ProgressLine const&) = delete;
+  ~ProgressLine();
+
+  void Show(std::string_view text);
+
+ private:
+  bool const _isShown;
+  std::size_t _count = 0;
+};

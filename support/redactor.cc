@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <fstream>
+#include <sstream>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -13,6 +13,7 @@
 #include "base/exception.h"
 #include "base/text.h"
 #include "support/error.h"
+#include "support/file_manager.h"
 #include "support/redacting_stream.h"
 #include "support/redaction_rules.h"
 #include "support/secret_finder.h"
@@ -352,14 +353,15 @@ void Redactor::AddRulesFromFile(std::string const& path) {
         .With("rule", name)
         .With("reason", error.GetFields().at("reason"));
   };
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw unreadable(Base::ErrnoText(errno));
+  std::istringstream file;
+  try {
+    file.str(FileManager::ReadFile(path, maxRulesFileSize));
+  } catch (Error const& error) {
+    throw unreadable(error.what());
+  }
   std::vector<std::pair<std::string, std::unique_ptr<RE2>>> rules;
   std::string line;
-  std::size_t size = 0;
   for (int number = 1; std::getline(file, line); ++number) {
-    size += line.size() + 1;
-    if (size > maxRulesFileSize) throw unreadable("The file is larger than 1 MiB");
     std::string_view const text = Base::TrimWhiteSpace(line);
     if (text.empty() || text.front() == '#') continue;
     auto const nameEnd = text.find_first_of(Base::whiteSpace);
@@ -372,7 +374,6 @@ void Redactor::AddRulesFromFile(std::string const& path) {
       throw atLine(error, number, name);
     }
   }
-  if (file.bad()) throw unreadable(Base::ErrnoText(errno));
   for (auto& [name, expression] : rules) _implementation->Add(std::move(expression), name);
 }
 

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@
 #include "base/unique_fd.h"
 #include "client/deadline.h"
 #include "client/doctor/checks.h"
+#include "client/text.h"
+#include "support/error.h"
 #include "utilities/arguments/arguments.h"
 
 // The daemon's process is the one that listens, or the main process of the service where systemd
@@ -37,6 +40,16 @@ std::string Read(int folder, char const* name) {
 }
 
 std::string GetProcessFolder(pid_t pid) { return "/proc/" + std::to_string(pid); }
+
+// Empty for root, whom systemd need not name, and for a user whom nobody knows.
+std::optional<uid_t> GetUserId(std::string const& name) {
+  if (auto const number = Base::ParseNumber<uid_t>(name)) return number.Get();
+  passwd entry{};
+  passwd* found = nullptr;
+  std::array<char, 16384> texts;
+  getpwnam_r(name.c_str(), &entry, texts.data(), texts.size(), &found);
+  return found != nullptr ? std::optional(found->pw_uid) : std::nullopt;
+}
 
 bool IsTrustedUser(uid_t uid) { return uid == 0 || uid == geteuid(); }
 
@@ -85,22 +98,14 @@ void AddOption(Settings& settings, std::string_view word) {
       word.substr(std::min(end + 1, word.size()));
 }
 
-// The entries of Environment= as systemd prints them, and the lines of an environment file. Quotes
-// are removed; escapes are left alone, because no setting needs any.
-void AddQuotedVariables(Findings& findings, Settings& settings, std::string const& text) {
-  std::string variable;
-  char quote = 0;
-  for (char const c : text + "\n") {
-    if (c == quote) {
-      quote = 0;
-    } else if (quote == 0 && (c == '"' || c == '\'')) {
-      quote = c;
-    } else if (quote == 0 && Base::whiteSpace.find(c) != std::string_view::npos) {
+// The lines of an environment file, see systemd.exec(5). A value goes to the end of its line.
+void AddEnvironmentFile(Findings& findings, Settings& settings, std::string const& path) {
+  for (std::string const& line : Split(Read(AT_FDCWD, path.c_str()))) {
+    std::string variable;
+    for (std::string const& word : SplitWords(line))
+      variable += (variable.empty() ? "" : " ") + word;
+    if (!variable.starts_with('#') && !variable.starts_with(';'))
       AddVariable(findings, settings, variable);
-      variable.clear();
-    } else {
-      variable += c;
-    }
   }
 }
 
@@ -110,30 +115,46 @@ void ForEachText(std::string const& texts, Add add) {
   for (std::string text; std::getline(stream, text, '\0');) add(text);
 }
 
-// Returns the value of a property of the service; empty when it is not known.
-std::string GetServiceProperty(Findings const& findings, std::string const& name) {
-  auto const unit = findings.units.find("ktclientd.service");
-  if (unit == findings.units.end() || !unit->second.contains(name)) return {};
-  return unit->second.at(name);
-}
-
 // The credentials are those of the last process that called listen(): systemd until the daemon has
 // begun to listen. The number 1 alone would not do: the first process of a container can be the
 // daemon itself.
 bool IsServedBySystemd(Findings const& findings) {
-  bool const isInstalled = !GetServiceProperty(findings, "ExecStart").empty();
+  bool const isInstalled = !findings.GetServiceProperty("ExecStart").empty();
   return isInstalled &&
          (!findings.server || findings.server->pid == 1 ||
-          std::to_string(findings.server->pid) == GetServiceProperty(findings, "MainPID"));
+          std::to_string(findings.server->pid) == findings.GetServiceProperty("MainPID"));
 }
 
 // "{ path=/usr/sbin/ktclientd ; argv[]=..."
 std::string GetServiceProgram(Findings const& findings) {
   constexpr std::string_view key = "path=";
-  std::string const text = GetServiceProperty(findings, "ExecStart");
+  std::string const text = findings.GetServiceProperty("ExecStart");
   auto const begin = text.find(key);
   if (begin == std::string::npos || !IsServedBySystemd(findings)) return {};
   return text.substr(begin + key.size(), text.find(" ;", begin) - begin - key.size());
+}
+
+// The settings of the service as systemd would start it.
+void AddServiceSettings(Findings& findings) {
+  Settings settings;
+  constexpr std::string_view key = "argv[]=";
+  std::string const program = findings.GetServiceProperty("ExecStart");
+  if (auto const begin = program.find(key); begin != std::string::npos) {
+    auto const end = program.find(" ; ", begin);
+    for (std::string const& word : SplitWords(program.substr(begin, end - begin)))
+      AddOption(settings, word);
+  }
+  for (std::string const& variable : SplitWords(findings.GetServiceProperty("Environment")))
+    AddVariable(findings, settings, variable);
+  for (std::string const& path : GetEnvironmentFiles(findings))
+    AddEnvironmentFile(findings, settings, path);
+  for (std::string const& variable : SplitWords(findings.GetServiceProperty("UnsetEnvironment"))) {
+    std::string_view const name = std::string_view(variable).substr(0, variable.find('='));
+    if (name.starts_with(variablePrefix))
+      settings.erase(NormaliseArgumentName(name.substr(variablePrefix.size())));
+  }
+  findings.settings = std::move(settings);
+  findings.daemonUser = GetUserId(findings.GetServiceProperty("User"));
 }
 
 bool Exists(std::string const& path) { return access(path.c_str(), F_OK) == 0; }
@@ -193,12 +214,9 @@ Findings FindDaemon(Findings findings) {
   if (findings.server && IsTrustedUser(findings.server->uid))
     findings.daemon = findings.server->pid;
   if (IsServedBySystemd(findings)) {
-    auto const pid = Base::ParseNumber<pid_t>(GetServiceProperty(findings, "MainPID"));
+    auto const pid = Base::ParseNumber<pid_t>(findings.GetServiceProperty("MainPID"));
     findings.daemon = pid ? pid.Get() : 0;
-    Settings settings;
-    AddQuotedVariables(findings, settings, GetServiceProperty(findings, "Environment"));
-    AddQuotedVariables(findings, settings, Read(AT_FDCWD, "/etc/default/ktclientd"));
-    findings.settings = std::move(settings);
+    AddServiceSettings(findings);
   }
   std::string const name = GetProcessFolder(findings.daemon);
   Base::UniqueFd const folder(open(name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -217,6 +235,37 @@ Findings FindDaemon(Findings findings) {
   findings.settings = std::move(settings);
   // Root sees the files as the daemon does, behind the mounts of its sandbox.
   if (Exists(name + "/root/proc")) findings.root = name + "/root";
+  return findings;
+}
+
+std::vector<std::string> GetEnvironmentFiles(Findings const& findings) {
+  std::vector<std::string> files;
+  // "/etc/default/ktclientd (ignore_errors=yes)"
+  for (std::string const& line : Split(findings.GetServiceProperty("EnvironmentFiles")))
+    files.push_back(line.substr(0, line.rfind(" (")));
+  if (files.empty()) files.emplace_back("/etc/default/ktclientd");
+  return files;
+}
+
+TracePlace GetTracePlace(Findings const& findings) {
+  std::filesystem::path path = findings.GetSetting("trace_file", "");
+  if (path.empty()) path = findings.GetSetting("logging_file", "");
+  bool const isNewAtEachStart = path.empty() && findings.IsSettingTrue("trace_file_prefix");
+  if (path.empty())
+    path = std::filesystem::path(findings.GetSetting("trace_folder", "/tmp/")) / "ktclientd.log";
+  return {.path = path, .folder = path.parent_path(), .isNewAtEachStart = isNewAtEachStart};
+}
+
+Findings FindService(DoctorOptions const& options, std::vector<Support::Error>& errors) {
+  Findings findings;
+  findings.options = options;
+  for (auto* const check : {CheckSocket, CheckConnection, CheckSocketUnit, FindDaemon}) {
+    try {
+      findings = check(findings);
+    } catch (std::exception const& err) {
+      errors.push_back(Support::Error::FromException(err));
+    }
+  }
   return findings;
 }
 
@@ -273,24 +322,18 @@ Findings CheckTraceFile(Findings findings) {
     AddNoDaemon(findings, check, "the settings of the daemon");
     return findings;
   }
-  std::filesystem::path path = findings.GetSetting("trace_file", "");
-  if (path.empty()) path = findings.GetSetting("logging_file", "");
-  bool const isNewAtEachStart = path.empty() && findings.IsSettingTrue("trace_file_prefix");
-  if (path.empty())
-    path = std::filesystem::path(findings.GetSetting("trace_folder", "/tmp/")) / "ktclientd.log";
-  std::string const folder = path.parent_path();
+  auto const [path, folder, isNewAtEachStart] = GetTracePlace(findings);
   struct stat file {};
-  int const result =
-      stat((findings.root + (isNewAtEachStart ? folder : path.string())).c_str(), &file);
+  int const result = stat((findings.root + (isNewAtEachStart ? folder : path)).c_str(), &file);
   if (result == -1 && (errno == EACCES || errno == EPERM)) {
-    findings.AddNeedsRoot(check, "the trace file " + path.string());
+    findings.AddNeedsRoot(check, "the trace file " + path);
   } else if (result == -1 && findings.daemon == 0) {
-    findings.AddOk(check, "There is no trace file " + path.string() + " yet");
+    findings.AddOk(check, "There is no trace file " + path + " yet");
   } else if (result == -1) {
     findings.AddProblem(
         check, CheckState::Warning, "trace-file-missing",
-        "The daemon runs without its trace file " + path.string() + ": " + Base::ErrnoText(errno),
-        {{"path", path.string()}, {"folder", folder}});
+        "The daemon runs without its trace file " + path + ": " + Base::ErrnoText(errno),
+        {{"path", path}, {"folder", folder}});
   } else if (isNewAtEachStart) {
     findings.AddOk(check, "The daemon makes a new trace file in " + folder + " at each start",
                    {{"folder", folder}});

@@ -108,34 +108,6 @@ bool HasEnvironment(char const* name) {
   return value != nullptr && *value != '\0';
 }
 
-bool IsTerminal(int fd) {
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment
-  char const* const type = getenv("TERM");
-  return isatty(fd) == 1 && (type == nullptr || std::string_view(type) != "dumb");
-}
-
-// A line on standard error that each call replaces; its end erases it.
-class ProgressLine {
- public:
-  ProgressLine() : _isShown(IsTerminal(STDERR_FILENO)) {}
-  ProgressLine(ProgressLine const&) = delete;
-  ProgressLine& operator=(ProgressLine const&) = delete;
-  ~ProgressLine() {
-    if (_isShown) std::cerr << "\r\x1b[K" << std::flush;
-  }
-
-  void Show(std::string_view what) {
-    constexpr std::string_view frames = "|/-\\";
-    if (!_isShown) return;
-    std::cerr << "\r" << frames[_count++ % frames.size()] << " Checking " << what << "\x1b[K"
-              << std::flush;
-  }
-
- private:
-  bool const _isShown;
-  std::size_t _count = 0;
-};
-
 }  // namespace
 
 std::vector<CheckResult> RunChecks(DoctorOptions const& options, DoctorProgress const& onProgress) {
@@ -198,7 +170,8 @@ int RunDoctor(DoctorOptions const& options) {
   std::vector<CheckResult> results;
   {
     ProgressLine line;
-    results = RunChecks(options, [&line](std::string_view what) { line.Show(what); });
+    results = RunChecks(
+        options, [&line](std::string_view what) { line.Show("Checking " + std::string(what)); });
   }
   std::string text;
   if (options.json) {

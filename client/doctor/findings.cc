@@ -51,6 +51,12 @@ bool Findings::HasProblem(std::string_view check) const {
   return result == results.end() || result->state != CheckState::Ok;
 }
 
+std::string Findings::GetServiceProperty(std::string const& name) const {
+  auto const unit = units.find("ktclientd.service");
+  if (unit == units.end() || !unit->second.contains(name)) return {};
+  return unit->second.at(name);
+}
+
 std::string Findings::GetSetting(std::string const& name, std::string_view defaultValue) const {
   if (!settings || !settings->contains(name)) return std::string(defaultValue);
   return settings->at(name);

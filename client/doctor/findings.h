@@ -28,7 +28,8 @@ struct Findings {
   std::optional<std::string> serialNumber;  // from the daemon's response
   // As `systemctl show` prints them, by unit.
   std::map<std::string, std::map<std::string, std::string>> units;
-  pid_t daemon = 0;  // 0: none is known
+  pid_t daemon = 0;                 // 0: none is known
+  std::optional<uid_t> daemonUser;  // whom User= of the service names
   // Of the daemon, by normalised name (utilities/arguments/arguments.h). Empty: not known.
   std::optional<std::map<std::string, std::string>> settings;
   // In which the daemon finds its commands.
@@ -51,6 +52,10 @@ struct Findings {
 
   // Whether the check is not ok, or has no result.
   bool HasProblem(std::string_view check) const;
+
+  // The value of a property of the service, a line for each time it is set; empty when it is not
+  // known.
+  std::string GetServiceProperty(std::string const& name) const;
 
   // The value of a setting of the daemon; `defaultValue` when it has none.
   std::string GetSetting(std::string const& name, std::string_view defaultValue) const;

@@ -90,25 +90,6 @@ bool IsIgel(Findings& findings, std::string_view check) {
   return false;
 }
 
-std::string GetTrustStore(Findings const& findings) {
-  return findings.GetSetting("igel_management_cert_path", "/wfs/igel-rmagent/trust-store");
-}
-
-// The names of the management certificates, as the daemon selects them. Sets `error`, an errno.
-std::vector<std::string> ListCertificates(std::string const& folder, int& error) {
-  std::vector<std::string> names;
-  std::error_code failure;
-  std::filesystem::directory_iterator entry(folder, failure);
-  for (; !failure && entry != std::filesystem::directory_iterator(); entry.increment(failure)) {
-    auto const& path = entry->path();
-    if (path.extension() == ".pem" && path.filename() != "cacerts.pem")
-      names.push_back(path.filename());
-  }
-  error = failure.value();
-  std::ranges::sort(names);
-  return names;
-}
-
 // The daemon leaves out other files. Opening a FIFO would block.
 bool IsFitForOpenssl(std::string const& path) {
   constexpr off_t maxSize = off_t{64} << 10U;
@@ -165,6 +146,24 @@ std::string Join(std::vector<std::string> const& names) {
 }  // namespace
 
 bool HasFirmwareTables() { return access("/sys/firmware/dmi/tables", F_OK) == 0; }
+
+std::string GetTrustStore(Findings const& findings) {
+  return findings.GetSetting("igel_management_cert_path", "/wfs/igel-rmagent/trust-store");
+}
+
+std::vector<std::string> ListCertificates(std::string const& folder, int& error) {
+  std::vector<std::string> names;
+  std::error_code failure;
+  std::filesystem::directory_iterator entry(folder, failure);
+  for (; !failure && entry != std::filesystem::directory_iterator(); entry.increment(failure)) {
+    auto const& path = entry->path();
+    if (path.extension() == ".pem" && path.filename() != "cacerts.pem")
+      names.push_back(path.filename());
+  }
+  error = failure.value();
+  std::ranges::sort(names);
+  return names;
+}
 
 Findings CheckPlatform(Findings findings) {
   findings.platform = GetPlatform();

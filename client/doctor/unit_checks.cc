@@ -5,6 +5,7 @@
 
 #include "client/deadline.h"
 #include "client/doctor/checks.h"
+#include "client/text.h"
 #include "support/error.h"
 
 // `systemctl show` and not D-Bus: it is there wherever systemd is, also without a bus daemon, and
@@ -18,7 +19,8 @@ constexpr char const* socketUnit = "ktclientd.socket";
 constexpr char const* serviceUnit = "ktclientd.service";
 constexpr char const* properties =
     "--property=Id,LoadState,ActiveState,SubState,Result,UnitFileState,StateChangeTimestamp,"
-    "NeedDaemonReload,DropInPaths,Listen,MainPID,ExecStart,Environment";
+    "NeedDaemonReload,DropInPaths,Listen,MainPID,ExecStart,Environment,EnvironmentFiles,"
+    "UnsetEnvironment,User";
 
 // The lines "name=value" of each unit; an empty line ends a unit. The lines of a name that comes
 // more than once, such as Listen=, stay lines of its value.
@@ -55,13 +57,6 @@ bool ReadUnits(Findings& findings) {
   return true;
 }
 
-std::vector<std::string> GetWords(std::string const& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> words;
-  for (std::string word; stream >> word;) words.push_back(word);
-  return words;
-}
-
 // Whether the socket unit listens on the address that is checked. A line of Listen= is
 // "/run/ktclientd/ktclientd.sock (SequentialPacket)".
 bool IsForThisAddress(Unit& unit, Net::Address const& address) {
@@ -82,7 +77,7 @@ nlohmann::json GetFacts(std::string const& name, Unit& unit) {
           {"result", unit["Result"]},
           {"file", unit["UnitFileState"]},
           {"since", unit["StateChangeTimestamp"]},
-          {"drop_ins", GetWords(unit["DropInPaths"])}};
+          {"drop_ins", SplitWords(unit["DropInPaths"])}};
 }
 
 // The problems that both units can have. Returns whether there was one.
@@ -117,7 +112,7 @@ std::string Describe(std::string const& name, Unit& unit) {
   std::string text =
       "The unit " + name + " is " + unit["ActiveState"] + " (" + unit["SubState"] + ")";
   if (!unit["StateChangeTimestamp"].empty()) text += " since " + unit["StateChangeTimestamp"];
-  auto const dropIns = GetWords(unit["DropInPaths"]);
+  auto const dropIns = SplitWords(unit["DropInPaths"]);
   for (std::string const& path : dropIns) {
     text += (path == dropIns.front() ? "; drop-ins: " : ", ") + path;
   }

@@ -1,26 +1,31 @@
 #include "client/report/collect.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "base/exception.h"
 #include "base/shared.h"
 #include "base/text.h"
+#include "base/unique_fd.h"
 #include "client/deadline.h"
+#include "client/doctor/checks.h"
 #include "client/doctor/doctor.h"
 #include "client/exchange.h"
-#include "client/report/text.h"
+#include "client/text.h"
 #include "support/file_manager.h"
 
 // Each step reads a few files and runs a few commands. What one of them lacks is a gap, and the
@@ -34,8 +39,6 @@ namespace {
 
 constexpr char const* service = "ktclientd.service";
 constexpr char const* socketUnit = "ktclientd.socket";
-constexpr char const* defaultTraceFolder = "/var/log/ktclientd/";
-constexpr char const* defaultSettingsFile = "/etc/default/ktclientd";
 
 constexpr std::size_t maxSmallFile = std::size_t{1} << 20U;
 constexpr std::size_t maxTrace = std::size_t{16} << 20U;
@@ -43,9 +46,7 @@ constexpr std::size_t maxTrace = std::size_t{16} << 20U;
 constexpr std::size_t maxJournal = 1'000'000;
 constexpr int maxJournalLines = 5000;
 
-constexpr std::chrono::seconds checkLimit{10};
-constexpr std::chrono::seconds commandLimit{10};
-constexpr std::chrono::seconds answerLimit{30};
+constexpr std::size_t maxTraceNames = 100'000;  // that a folder is searched for
 
 void AddSection(std::string& text, std::string const& title, std::string_view body) {
   text += "== " + title + "\n" + std::string(body);
@@ -58,13 +59,13 @@ Support::Error MakeGap(std::string code, std::string const& message) {
 }
 
 // Adds the command's output as a section. Also the output of a command that fails: it says why.
-void AddCommand(ReportFindings& findings, std::string& text,
+void AddCommand(ReportFindings& findings, std::string& text, std::chrono::seconds limit,
                 std::vector<std::string> const& words) {
   std::string title;
   for (std::string const& word : words) title += (title.empty() ? "" : " ") + word;
   try {
-    CommandResult const result = RunCommand(
-        {.words = words, .limit = commandLimit, .path = GetCommandPath(), .withErrors = true});
+    CommandResult const result =
+        RunCommand({.words = words, .limit = limit, .path = GetCommandPath(), .withErrors = true});
     AddSection(text, title, result.output);
     if (result.status == 127) {
       findings.gaps.emplace_back("command-not-found", "There is no command " + words[0]);
@@ -89,8 +90,8 @@ std::optional<std::string> ReadFileInto(ReportFindings& findings, std::string co
   }
 }
 
-ReportFindings CollectDoctor(Net::Address const& address) {
-  DoctorOptions const options{.address = address, .timeout = checkLimit};
+ReportFindings CollectDoctor(ReportContext const& context) {
+  DoctorOptions const options{.address = context.address, .timeout = context.limits.command};
   std::vector<CheckResult> const results = RunChecks(options);
   auto const json = ToJson(options, results);
   ReportFindings findings;
@@ -100,111 +101,92 @@ ReportFindings CollectDoctor(Net::Address const& address) {
   return findings;
 }
 
-ReportFindings CollectVersions() {
+ReportFindings CollectVersions(ReportContext const& context) {
+  std::chrono::seconds const limit = context.limits.command;
   ReportFindings findings;
   std::string text;
   if (auto const release = ReadFileInto(findings, "/etc/os-release"))
     AddSection(text, "/etc/os-release", *release);
   // Not `uname -a`, which prints the name of the machine.
-  AddCommand(findings, text, {"uname", "-srvm"});
+  AddCommand(findings, text, limit, {"uname", "-srvm"});
   for (char const* program : {"systemctl", "dmidecode", "ktclientd", "ktclientctl"})
-    AddCommand(findings, text, {program, "--version"});
-  AddCommand(findings, text, {"openssl", "version"});
+    AddCommand(findings, text, limit, {program, "--version"});
+  AddCommand(findings, text, limit, {"openssl", "version"});
   findings.members = {{"versions.txt", text}};
   return findings;
 }
 
-ReportFindings CollectUnits() {
+ReportFindings CollectUnits(ReportContext const& context) {
+  std::chrono::seconds const limit = context.limits.command;
   ReportFindings findings;
   std::string text;
   for (char const* unit : {service, socketUnit}) {
-    AddCommand(findings, text, {"systemctl", "--no-pager", "cat", unit});
-    AddCommand(findings, text, {"systemctl", "--no-pager", "show", unit});
+    AddCommand(findings, text, limit, {"systemctl", "--no-pager", "cat", unit});
+    AddCommand(findings, text, limit, {"systemctl", "--no-pager", "show", unit});
   }
   findings.members = {{"units.txt", text}};
   return findings;
 }
 
-// The settings of the service, and where they come from.
-struct Settings {
-  std::string sources;
-  std::map<std::string, std::string> inForce;  // by variable, KESTREL_... only
-
-  void Set(std::string_view assignment) {
-    std::size_t const separator = assignment.find('=');
-    if (!assignment.starts_with("KESTREL_") || separator == std::string_view::npos) return;
-    inForce[std::string(assignment.substr(0, separator))] = assignment.substr(separator + 1);
+// "NAME=value" with the value in quotes, so that the redactor sees where a secret of several words
+// ends. A line that is no assignment stays as it is.
+std::string QuoteValue(std::string_view assignment) {
+  std::size_t const separator = assignment.find('=');
+  if (separator == std::string_view::npos) return std::string(assignment) + "\n";
+  std::string_view value = Base::TrimWhiteSpace(assignment.substr(separator + 1));
+  bool const isQuoted = value.size() > 1 && value.front() == value.back() &&
+                        (value.front() == '"' || value.front() == '\'');
+  if (isQuoted) value = value.substr(1, value.size() - 2);
+  std::string text(assignment.substr(0, separator));
+  text += "=\"";
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if (value[i] == '"' && (i == 0 || value[i - 1] != '\\')) text += '\\';
+    text += value[i] == '\n' ? ' ' : value[i];
   }
-
-  std::string Get(std::string const& name) const {
-    auto const setting = inForce.find(name);
-    return setting == inForce.end() ? "" : setting->second;
-  }
-};
-
-// The variables of the unit, overridden by its files, without what the unit removes.
-Settings GetSettings(ReportFindings& findings) {
-  Settings settings;
-  std::string text;
-  AddCommand(findings, text,
-             {"systemctl", "--no-pager", "show",
-              "--property=Environment,EnvironmentFiles,UnsetEnvironment,MainPID", service});
-  std::vector<std::string> files;
-  std::vector<std::string> removed;
-  std::string pid;
-  for (std::string const& line : Split(text)) {
-    std::size_t const separator = std::min(line.find('='), line.size());
-    std::string_view const name = std::string_view(line).substr(0, separator);
-    std::string const value = line.substr(std::min(separator + 1, line.size()));
-    if (name == "Environment") {
-      for (std::string const& word : SplitWords(value)) settings.Set(word);
-    } else if (name == "EnvironmentFiles") {
-      files.push_back(value.substr(0, value.rfind(" (")));
-    } else if (name == "UnsetEnvironment") {
-      removed = SplitWords(value);
-    } else if (name == "MainPID" && value != "0") {
-      pid = value;
-    }
-  }
-  settings.sources = text;
-  if (files.empty()) files = {defaultSettingsFile};
-  for (std::string const& file : files) {
-    if (access(file.c_str(), F_OK) != 0) continue;
-    auto const content = ReadFileInto(findings, file);
-    if (!content) continue;
-    AddSection(settings.sources, file, *content);
-    for (std::string const& line : Split(*content)) {
-      std::string assignment;
-      for (std::string const& word : SplitWords(line))
-        assignment += (assignment.empty() ? "" : " ") + word;
-      settings.Set(assignment);
-    }
-  }
-  for (std::string const& variable : removed) settings.inForce.erase(variable);
-  if (!pid.empty()) {
-    // What the running daemon has got, which can be older than the files.
-    if (auto const environment = ReadFileInto(findings, "/proc/" + pid + "/environ")) {
-      Settings running;
-      for (std::string const& variable : Split(*environment, '\0')) running.Set(variable);
-      settings.inForce = running.inForce;
-    }
-  }
-  return settings;
+  return text + "\"\n";
 }
 
-ReportFindings CollectSettings() {
-  ReportFindings findings;
-  Settings const settings = GetSettings(findings);
-  std::string inForce;
-  for (auto const& [name, value] : settings.inForce)
-    inForce.append(name).append("=").append(value).append("\n");
+std::string GetSettingsInForce(Findings const& daemon) {
   std::string text;
-  AddSection(text, "in force", inForce);
-  findings.members = {{"settings.txt", text + settings.sources}};
+  for (auto const& [name, value] : *daemon.settings) {
+    std::string variable = "KESTREL_" + name;
+    std::ranges::transform(variable, variable.begin(), [](char c) {
+      return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    });
+    text += QuoteValue(variable + "=" + value);
+  }
+  return text + QuoteValue("PATH=" + daemon.path);
+}
+
+ReportFindings CollectSettings(ReportContext const& context) {
+  Findings const& daemon = *context.daemon;
+  ReportFindings findings;
+  std::string text;
+  if (daemon.settings) {
+    AddSection(text, "in force", GetSettingsInForce(daemon));
+  } else {
+    findings.gaps.push_back(MakeGap("settings-unknown", "The settings of the daemon are unknown"));
+  }
+  std::string properties;
+  for (char const* name : {"ExecStart", "EnvironmentFiles", "UnsetEnvironment", "User", "MainPID"})
+    properties += std::string(name) + "=" + daemon.GetServiceProperty(name) + "\n";
+  for (std::string const& variable : SplitWords(daemon.GetServiceProperty("Environment")))
+    properties += QuoteValue(variable);
+  if (!daemon.units.empty()) AddSection(text, "the service", properties);
+  for (std::string const& path : GetEnvironmentFiles(daemon)) {
+    if (access(path.c_str(), F_OK) != 0) continue;
+    auto const content = ReadFileInto(findings, path);
+    if (!content) continue;
+    std::string quoted;
+    for (std::string const& line : Split(*content)) quoted += QuoteValue(line);
+    AddSection(text, path, quoted);
+  }
+  findings.members = {{"settings.txt", text}};
   return findings;
 }
 
-ReportFindings CollectJournal() {
+ReportFindings CollectJournal(ReportContext const& context) {
+  std::chrono::seconds const limit = context.limits.command;
   ReportFindings findings;
   std::string const script =
       "{ journalctl --no-pager --no-hostname --utc --output=short-iso --lines=" +
@@ -213,14 +195,14 @@ ReportFindings CollectJournal() {
   std::string text;
   try {
     text = RunCommand({.words = {"sh", "-c", script},
-                       .limit = commandLimit,
+                       .limit = limit,
                        .path = GetCommandPath(),
                        .withErrors = true})
                .output;
   } catch (Support::Error const& err) {
     findings.gaps.emplace_back(err.GetCode(),
                                "The journal cannot be read: journalctl did not end in " +
-                                   std::to_string(commandLimit.count()) + " s");
+                                   std::to_string(limit.count()) + " s");
     return findings;
   }
   if (text.size() == maxJournal) CutToRecord(text, "0000-00-00T");
@@ -236,37 +218,80 @@ ReportFindings CollectJournal() {
   return findings;
 }
 
-// The path of the trace file. With a prefix in its name, that of the newest one: the prefix begins
-// with the time.
-std::string GetTracePath(Settings const& settings) {
-  for (char const* name : {"KESTREL_TRACE_FILE", "KESTREL_LOGGING_FILE"}) {
-    if (std::string path = settings.Get(name); !path.empty()) return path;
+// A file of the trace, not opened for reading yet. Another user may own the folder of the trace, or
+// write to it, and must not choose which file root reads: a link in the place of the file is not
+// followed, and the file must belong to the daemon's user, to root or to this user.
+struct TraceFile {
+  Base::UniqueFd fd;
+  struct stat status {};
+  int error = 0;  // an errno
+
+  explicit TraceFile(std::string const& path)
+      : fd(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)) {
+    if (!fd || fstat(fd.Get(), &status) == -1) error = errno;
   }
-  std::string folder = settings.Get("KESTREL_TRACE_FOLDER");
-  if (folder.empty()) folder = defaultTraceFolder;
-  if (!folder.ends_with('/')) folder += '/';
-  std::string name = "ktclientd.log";
-  std::string const hasPrefix = Base::LowerCased(settings.Get("KESTREL_TRACE_FILE_PREFIX"));
-  if (hasPrefix == "true" || hasPrefix == "1") {
-    for (auto const& entry :
-         Support::FileManager::Walk(folder, {.maxCount = 10000, .maxDepth = 1}).entries)
-      if (entry.path.ends_with("_ktclientd.log")) name = entry.path;
+
+  // One name only: a hard link would give the file of somebody else the name of the trace.
+  bool IsRegular() const { return error == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1; }
+
+  bool IsOfDaemon(Findings const& daemon) const {
+    return status.st_uid == 0 || status.st_uid == geteuid() || status.st_uid == daemon.daemonUser;
   }
-  return folder + name;
+};
+
+std::string ReadTrace(Findings const& daemon, std::string const& path) {
+  TraceFile const file(path);
+  auto const fail = [](char const* code, std::string const& reason) {
+    return Support::Error(code, "The file cannot be read: " + reason + ".");
+  };
+  if (file.error == ENOENT || file.error == ENOTDIR)
+    throw fail("file-not-found", "it does not exist");
+  if (file.error == EACCES || file.error == EPERM)
+    throw fail("file-permission-denied", "permission is denied");
+  if (file.error != 0) throw fail("file-not-read", Base::ErrnoText(file.error));
+  if (!file.IsRegular())
+    throw fail("file-not-regular", "it is not a regular file, or it has another name, too");
+  if (!file.IsOfDaemon(daemon)) {
+    throw fail("file-of-other-user",
+               "it belongs to the user " + GetUserName(file.status.st_uid) + ", not to the daemon");
+  }
+  // One byte more, to see whether there is more.
+  std::string text = Support::FileManager::ReadFileEnd(
+      "/proc/self/fd/" + std::to_string(file.fd.Get()), maxTrace + 1);
+  if (text.size() > maxTrace) CutToRecord(text, "00:00:00.000Z ");
+  return text;
 }
 
-ReportFindings CollectTrace() {
+// The newest file of a daemon that makes one at each start: the name begins with the time.
+std::string FindNewestTrace(Findings const& daemon, std::string const& folder) {
+  std::string newest;
+  std::error_code error;
+  std::filesystem::directory_iterator entry(folder, error);
+  for (std::size_t i = 0; !error && i < maxTraceNames; ++i, entry.increment(error)) {
+    if (entry == std::filesystem::directory_iterator()) break;
+    std::string const name = entry->path().filename();
+    if (!name.ends_with("_ktclientd.log") || name <= newest) continue;
+    TraceFile const file(entry->path());
+    if (file.IsRegular() && file.IsOfDaemon(daemon)) newest = name;
+  }
+  return newest;
+}
+
+ReportFindings CollectTrace(ReportContext const& context) {
+  Findings const& daemon = *context.daemon;
   ReportFindings findings;
-  ReportFindings ignored;  // the step of the settings has told the same
-  std::string const path = GetTracePath(GetSettings(ignored));
+  TracePlace const place = GetTracePlace(daemon);
+  std::string path = place.path;
+  if (place.isNewAtEachStart) {
+    std::string const name = FindNewestTrace(daemon, daemon.root + place.folder);
+    path = place.folder + "/" + (name.empty() ? "TIME_ktclientd.log" : name);
+  }
   constexpr std::array<std::string_view, 3> suffixes = {"", ".1", ".crash"};
   for (std::string_view const suffix : suffixes) {
     std::string const file = path + std::string(suffix);
     try {
-      // One byte more, to see whether there is more.
-      std::string text = Support::FileManager::ReadFileEnd(file, maxTrace + 1);
-      if (text.size() > maxTrace) CutToRecord(text, "00:00:00.000Z ");
-      findings.members.push_back({"trace/ktclientd.log" + std::string(suffix), std::move(text)});
+      findings.members.push_back(
+          {"trace/ktclientd.log" + std::string(suffix), ReadTrace(daemon, daemon.root + file)});
     } catch (Support::Error const& err) {
       bool const isAbsent = err.GetCode() == "file-not-found";
       if (isAbsent && !suffix.empty()) continue;
@@ -279,40 +304,43 @@ ReportFindings CollectTrace() {
   return findings;
 }
 
-ReportFindings CollectAnswer(Net::Address const& address, std::string const& sensor) {
+ReportFindings CollectAnswer(ReportContext const& context, std::string const& sensor) {
   ReportFindings findings;
-  findings.members = {{"answers/" + sensor + ".json", AskSensor(address, sensor) + "\n"}};
+  findings.members = {{"answers/" + sensor + ".json", AskSensor(context, sensor) + "\n"}};
   return findings;
 }
 
 }  // namespace
 
-std::vector<ReportStep> GetMemberSteps(Net::Address const& address, bool includeAnswers) {
-  using std::chrono::seconds;
-  std::vector<ReportStep> steps = {
-      {"the checks of ktclientctl doctor", seconds(120),
-       [address] { return CollectDoctor(address); }},
-      {"the versions", seconds(70), CollectVersions},
-      {"the units", seconds(45), CollectUnits},
-      {"the settings", seconds(20), CollectSettings},
-      {"the journal", seconds(20), CollectJournal},
-      {"the trace", seconds(30), CollectTrace},
+std::vector<ReportStep> GetMemberSteps(ReportContext const& context) {
+  std::vector<ReportStep> steps;
+  auto const add = [&](char const* what, int count,
+                       ReportFindings (*collect)(ReportContext const&)) {
+    // Each check and command has its own limit; a second more for what is between them.
+    steps.push_back({what, count * (context.limits.command + std::chrono::seconds(2)),
+                     [context, collect] { return collect(context); }});
   };
-  if (includeAnswers) {
-    for (char const* sensor : {"hardware", "igel"})
-      steps.push_back({std::string("the answer of the sensor ") + sensor, answerLimit + checkLimit,
-                       [address, sensor] { return CollectAnswer(address, sensor); }});
-  }
+  add("the checks of ktclientctl doctor", 14, CollectDoctor);
+  add("the versions", 6, CollectVersions);
+  add("the units", 4, CollectUnits);
+  add("the settings", 1, CollectSettings);
+  add("the journal", 1, CollectJournal);
+  add("the trace", 3, CollectTrace);
+  if (!context.includeAnswers) return steps;
+  for (char const* sensor : {"hardware", "igel"})
+    steps.push_back({std::string("the answer of the sensor ") + sensor,
+                     context.limits.answer + std::chrono::seconds(2),
+                     [context, sensor] { return CollectAnswer(context, sensor); }});
   return steps;
 }
 
-std::string AskSensor(Net::Address const& address, std::string const& name) {
-  auto const exchange =
-      Base::MakeShared<Exchange>(address, nlohmann::json{{"sensor", {{name, nullptr}}}}.dump());
+std::string AskSensor(ReportContext const& context, std::string const& name) {
+  auto const exchange = Base::MakeShared<Exchange>(
+      context.address, nlohmann::json{{"sensor", {{name, nullptr}}}}.dump());
   std::future<Exchange::Outcome> future = exchange->Start();
-  if (future.wait_for(answerLimit) != std::future_status::ready) {
+  if (future.wait_for(context.limits.answer) != std::future_status::ready) {
     throw Support::Error("no-answer", "The daemon did not answer within " +
-                                          std::to_string(answerLimit.count()) + " s");
+                                          std::to_string(context.limits.answer.count()) + " s");
   }
   Exchange::Outcome outcome = future.get();
   if (!outcome.isResponse) throw Support::Error("no-answer", outcome.text);

@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "client/doctor/findings.h"
 #include "net/address.h"
 #include "support/error.h"
 
@@ -24,8 +26,26 @@ struct ReportSecret {
 struct ReportFindings {
   std::vector<ReportMember> members;
   std::vector<ReportSecret> secrets;
-  // What could not be had, why, and what the user can do about it.
+  // Secrets that could not be had, and why, such as "the local users: it took longer than 20 s":
+  // they may stand in the report in clear.
+  std::vector<std::string> unknown;
+  // What else could not be had, why, and what the user can do about it.
   std::vector<Support::Error> gaps;
+};
+
+// How long the parts of the work may take; all are at least one second.
+struct ReportLimits {
+  std::chrono::seconds answer{30};      // of the daemon
+  std::chrono::seconds command{10};     // also a check, and a look at some files
+  std::chrono::seconds redaction{120};  // of one member
+};
+
+struct ReportContext {
+  Net::Address address;
+  ReportLimits limits;
+  bool includeAnswers = false;  // the answers of the sensors are members, too
+  // The daemon as the checks of `ktclientctl doctor` find it.
+  std::shared_ptr<Findings const> daemon = std::make_shared<Findings>();
 };
 
 // A part of the work. It blocks, and its thread may be abandoned (client/deadline.h).
@@ -35,13 +55,12 @@ struct ReportStep {
   std::function<ReportFindings()> run;
 };
 
-// The steps that find the members of a report, in the order of the members. With `includeAnswers`
-// the answers of the sensors are members, too.
-std::vector<ReportStep> GetMemberSteps(Net::Address const& address, bool includeAnswers);
+// The steps that find the members of a report, in the order of the members.
+std::vector<ReportStep> GetMemberSteps(ReportContext const& context);
 
 // Asks the daemon for the sensor `name` and returns the response, which is JSON as the daemon has
 // written it. Throws Support::Error "no-answer".
-std::string AskSensor(Net::Address const& address, std::string const& name);
+std::string AskSensor(ReportContext const& context, std::string const& name);
 
 // What an ordinary user can do about a lack of permission; empty for root.
 std::string GetPermissionAdvice();

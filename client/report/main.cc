@@ -1,76 +1,92 @@
-#include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "base/exception.h"
-#include "base/standard_streams.h"
 #include "base/text.h"
 #include "client/deadline.h"
 #include "client/options.h"
 #include "client/output.h"
+#include "client/program.h"
 #include "client/report/report.h"
 #include "support/error.h"
-#include "utilities/arguments/arguments.h"
 
 namespace {
 
 struct Grammar {
   Grammar() {
-    PrepareApp(app);
-    AddCommand(app, "report", "Write the archive");
+    PrepareHelp(app);
     AddOption(app, "--output{}", output, "=FILE",
               "The archive; no file of this name may exist (default:\n"
               "ktclientd-report-HOST-TIME.tar.gz in this folder)");
     AddOption(app, "--include-answers", includeAnswers, "",
               "Add the answers of the sensors, redacted, too");
     AddOption(app, "--no-redact", noRedact, "", "Replace nothing; asks before");
-    AddOption(app, "--yes", yes, "", "Do not ask");
+    AddOption(app, "--yes", yes, "",
+              "Do not ask: with --no-redact, and when the redactor\n"
+              "does not know all names and numbers of this machine");
     AddOption(app, "--rules{}", rules, "=FILE",
               "More values to replace: lines of a name and a regular\n"
               "expression");
     AddSocketOption(app, socket);
+    AddTimeoutOption(app, timeout,
+                     "How long to wait for each answer (default: 30), each\n"
+                     "command and check (10), and each redaction (120)");
     ListCommonOptions(app);
     app.footer(
         "Prints the path of the archive. The README in the archive lists what is inside, what was\n"
         "replaced how often, and what is missing and why.\n"
         "Exit status: 0 if the archive was written; 1 if you did not agree; 2 for wrong usage;\n"
-        "3 if the archive could not be written.");
+        "3 if the archive could not be written, or would have names or numbers in clear.");
   }
 
   CLI::App app{
       "Writes an archive for the support of ktclientd, with names, numbers and secrets\n"
       "replaced by placeholders.",
-      "ktclientctl"};
+      "ktclientctl report"};
   std::string output;
   std::string includeAnswers = "false";
   std::string noRedact = "false";
   std::string yes = "false";
   std::string rules;
   std::string socket;
+  std::string timeout;
 };
+
+std::string GetHelp() { return Grammar().app.help(); }
 
 struct CommandLine {
   ReportOptions report;
   bool yes = false;
 };
 
+ReportLimits GetLimits(CLI::App const& app, std::string const& timeout) {
+  if (app.count("--timeout") == 0) return {};
+  std::chrono::seconds const limit = ParseTimeout(timeout);
+  return {.answer = limit, .command = limit, .redaction = limit};
+}
+
 CommandLine ReadWords(int argc, char const* const* argv) {
   Grammar grammar;
+  PrepareApp(grammar.app);
+  AddCommand(grammar.app, "report", "Write the archive");
   ParseWords(grammar.app, {argv + std::min(argc, 1), argv + argc});
   for (auto const& [name, value] :
        {std::pair("--output", &grammar.output), {"--rules", &grammar.rules}})
     if (grammar.app.count(name) > 0 && value->empty())
       throw Base::Exception(std::string(name) + " needs the name of a file");
   return {.report = {.address = GetAddress(grammar.socket),
+                     .limits = GetLimits(grammar.app, grammar.timeout),
                      .output = grammar.output,
-                     .includeAnswers = IsOn(grammar.includeAnswers),
-                     .isRedacted = !IsOn(grammar.noRedact),
-                     .rulesFile = grammar.rules},
-          .yes = IsOn(grammar.yes)};
+                     .includeAnswers = IsOn("--include-answers", grammar.includeAnswers),
+                     .isRedacted = !IsOn("--no-redact", grammar.noRedact),
+                     .rulesFile = grammar.rules,
+                     .confirm = {}},
+          .yes = IsOn("--yes", grammar.yes)};
 }
 
 void Warn() {
@@ -93,16 +109,43 @@ bool Agrees() {
   return answer == "y" || answer == "yes";
 }
 
+// Whether to write a report although the redactor does not know all secrets.
+bool ConfirmUnknown(std::vector<std::string> const& unknown, bool yes) {
+  if (!yes && isatty(STDIN_FILENO) != 1) {
+    std::string list;
+    for (std::string const& what : unknown) list += (list.empty() ? "" : "; ") + what;
+    throw Support::Error("secrets-unknown",
+                         "Nothing was written, because values that the redactor does not know "
+                         "would stand in the archive in clear (" +
+                             list + ")",
+                         "To write it nevertheless, add --yes");
+  }
+  std::cerr << "The redactor does not know:\n";
+  for (std::string const& what : unknown) std::cerr << "  - " + EscapeToOneLine(what) + "\n";
+  std::cerr << "These may stand in the archive in clear.\n";
+  return yes || Agrees();
+}
+
 std::string GetText(Support::Error const& error) {
   std::string text = error.what();
-  if (error.GetFields().contains("path"))
-    text += " " + error.GetFields()["path"].get<std::string>() + ".";
-  return error.GetAdvice().empty() ? text : text + " " + error.GetAdvice() + ".";
+  if (error.GetFields().contains("path")) {
+    auto const path = error.GetFields()["path"].get<std::string>();
+    if (text.ends_with('.')) text.pop_back();
+    text += " (" + (path == "." ? "the current folder" : path) + ")";
+  }
+  if (!text.ends_with('.') && !error.GetAdvice().empty()) text += ".";
+  return error.GetAdvice().empty() ? text : text + " " + error.GetAdvice();
 }
 
 int Run(ReportOptions const& options) {
   try {
-    return Print(EscapeControls(WriteReport(options)) + "\n");
+    WrittenReport const report = WriteReport(options);
+    if (report.path.empty()) return ExitWithError(ExitStatus::OtherStatus, "Nothing was written");
+    for (std::string const& member : report.missing) {
+      std::cerr << "ktclientctl: The archive has no " + member +
+                       ", because its redaction took too long\n";
+    }
+    return Print(EscapeControls(report.path) + "\n");
   } catch (Support::Error const& err) {
     bool const isRule = err.GetCode().starts_with("redaction-rule");
     return ExitWithError(isRule ? ExitStatus::WrongUsage : ExitStatus::NoResponse, GetText(err));
@@ -114,15 +157,7 @@ int Run(ReportOptions const& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (IsWordOfCommandLine(argc, argv, "--help")) return Print(Grammar().app.help());
-  if (IsWordOfCommandLine(argc, argv, "--version"))
-    return Print("ktclientctl-report " KTCLIENTD_VERSION "\n");
-  bool const canPrint = fcntl(STDOUT_FILENO, F_GETFD) != -1;
-  Base::OpenMissingStandardStreams();
-  if (!canPrint) return ExitWithError(ExitStatus::NoResponse, "Standard output is closed");
-  signal(SIGPIPE, SIG_IGN);
-  signal(SIGXFSZ, SIG_IGN);
-  UnsetDaemonSettings();
+  if (auto const status = StartProgram(argc, argv, "ktclientctl-report", GetHelp)) return *status;
   CommandLine commandLine;
   try {
     commandLine = ReadWords(argc, argv);
@@ -130,6 +165,10 @@ int main(int argc, char** argv) {
     return ExitWithError(ExitStatus::WrongUsage,
                          std::string(err.what()) + " (see ktclientctl report --help)");
   }
+  commandLine.report.confirm = [yes = commandLine.yes](std::vector<std::string> const& unknown) {
+    return ConfirmUnknown(unknown, yes);
+  };
+  EndCommandsOnSignals();
   if (!commandLine.report.isRedacted) {
     if (!commandLine.yes && isatty(STDIN_FILENO) != 1)
       return ExitWithError(ExitStatus::WrongUsage,

@@ -4,6 +4,7 @@
 
 #include "client/report/collect.h"
 
-// The steps that find what identifies this machine and its users: `ReportFindings::secrets`. A gap
-// means that the values of one source are unknown, so they may remain in the report.
-std::vector<ReportStep> GetSecretSteps(Net::Address const& address);
+// The steps that find what identifies this machine and its users: `ReportFindings::secrets` and
+// `unknown`. The values of a step that fails or is late are unknown, too. The sources that may hang
+// or have the most values come last.
+std::vector<ReportStep> GetSecretSteps(ReportContext const& context);

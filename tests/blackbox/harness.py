@@ -77,6 +77,17 @@ def in_thread(target):
     return thread
 
 
+def processes_of_session(leader):
+    """The command lines of the processes in the session, which commands share."""
+    found = []
+    for folder in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            state, _, _, session = (folder / "stat").read_text().rpartition(") ")[2].split()[:4]
+            if int(session) == leader and state != "Z":
+                found.append((folder / "cmdline").read_bytes())
+    return found
+
+
 def parse_trace(text):
     """Splits a trace and checks that each line is whole. Field values may contain line ends."""
     lines = []
@@ -218,15 +229,7 @@ class Daemon:
         wait_until(lambda: not self.session(), "no process of its session is left")
 
     def session(self):
-        """The command lines of the processes in its session, which commands share."""
-        found = []
-        for folder in pathlib.Path("/proc").glob("[0-9]*"):
-            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-                state, _, _, session = \
-                    (folder / "stat").read_text().rpartition(") ")[2].split()[:4]
-                if int(session) == self.pid and state != "Z":
-                    found.append((folder / "cmdline").read_bytes())
-        return found
+        return processes_of_session(self.pid)
 
     def _trace_text(self):
         return self.log.read_text(errors="replace") if self.log.exists() else ""

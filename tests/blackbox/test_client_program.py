@@ -118,7 +118,7 @@ class ClientProgramTest(Case):
     def test_wrong_usage(self):
         for arguments in ([], ["hardware", "more"], ["igel", "more"], ["send"], ["send", "{"],
                           ["send", "[]", "[]"], ["send", ""], ["tell"], ["\udc9b2J"], ["HARDWARE"],
-                          ["hardware", "igel"], ["--loud", "hardware"], ["hardware", "-x"],
+                          ["hardware", "igel"], ["--loud", "hardware"], ["hardware", "-x"], ["--compact=yes", "hardware"],
                           ["--logging-file=/x", "hardware"], ["--help=1", "hardware"],
                           ["--socket", "hardware"], ["--timeout", "hardware"],
                           ["--timeout=0", "hardware"], ["--timeout=1s", "hardware"],
@@ -200,7 +200,7 @@ class ClientProgramTest(Case):
             with self.subTest(records=records):
                 self.assert_complaint(self.ask_server(*records), 3)
         for answer in (b"{", b"[]", b"7", b"{}", b'{"status":7}', b'{"status":"Success\xff"}',
-                       b'{"status":"Success"} x', large % (b"[" * 50000 + b"]" * 50000 + b","),
+                       b'{"status":"Success"} x', large % (b"[" * 1000000 + b"]" * 1000000 + b","),
                        large % (b"0," * 1000000)):
             with self.subTest(answer=answer[:40]):
                 self.assert_complaint(self.ask_server(*packet(answer)), 3)

@@ -9,7 +9,7 @@ import subprocess
 import unittest
 
 from harness import (BIN, CAN_MOUNT, DOCS, NAMESPACE, SEQPACKET, STREAM, Case, clean_environment,
-                     ctl, packet, read_schema, run)
+                     ctl, packet, read_schema, run, wait_until)
 
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 # Root that the kernel treats as any other user where files are concerned.
@@ -24,7 +24,8 @@ UNIT_CODES = {"systemd-not-running", "unit-not-installed", "unit-masked", "unit-
 SEEN, RAN = set(), set()
 STATUSES = {"ok": 0, "warning": 1, "failed": 2}
 
-# A server whose process has the name of the daemon. It sends its arguments to each client.
+# A server whose process has the name of the daemon. It sends the files of its arguments to each
+# client.
 SERVER = """
 import socket, sys
 listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
@@ -34,9 +35,23 @@ print("listening", flush=True)
 while True:
     client = listener.accept()[0]
     if client.recv(4) and client.recv(4096):
-        for record in sys.argv[2:]:
-            client.send(bytes.fromhex(record))
+        for path in sys.argv[2:]:
+            with open(path, "rb") as file:
+                while record := file.read(65536):
+                    client.send(record)
     client.close()
+"""
+
+# A process of root that has the name of the daemon, and the socket of another user.
+DISGUISED = """
+import os, socket, sys
+listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+listener.bind("\\0" + sys.argv[1])
+os.seteuid(65534)
+listener.listen()
+os.seteuid(0)
+listener.set_inheritable(True)
+os.execve(sys.argv[2], ["ktclientd", "1000"], {"PATH": sys.argv[3]})
 """
 
 
@@ -108,8 +123,11 @@ class DoctorTest(Case):
         path.mkdir()
         (path / "dmidecode").write_text("#!/bin/sh\necho S1")
         (path / "dmidecode").chmod(0o755)
+        files = [self.folder / f"record{i}" for i in range(len(records))]
+        for file, record in zip(files, records):
+            file.write_bytes(record)
         server = self.enterContext(subprocess.Popen(
-            [*launcher, program, "-I", "-c", SERVER, self.name, *map(bytes.hex, records)],
+            [*launcher, program, "-I", "-c", SERVER, self.name, *files],
             stdout=subprocess.PIPE, text=True, env=clean_environment(
                 {"PATH": f"{path}:/usr/bin:/bin", "KESTREL_TRACE_FOLDER": str(self.folder)})))
         self.addCleanup(server.terminate)
@@ -132,7 +150,11 @@ class DoctorTest(Case):
         compact = ctl(f"--socket={daemon.name}", "--json", "--compact", "doctor").stdout
         self.assertEqual(compact.count("\n"), 1)
         SCHEMA.validate(json.loads(compact))
-        for wrong in (["--json", "x"], ["more"], ["--timeout=0"]):
+        own_help = ctl("doctor", "--help").stdout
+        self.assertIn("--json", own_help)
+        self.assertIn("3 if the results", own_help)
+        self.assertNotIn("native-host", own_help)
+        for wrong in (["--json", "x"], ["more"], ["--timeout=0"], ["--json=yes"]):
             self.assertEqual((ctl("doctor", *wrong).returncode, ctl("doctor", *wrong).stdout),
                              (2, ""))
 
@@ -199,6 +221,19 @@ class DoctorTest(Case):
         self.folder.chmod(0o777)
         self.serve(launcher=NOBODY)
         self.assert_codes(server="server-foreign")
+        disguise, name = self.folder / "disguise/ktclientd", f"ktclientd-{self.folder.name}"
+        disguise.parent.mkdir()
+        disguise.symlink_to("/usr/bin/sleep")
+        planted = disguise.parent / "dmidecode"
+        planted.write_text(f"#!/bin/sh\n: >{self.folder}/ran\n")
+        planted.chmod(0o755)
+        process = self.enterContext(subprocess.Popen(
+            ["/usr/bin/python3", "-I", "-c", DISGUISED, name, disguise, disguise.parent]))
+        self.addCleanup(process.terminate)
+        wait_until(lambda: pathlib.Path(f"/proc/{process.pid}/comm").read_text() == "ktclientd\n",
+                   "the disguise is on")
+        self.assert_codes(name=f"@{name}", server="server-foreign")
+        self.assertFalse((self.folder / "ran").exists())
 
     def test_daemon_without_a_response(self):
         self.serve()
@@ -206,7 +241,8 @@ class DoctorTest(Case):
                           trace_file="trace-file-missing")
 
     def test_broken_response(self):
-        self.serve(*packet({"status": 1}))
+        deep = b'{"status":"Success","x":' + b"[" * 1000000 + b"]" * 1000000 + b"}"
+        self.serve(*packet(deep))
         self.assert_codes(question="response-broken", version="version-differs",
                           trace_file="trace-file-missing")
 

@@ -4,12 +4,14 @@ import os
 import pathlib
 import pty
 import re
+import signal
 import socket
 import subprocess
 import tarfile
 import unittest
 
-from harness import BIN, CAN_MOUNT, DEADLINE, HARDWARE, NAMESPACE, Case, clean_environment, ctl
+from harness import (BIN, CAN_MOUNT, DEADLINE, HARDWARE, NAMESPACE, Case, clean_environment, ctl,
+                     processes_of_session, run, wait_until)
 
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 EDGE = 65536  # each common size of a buffer divides it
@@ -23,6 +25,8 @@ NAMES = {
     "real name": "Wilma \u00c5ngstr\u00f6m", "home": "/srv/planted/homes/wp",
     "machine id": "0badc0de0badc0de0badc0de0badc0de",
     "uuid": "4c4c4544-0050-4c10-804e-c4c04f564d31",
+    "certificate file": "planted-gw77 (store).pem", "certificate file's stem": "planted-gw77 (store)",
+    "setting": "correct horse; planted (battery)!",
 }
 PEM = ["MIIPlantedCertificateBody0123456789abcdefghijklmnopqrstuvwxyzABCD",
        "PlantedSecondLineOfTheBody9876543210zyxwvutsrqponmlkjihgfedcbaXY"]
@@ -81,7 +85,7 @@ def fragments():
 
 @unittest.skipUnless(CAN_MOUNT, "takes a mount namespace")
 class ReportTest(Case):
-    def make_machine(self, crash=b"", journal="cat journal"):
+    def make_machine(self, *arguments, crash=b"", journal="cat journal"):
         """A daemon of its own, files of /etc, and commands for what a container does not have."""
         self.folder.chmod(0o755)
         (self.folder / "out").mkdir()
@@ -95,14 +99,17 @@ class ReportTest(Case):
         for name, text in etc.items():
             (self.folder / name).write_text(text)
             self.mounts += f" && mount --bind {self.folder}/{name} /etc/{name}"
+        (self.folder / "run/systemd/system").mkdir(parents=True)
+        self.mounts += f" && mount --bind {self.folder}/run /run"
         store = self.folder / "store"
         store.mkdir()
+        (store / NAMES["certificate file"]).write_text("broken, so the doctor names it")
         subprocess.run(["openssl", "req", "-x509", "-nodes", "-keyout", "/dev/null", "-newkey",
                         "ed25519", "-subj", "/CN=Plantedname Oversight", "-out", store / "a.pem"],
                        check=True, stderr=subprocess.DEVNULL)
         self.daemon = self.start(
             f"--igel-management-cert-path={store}", "--trace-level=5",
-            "--openssl-fingerprint-any-case=true", dmidecode=f"echo {NAMES['serial']}",
+            "--openssl-fingerprint-any-case=true", *arguments, dmidecode=f"echo {NAMES['serial']}",
             launcher=[*NAMESPACE, self.folder / "os-release", "/etc/os-release"])
         self.daemon.ask(HARDWARE)
         self.daemon.folder.chmod(0o755)
@@ -122,31 +129,44 @@ class ReportTest(Case):
         (self.folder / "default").write_bytes(plant("KESTREL_A=%s\n"))
         (self.folder / NAMES["user"]).touch(mode=0o600)
         (self.folder / "properties").write_text(
-            f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B=a b\" KESTREL_C=c\n"
+            "Id=ktclientd.socket\n\nId=ktclientd.service\nLoadState=loaded\n"
+            "ExecStart={ path=/usr/sbin/ktclientd ; argv[]=/usr/sbin/ktclientd --d=0 ; ... }\n"
+            f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B=a b\" KESTREL_C=c "
+            f"\"PLANTED_PASSWORD={NAMES['setting']}\" PATH=/usr/bin\n"
             "UnsetEnvironment=KESTREL_C\n"
             f"EnvironmentFiles={self.folder}/default (ignore_errors=yes)\n"
-            f"EnvironmentFiles={self.folder}/{NAMES['user']} (ignore_errors=yes)\nMainPID=0\n")
+            f"EnvironmentFiles={self.folder}/{NAMES['user']} (ignore_errors=yes)\n"
+            f"MainPID={self.daemon.pid}\n")
         self.install("systemctl",
-                     'case "$*" in *Environment*) cat properties;; *) cat unit;; esac')
+                     'case "$*" in *--property=*) cat properties;; *) cat unit;; esac')
 
     def install(self, command, script):
         self.daemon.install(command, f"cd {self.folder}\n{script}")
 
-    def command(self, *arguments, user=()):
+    def command(self, *arguments, user=(), program="report"):
         mapped = ["--map-root-user"] if os.geteuid() != 0 else []
         return ["unshare", "--mount", "--uts", *mapped, "sh", "-c", self.mounts + ' && exec "$@"',
-                "sh", *user, BIN / "ktclientctl", "report", f"--socket={self.daemon.name}",
+                "sh", *user, BIN / "ktclientctl", program, f"--socket={self.daemon.name}",
                 *arguments]
 
-    def report(self, *arguments, **options):
+    def in_force(self, members):
+        """The settings, without those that the test plants."""
+        lines = members["settings.txt"].decode().partition("\n\n")[0].splitlines()[1:]
+        return dict(line.split("=", 1) for line in lines if not line.startswith("KESTREL_A="))
+
+    def environment(self, **changes):
+        return clean_environment({"PATH": f"{self.daemon.commands}:/usr/bin:/bin"} | changes)
+
+    def report(self, *arguments, sudo={}, **options):
         """Makes a report; returns the text of README, and all members by name."""
         path = self.folder / "out" / f"{len(os.listdir(self.folder / 'out'))}.tar.gz"
-        environment = clean_environment({"PATH": f"{self.daemon.commands}:/usr/bin:/bin"})
         result = subprocess.run(self.command(f"--output={path}", *arguments, **options), text=True,
-                                capture_output=True, timeout=DEADLINE, env=environment)
+                                capture_output=True, timeout=DEADLINE,
+                                env=self.environment(**sudo))
         self.assertEqual((result.returncode, result.stdout), (0, f"{path}\n"), result.stderr)
         self.complaints = result.stderr
         self.assertEqual(path.stat().st_mode & 0o777, 0o600)
+        self.owner = path.stat().st_uid
         members = {}
         with tarfile.open(path) as archive:
             for member in archive:
@@ -163,7 +183,7 @@ class ReportTest(Case):
             self.assertEqual(found, [], name)
 
     def test_nothing_leaks(self):
-        self.make_machine(plant_at_edges())
+        self.make_machine(crash=plant_at_edges())
         planted = {"units.txt", "settings.txt", "journal.txt", "trace/ktclientd.log",
                    "trace/ktclientd.log.1", "trace/ktclientd.log.crash"}
         expected = planted | {"README", "doctor.json", "doctor.txt", "versions.txt"}
@@ -173,10 +193,15 @@ class ReportTest(Case):
         self.assertEqual(set(members), expected)
         self.assertIn("NOTHING IS REDACTED", readme)
         self.assertIn("secrets", self.complaints)
-        in_force = members["settings.txt"].partition(b"\n\n")[0].splitlines()[1:]
-        self.assertEqual([line for line in in_force if not line.startswith(b"KESTREL_A=")],
-                         [b"KESTREL_B=a b",
-                          f"KESTREL_TRACE_FOLDER={self.daemon.folder}".encode()])
+        for name in "doctor.json", "doctor.txt":
+            self.assertIn(NAMES["certificate file"].encode(), members[name])
+        if os.geteuid() == 0:  # those of the process, from its command line
+            self.assertEqual(self.in_force(members), {
+                "KESTREL_IGEL_MANAGEMENT_CERT_PATH": f'"{self.folder}/store"',
+                "KESTREL_OPENSSL_FINGERPRINT_ANY_CASE": '"true"', "KESTREL_TRACE_LEVEL": '"5"',
+                "KESTREL_SOCKET": f'"{self.daemon.name}"',
+                "KESTREL_TRACE_FOLDER": f'"{self.daemon.folder}"',
+                "PATH": f'"{self.daemon.commands}:/usr/bin:/bin"'})
         for name in planted:
             missing = [secret for secret in fragments() if secret not in members[name].lower()]
             self.assertEqual(missing, [], name)
@@ -203,6 +228,10 @@ class ReportTest(Case):
     @unittest.skipIf(os.geteuid() != 0, "takes a second user")
     def test_without_permission_nothing_leaks_and_the_advice_is_given(self):
         self.make_machine()
+        readme, members = self.report("--no-redact", "--yes", user=NOBODY)
+        self.assertEqual(self.in_force(members), {  # those of the unit
+            "KESTREL_B": '"a b"', "KESTREL_D": '"0"', "PATH": '"/usr/bin"',
+            "KESTREL_TRACE_FOLDER": f'"{self.daemon.folder}"'})
         readme, members = self.report("--include-answers", user=NOBODY)
         self.assertNotIn("trace/ktclientd.log", members)
         self.assert_no_secret(members)
@@ -231,20 +260,108 @@ class ReportTest(Case):
         self.assertIn(b"harmless <project-1> stay", members["journal.txt"])
         self.assertRegex(readme, r"(?m)^  project +\d\d+$")
         self.assertIn("the rule user is not replaced, because", readme)  # "yx"
+        self.older.write_bytes(b"harmless words in a long file\n" * 200000)
+        rules.write_text("".join(f"slow [a-z ]+{i}\n" for i in range(1000)))
+        readme, members = self.report(f"--rules={rules}", "--timeout=1", "--yes")
+        self.assertNotIn("trace/ktclientd.log.1", members)
+        self.assertIn("no trace/ktclientd.log.1, because its redaction", self.complaints)
+        self.assertIn("trace/ktclientd.log.1: its redaction took longer than 1 s", readme)
+
+    def test_report_with_unknown_secrets_is_written_only_with_yes(self):
+        self.make_machine()
+        (self.folder / "os-release").unlink()
+        os.mkfifo(self.folder / "os-release")  # an open() of it blocks
+        self.install("realm", "exec sleep 1000")
+        (self.folder / "hosts").write_bytes(b"#" * ((16 << 20) + 1))
+        unknown = ("the certificates: it took longer than", "that realm prints: ",
+                   "in /etc/hosts: The file cannot be read: it is larger")
+        result = subprocess.run(self.command("--timeout=1"), cwd=self.folder / "out", text=True,
+                                stdin=subprocess.DEVNULL, capture_output=True, timeout=DEADLINE,
+                                env=self.environment())
+        self.assertEqual((result.returncode, result.stdout), (3, ""))
+        self.assertRegex(result.stderr, r"\A[^\n]*would stand in the archive in clear[^\n]*--yes\n\Z")
+        self.assertEqual(os.listdir(self.folder / "out"), [])
+        readme, _ = self.report("--timeout=1", "--yes")
+        warning = readme.partition("UNKNOWN TO THE REDACTOR")[2].partition("\n\nWhat")[0]
+        for text in unknown:
+            for where in (result.stderr, self.complaints, warning):
+                self.assertIn(text, where)
+
+    @unittest.skipIf(os.geteuid() != 0, "takes a second user")
+    def test_files_that_another_user_has_put_in_the_place_of_the_trace_are_not_read(self):
+        self.make_machine()
+        secret = self.folder / "secret"
+        secret.write_text("of root")
+        crash = pathlib.Path(f"{self.daemon.log}.crash")
+        for file in (self.daemon.log, self.older):
+            file.unlink()
+        self.daemon.log.symlink_to(secret)
+        self.older.hardlink_to(secret)
+        os.chown(crash, 65534, 65534)
+        readme, members = self.report("--no-redact", "--yes", sudo={"SUDO_UID": "x"})
+        self.assertEqual([name for name in members if name.startswith("trace")], [])
+        self.assertEqual(readme.count("ktclientd.log: The file cannot be read: it is not a"), 1)
+        self.assertEqual(readme.count("ktclientd.log.1: The file cannot be read: it is not a"), 1)
+        self.assertIn("ktclientd.log.crash: The file cannot be read: it belongs to", readme)
+        self.assertEqual(self.owner, 0)
+
+    @unittest.skipIf(os.geteuid() != 0, "takes a second user")
+    def test_newest_trace_of_the_daemon_is_found_and_the_user_of_sudo_gets_the_archive(self):
+        self.make_machine("--trace-file-prefix")
+        folder = self.daemon.folder
+        (folder / "90_ktclientd.log").write_text("of another user")
+        os.chown(folder / "90_ktclientd.log", 65534, 65534)
+        (folder / "91_ktclientd.log").symlink_to(self.folder / "default")
+        os.mkfifo(folder / "92_ktclientd.log")
+        _, members = self.report("--no-redact", "--yes",
+                                 sudo={"SUDO_UID": "65534", "SUDO_GID": "65534"})
+        self.assertIn(b"Received new connection", members["trace/ktclientd.log"])
+        self.assertEqual(self.owner, 65534)
+
+    def test_signal_leaves_no_command_and_no_archive_behind(self):
+        self.make_machine()
+        self.install("systemctl", ": >started; exec sleep 1000")
+        started = self.folder / "started"
+        for program, number in (("report", signal.SIGINT), ("doctor", signal.SIGTERM)):
+            with subprocess.Popen(self.command(program=program), cwd=self.folder / "out",
+                                  start_new_session=True, stdout=subprocess.PIPE,
+                                  env=self.environment()) as process:
+                wait_until(started.exists, "the command runs")
+                process.send_signal(number)
+                self.assertEqual(process.stdout.read(), b"")
+            self.assertEqual(process.returncode, -number)
+            self.assertEqual(processes_of_session(process.pid), [])
+            self.assertEqual(os.listdir(self.folder / "out"), [])
+            started.unlink()
 
     def test_what_cannot_be_done_is_said_and_writes_nothing(self):
         rules, taken = self.folder / "rules", self.folder / "taken"
         rules.write_text("project (\n")
         taken.write_text("mine")
+        fifo, closed = self.folder / "fifo", self.folder / "closed"
+        os.mkfifo(fifo)
+        closed.mkdir(mode=0o311)
         for status, word in ((2, "--output"), (2, "--output="), (2, "--no-redact"), (2, "--x"),
                              (2, "more"), (2, f"--rules={rules}"), (2, "--rules=/none"),
+                             (2, f"--rules={fifo}"), (2, "--rules=/dev/zero"),
+                             (2, "--no-redact=yes"), (2, "--yes=no"), (2, "--timeout=0"),
                              (3, f"--output={taken}"), (3, "--output=/none/report")):
             result = ctl("report", "--socket=/none", word, cwd=self.folder,
                          stdin=subprocess.DEVNULL)
             self.assertEqual((result.returncode, result.stdout), (status, ""), word)
             self.assertRegex(result.stderr, r"^ktclientctl: [^\n]*\n$", word)
         self.assertEqual(taken.read_text(), "mine")
-        self.assertEqual(len(os.listdir(self.folder)), 2)
+        self.assertEqual(len(os.listdir(self.folder)), 4)
+        removed = ["sh", "-c", 'mkdir gone && cd gone && rmdir ../gone && exec "$@"', "sh"]
+        self.folder.chmod(0o755)
+        for launcher, folder, complaint in (
+                (removed, self.folder, "not exist"),
+                *[(NOBODY, closed, "denied (the current folder)")] * (os.geteuid() == 0)):
+            result = run(*launcher, BIN / "ktclientctl", "report", "--socket=/none", "--yes",
+                         "--no-redact", cwd=folder)
+            self.assertEqual((result.returncode, result.stdout), (3, ""))
+            self.assertRegex(result.stderr, rf"secrets of this machine.\nktclientctl: [^\n]*"
+                                            rf"{re.escape(complaint)}[^\n]*\n\Z")
 
     def test_terminal_is_asked_and_sees_the_progress(self):
         for answer, status, count in (b"\n", 1, 0), (b"n\n", 1, 0), (b"\x04", 1, 0), (b"y\n", 0, 1):
@@ -264,7 +381,7 @@ class ReportTest(Case):
                 printed = process.stdout.read().decode()
             self.assertEqual(process.returncode, status, shown)
             self.assertEqual(len(os.listdir(self.folder)), count)
-            self.assertEqual(shown.count(b"Looking at the journal"), count)
+            self.assertEqual(b"Looking at the journal" in shown, bool(count))
         [name] = os.listdir(self.folder)
         self.assertEqual(printed, f"{name}\n")
         host = re.sub("[^A-Za-z0-9.-]", "_", socket.gethostname())

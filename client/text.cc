@@ -1,4 +1,4 @@
-#include "client/report/text.h"
+#include "client/text.h"
 
 #include <algorithm>
 #include <cstddef>
