@@ -132,7 +132,8 @@ class ReportTest(Case):
             "Id=ktclientd.socket\n\nId=ktclientd.service\nLoadState=loaded\n"
             "ExecStart={ path=/usr/sbin/ktclientd ; argv[]=/usr/sbin/ktclientd --d=0 ; ... }\n"
             f"Environment=KESTREL_TRACE_FOLDER={self.daemon.folder} \"KESTREL_B=a b\" KESTREL_C=c "
-            f"\"PLANTED_PASSWORD={NAMES['setting']}\" PATH=/usr/bin\n"
+            f"\"PLANTED_PASSWORD={NAMES['setting']}\" PATH=/usr/bin "
+            f"KESTREL_IGEL_MANAGEMENT_CERT_PATH={store}\n"
             "UnsetEnvironment=KESTREL_C\n"
             f"EnvironmentFiles={self.folder}/default (ignore_errors=yes)\n"
             f"EnvironmentFiles={self.folder}/{NAMES['user']} (ignore_errors=yes)\n"
@@ -151,7 +152,7 @@ class ReportTest(Case):
 
     def in_force(self, members):
         """The settings, without those that the test plants."""
-        lines = members["settings.txt"].decode().partition("\n\n")[0].splitlines()[1:]
+        lines = members["settings.txt"].decode(errors="replace").partition("\n\n")[0].splitlines()[1:]
         return dict(line.split("=", 1) for line in lines if not line.startswith("KESTREL_A="))
 
     def environment(self, **changes):
@@ -231,6 +232,7 @@ class ReportTest(Case):
         readme, members = self.report("--no-redact", "--yes", user=NOBODY)
         self.assertEqual(self.in_force(members), {  # those of the unit
             "KESTREL_B": '"a b"', "KESTREL_D": '"0"', "PATH": '"/usr/bin"',
+            "KESTREL_IGEL_MANAGEMENT_CERT_PATH": f'"{self.folder}/store"',
             "KESTREL_TRACE_FOLDER": f'"{self.daemon.folder}"'})
         readme, members = self.report("--include-answers", user=NOBODY)
         self.assertNotIn("trace/ktclientd.log", members)
@@ -261,7 +263,7 @@ class ReportTest(Case):
         self.assertRegex(readme, r"(?m)^  project +\d\d+$")
         self.assertIn("the rule user is not replaced, because", readme)  # "yx"
         self.older.write_bytes(b"harmless words in a long file\n" * 200000)
-        rules.write_text("".join(f"slow [a-z ]+{i}\n" for i in range(1000)))
+        rules.write_text("".join(f"slow [a-z ]+-{i}x\n" for i in range(1000)))
         readme, members = self.report(f"--rules={rules}", "--timeout=1", "--yes")
         self.assertNotIn("trace/ktclientd.log.1", members)
         self.assertIn("no trace/ktclientd.log.1, because its redaction", self.complaints)
