@@ -133,7 +133,8 @@ TraceField<Value> MakeField(std::string_view /*argument*/, TraceField<Value> con
 
 template <typename Value>
 void AppendField(std::string& out, TraceField<Value> const& field) {
-  out.append(" ").append(field.key).append(":");
+  out.push_back(' ');
+  out.append(field.key).push_back(':');
   RenderTraceValue(out, field.value);
 }
 

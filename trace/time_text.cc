@@ -104,7 +104,10 @@ TimePoint ParseTimePoint(std::string_view text) {
 void AppendFileTime(std::string& out, TimePoint time) {
   AppendDate(out, time, "");
   out.append("_");
-  AppendTimeOfDay(out, time, "");
+  std::string timeOfDay;
+  AppendTimeOfDay(timeOfDay, time);
+  std::erase(timeOfDay, ':');
+  out.append(timeOfDay);
 }
 
 unsigned GetMilliseconds(TimePoint time) {

@@ -41,15 +41,19 @@ void AppendPadded(Text& out, unsigned value, unsigned width) {
 
 // "17:30:41"
 template <typename Text>
-void AppendTimeOfDay(Text& out, TimePoint time, std::string_view separator = ":") {
+void AppendTimeOfDay(Text& out, TimePoint time) {
   // In whole seconds: the midnight before the earliest `TimePoint` is out of its range.
   auto const second = std::chrono::floor<std::chrono::seconds>(time);
   std::chrono::hh_mm_ss const clock(second - std::chrono::floor<std::chrono::days>(second));
-  AppendPadded(out, static_cast<unsigned>(clock.hours().count()), 2);
-  out.append(separator);
-  AppendPadded(out, static_cast<unsigned>(clock.minutes().count()), 2);
-  out.append(separator);
-  AppendPadded(out, static_cast<unsigned>(clock.seconds().count()), 2);
+  std::array<char, 8> text{'0', '0', ':', '0', '0', ':', '0', '0'};
+  auto const set = [&text](std::size_t offset, auto value) {
+    text[offset] = static_cast<char>('0' + value.count() / 10);
+    text[offset + 1] = static_cast<char>('0' + value.count() % 10);
+  };
+  set(0, clock.hours());
+  set(3, clock.minutes());
+  set(6, clock.seconds());
+  out.append(text.data(), text.size());
 }
 
 }  // namespace Trace

@@ -2,7 +2,7 @@
 // `InitializeTrace` configures it for good. Only the level tells the states apart: unconfigured, it
 // is the highest number there is, so every call reaches `IsTraceEnabledOnceConfigured`, whose
 // `call_once` makes other threads wait until `Configure` is done. `Configure` stores the level
-// last. From then on, a call whose level is off costs one relaxed load and one comparison.
+// last. From then on, a call whose level is off costs one load and one comparison.
 //
 // The order of a call whose level is on, all of it on the calling thread:
 //   1. WriteTraceHeader  appends time, level, module, process and thread to the line text.
@@ -81,7 +81,7 @@ struct ThreadText {
 };
 
 thread_local bool isThreadTextGone = false;
-thread_local int threadId = 0;
+thread_local IdText idText;  // empty until the thread's first line
 
 ThreadText::~ThreadText() { isThreadTextGone = true; }
 
@@ -99,7 +99,7 @@ void Clear(std::string& text) {
 
 void OnForkedChild() {
   GetState().pid.store(getpid(), std::memory_order_relaxed);
-  threadId = 0;
+  idText = IdText();
 }
 
 void SetSinksForSignalHandlers(State& state) {
@@ -255,13 +255,13 @@ void WriteTraceHeader(Log const& module, TraceLevel level) {
   if (!IsTraceEnabled(level)) return;
   ThreadText* const text = GetThreadText();
   if (text == nullptr) return;
-  auto const now = std::chrono::system_clock::now();
-  if (threadId == 0) threadId = gettid();
-  AppendLineHeader(text->line, {.time = now,
+  if (idText.GetText().empty()) {
+    idText = MakeIdText(GetState().pid.load(std::memory_order_relaxed), gettid());
+  }
+  AppendLineHeader(text->line, {.time = std::chrono::system_clock::now(),
                                 .level = GetLevelInfo(level).name,
                                 .module = module.GetName(),
-                                .pid = GetState().pid.load(std::memory_order_relaxed),
-                                .threadId = threadId});
+                                .ids = idText.GetText()});
 }
 
 void WriteTrace(Log const& /*module*/, TraceLevel level, std::string_view message) {

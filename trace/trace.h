@@ -64,9 +64,10 @@ class Log final : public Base::Shareable {
 
 namespace Internal {
 
-// Before the log is configured, this lets every level through to the function below, which
-// configures the log.
-inline std::atomic<TraceLevel> currentLevel{std::numeric_limits<TraceLevel>::max()};
+// Before the log is configured, the level is the highest number there is. It lets every level
+// through to the function below, which configures the log.
+inline constexpr TraceLevel unconfigured = std::numeric_limits<TraceLevel>::max();
+inline std::atomic<TraceLevel> currentLevel{unconfigured};
 
 bool IsTraceEnabledOnceConfigured(TraceLevel level);
 
@@ -90,8 +91,10 @@ void InitializeTrace(bool skipCrashHandler, char const* logFileName);
 
 // Whether lines of this level are written. The first call configures the log.
 inline bool IsTraceEnabled(TraceLevel level) {
-  return level <= Internal::currentLevel.load(std::memory_order_relaxed) &&
-         Internal::IsTraceEnabledOnceConfigured(level);
+  // Acquire: who sees the level also sees the sinks that were set up before it was stored.
+  TraceLevel const current = Internal::currentLevel.load(std::memory_order_acquire);
+  if (level > current) [[likely]] return false;
+  return current != Internal::unconfigured || Internal::IsTraceEnabledOnceConfigured(level);
 }
 
 // Appends the header to the calling thread's line text, unless the level is off.

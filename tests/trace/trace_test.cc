@@ -120,13 +120,13 @@ TEST_F(TraceTest, TheLevelChoosesLinesAndStreams) {
 // For a thread that has not logged before.
 TEST(LineHeaderTest, MillisecondsArePaddedOnTheRightFromTheSecondLineOn) {
   std::thread([] {
+    Trace::IdText const ids = Trace::MakeIdText(4211, 4213);
     for (std::string const milliseconds : {"042", "420", "420"}) {
       std::string text;
       Trace::AppendLineHeader(text, {.time = Trace::TimePoint(std::chrono::milliseconds(42)),
                                      .level = "VERBOSE",
                                      .module = "main",
-                                     .pid = 4211,
-                                     .threadId = 4213});
+                                     .ids = ids.GetText()});
       EXPECT_EQ(text, "00:00:00." + milliseconds + "Z VERBOSE  main(4211:4213) - ");
     }
   }).join();

@@ -31,11 +31,11 @@ void SetSignalSafeSinks(Console* console, TraceFile* file, Syslog* syslog) {
 }
 
 void StartSignalSafeLine(SignalSafeText& text, std::string_view module, TraceLevel level) noexcept {
+  IdText const ids = MakeIdText(getpid(), gettid());
   AppendLineHeader(text, {.time = std::chrono::system_clock::now(),
                           .level = GetLevelInfo(level).name,
                           .module = module,
-                          .pid = getpid(),
-                          .threadId = gettid()});
+                          .ids = ids.GetText()});
 }
 
 void WriteToSignalSafeSinks(SignalSafeText& text, TraceLevel level,
