@@ -114,6 +114,24 @@ void Connection::ProcessPacket(Base::ByteBuffer const& buffer) {
 }
 
 void Connection::Answer(nlohmann::json const& response) {
+  std::string text;
+  try {
+    text = response.dump();
+  } catch (...) {
+    FailRequest();
+    return;
+  }
+  AnswerText(text);
+}
+
+void Connection::AnswerStatus(std::string_view status) {
+  // Most of what the daemon does for such a request would be to build and to serialise the JSON.
+  std::string text = R"({"status":")";
+  text.append(status).append(R"("})");
+  AnswerText(text);
+}
+
+void Connection::AnswerText(std::string const& response) {
   try {
     WriteResponse(response);
     _hasRequest = false;

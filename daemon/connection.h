@@ -6,6 +6,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "base/buffer.h"
 #include "base/callback.h"
@@ -53,20 +54,18 @@ class Connection final : public Base::Shareable {
   void StartReading();
 
   // Writes the response to the request under way and reads the next packet. A failure closes the
-  // connection.
+  // connection, also text in `response` that is not UTF-8.
   void Answer(nlohmann::json const& response);
+
+  // The same for a response that has nothing but a status, {"status":"ErrorNotImplemented"}. Takes
+  // `status` as it stands: it has no character that JSON escapes.
+  void AnswerStatus(std::string_view status);
 
   // The request under way can have no response: closes the connection.
   void FailRequest();
 
   // The client went before its request's turn: closes the connection.
   void DropRequest();
-
-  // Serialises `response` compactly and sends it as one packet, after the responses that are under
-  // way. Returns at once; a failed write closes the connection.
-  // Throws nlohmann::json::exception for text that is not UTF-8, the socket's latched error, and
-  // Base::Exception "Too Many Unread Responses" when the client leaves more than 1 MiB unread.
-  void WriteResponse(nlohmann::json const& response);
 
   // Closes the connection. Responses that are not written yet are lost.
   void DisconnectSocket();
@@ -98,7 +97,9 @@ class Connection final : public Base::Shareable {
   void OnPacketBegun(std::uint32_t length);
   void ReadFromSocket(Base::Status const& err, Base::ByteBuffer const& buffer, bool complete);
   void ProcessPacket(Base::ByteBuffer const& buffer);
+  void AnswerText(std::string const& response);
   void DisconnectSocketWhenWritten();
+  void WriteResponse(std::string const& text);
   void Send(std::string const& text);
   void StartWriting(std::string_view text);
   void WriteNext();

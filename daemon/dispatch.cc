@@ -28,7 +28,7 @@ void DispatchRequest(Base::Shared<Connection> const& connection, nlohmann::json 
   // contains() is false for a value that is not an object.
   if (!request.contains("sensor")) {
     TRACE_WARNING("Received unexpected request", socket);
-    connection->Answer({{"status", "ErrorNotImplemented"}});
+    connection->AnswerStatus("ErrorNotImplemented");
     return;
   }
   // By reference: a packet can nest deep, and the library copies recursively.
@@ -37,7 +37,7 @@ void DispatchRequest(Base::Shared<Connection> const& connection, nlohmann::json 
       usedSensors, [&wanted](Sensor const& candidate) { return wanted.contains(candidate.key); });
   if (sensor == usedSensors.end()) {
     TRACE_WARNING("Received unknown sensor request", socket);
-    connection->Answer({{"status", "ErrorNotImplemented"}});
+    connection->AnswerStatus("ErrorNotImplemented");
     return;
   }
   TRACE_VERBOSE(sensor->requestMessage, socket);

@@ -1,5 +1,4 @@
 #include <exception>
-#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "base/exception.h"
@@ -44,8 +43,10 @@ constexpr unsigned responsesPerRound = 16;
 Connection::Outgoing::Outgoing(Base::Shared<UserAccount> const& account)
     : charge(account), budget(Base::GetIOThread(), responsesPerRound) {}
 
-void Connection::WriteResponse(nlohmann::json const& response) {
-  std::string const text = response.dump();
+// Sends a response as one packet, after the responses that are under way. Returns at once; a failed
+// write closes the connection. Throws the socket's latched error, and Base::Exception "Too Many
+// Unread Responses" when the client leaves more than 1 MiB unread.
+void Connection::WriteResponse(std::string const& text) {
   auto const& socket = _socket;
   TRACE_VERBOSE("Writing response to socket", socket, Trace::As("response.dump()", text));
   Send(text);

@@ -114,9 +114,11 @@ void SensorQueue::Finish(Request const& request, Outcome const& outcome) {
     request.connection->Answer(*outcome.response);
   } else if (outcome.error) {
     TRACE_ERROR(request.sensor->failureMessage, Trace::As("err", *outcome.error));
-    nlohmann::json response{{"status", "ErrorGeneric"}};
-    if (!outcome.error->empty()) response["error_message"] = *outcome.error;
-    request.connection->Answer(response);
+    if (outcome.error->empty()) {
+      request.connection->AnswerStatus("ErrorGeneric");
+    } else {
+      request.connection->Answer({{"status", "ErrorGeneric"}, {"error_message", *outcome.error}});
+    }
   } else {
     request.connection->FailRequest();
   }
