@@ -336,7 +336,7 @@ std::vector<RuleGroup> GetBuiltInRules() {
   std::vector<BuiltInRule> const forms = GetTokenFormRules();
   return {
       {"(?i)serial|output:|hex:|tag|number|by(?:-|\\\\+x2d)id|s/"
-       "?n[\"'\\\\]*\\s*[:=]|imei|iccid|imsi",
+       "?n[\"'\\\\]*\\s*[:=]|imei|iccid|imsi|wwn",
        GetMachineRules()},
       {"(?i)subject|issuer|print|(?:cn|ou|dc|name *|emailaddress|\\b(?:o|l|st)) "
        "*[:=]|/c=|sha256:|dns:",

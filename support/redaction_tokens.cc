@@ -90,10 +90,10 @@ std::vector<BuiltInRule> GetTokenRules() {
       RefineSentence);
   add(R"((-(?:token|api-?key|access-key|bearer|oauth2-bearer|auth)["'\\]*[\s,]+))", RefineWord);
   // curl -u user:x, smbclient -U user%x
-  add(R"((?:\s|["'])(-u["'\\]*[\s,=]*|--(?:proxy-)?user["'\\]*[\s,=]+))", RefineLogin);
+  add(R"((?:\s|["'])((?:-u|--(?:proxy-)?user)(?:\\*["'],)?[\s=]*))", RefineLogin);
   // Options that mean a password only with this program: sshpass -p x
   auto const addOption = [&](std::string const& programs, std::string const& option) {
-    add(before + "((?:" + programs + R"()(?-i:\s(?:[^|]*?\s)??)" + option + R"(["',\s]*)))",
+    add(before + "((?:" + programs + R"()(?-i:\s(?:[^|]*?\s)??)" + option + R"((?:\\*["'],)?\s*)))",
         RefineWord);
   };
   addOption(R"(sshpass|my\w+|maria\w+|rdesktop|vnc\w+|7z\w*|zip|useradd|usermod)", "-p");

@@ -243,6 +243,8 @@ TEST(RedactorTest, NothingOfASecretRemains) {
       Redactor redactor;
       std::string const redacted = redactor.Redact(text);
       EXPECT_EQ(redacted.find(hidden), std::string::npos) << text << "\n" << redacted;
+      for (char const* part : {"hunter2", "xyzzy99"})
+        EXPECT_EQ(redacted.find(part), std::string::npos) << text << "\n" << redacted;
       text = "{\"MESSAGE\":" + inJson(text) + "}";
       hidden = inJson(hidden).substr(1, inJson(hidden).size() - 2);
     }
