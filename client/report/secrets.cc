@@ -97,6 +97,13 @@ bool IsFailure(int error) {
   return error != 0 && error != ENOENT && error != ESRCH && error != EBADF && error != EPERM;
 }
 
+// A domain without a dot can be any word: "local" would replace a part of /usr/local.
+void AddDomain(ReportFindings& findings, std::string_view name) {
+  name = Base::TrimWhiteSpace(name);
+  while (name.ends_with('.')) name.remove_suffix(1);
+  if (name.find('.', 1) != std::string_view::npos) Add(findings, "domain", name);
+}
+
 // "pc.example.org": the whole name, its first part and the domain.
 void AddHost(ReportFindings& findings, std::string_view name) {
   name = Base::TrimWhiteSpace(name);
@@ -106,7 +113,7 @@ void AddHost(ReportFindings& findings, std::string_view name) {
   Add(findings, "host", host);
   if (dot == name.size()) return;
   Add(findings, "host", name);
-  Add(findings, "domain", name.substr(dot + 1));
+  AddDomain(findings, name.substr(dot + 1));
 }
 
 ReportFindings FindHost(ReportContext const& /*context*/) {
@@ -132,7 +139,7 @@ ReportFindings FindHost(ReportContext const& /*context*/) {
   for (std::string const& line : Split(ReadNames(findings, "/etc/resolv.conf"))) {
     std::vector<std::string> const words = SplitWords(line);
     for (std::size_t i = 1; i < words.size() && (words[0] == "search" || words[0] == "domain"); ++i)
-      Add(findings, "domain", words[i]);
+      AddDomain(findings, words[i]);
   }
   for (char const* path : {"/etc/machine-id", "/var/lib/dbus/machine-id"})
     Add(findings, "machine-id", ReadNames(findings, path));
@@ -143,7 +150,7 @@ ReportFindings FindRealm(ReportContext const& context) {
   ReportFindings findings;
   for (std::string const& realm :
        Split(GetOutput(findings, context, {"realm", "list", "--name-only"})))
-    Add(findings, "domain", realm);
+    AddDomain(findings, realm);
   return findings;
 }
 
