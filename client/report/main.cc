@@ -133,6 +133,9 @@ std::string GetText(Support::Error const& error) {
     if (text.ends_with('.')) text.pop_back();
     text += " (" + (path == "." ? "the current folder" : path) + ")";
   }
+  // The message has the usual reasons already.
+  if (error.GetCode().ends_with("-not-written") && error.GetCause() != nullptr)
+    text += std::string(": ") + error.GetCause()->what();
   if (!text.ends_with('.') && !error.GetAdvice().empty()) text += ".";
   return error.GetAdvice().empty() ? text : text + " " + error.GetAdvice();
 }
@@ -145,7 +148,8 @@ int Run(ReportOptions const& options) {
       std::cerr << "ktclientctl: The archive has no " + member +
                        ", because its redaction took too long\n";
     }
-    return Print(EscapeControls(report.path) + "\n");
+    int const status = Print(EscapeControls(report.path) + "\n");
+    return status == 0 ? 0 : ExitWithError(ExitStatus::NoResponse, "The archive is " + report.path);
   } catch (Support::Error const& err) {
     bool const isRule = err.GetCode().starts_with("redaction-rule");
     return ExitWithError(isRule ? ExitStatus::WrongUsage : ExitStatus::NoResponse, GetText(err));

@@ -332,7 +332,7 @@ class ReportTest(Case):
                 process.send_signal(number)
                 self.assertEqual(process.stdout.read(), b"")
             self.assertEqual(process.returncode, -number)
-            self.assertEqual(processes_of_session(process.pid), [])
+            wait_until(lambda: not processes_of_session(process.pid), "no command is left")
             self.assertEqual(os.listdir(self.folder / "out"), [])
             started.unlink()
 
