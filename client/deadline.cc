@@ -163,11 +163,14 @@ void EndCommandsOnSignals() {
     sigaction(number, nullptr, &action);
     if (action.sa_handler != SIG_IGN) sigaddset(&signals, number);
   }
-  Process::AllowCancelOfShellCommands();
-  // Blocked in every thread, so that they all stay pending for this one.
-  if (int const error = pthread_sigmask(SIG_BLOCK, &signals, nullptr); error != 0)
-    throw Base::ExceptionPosix(error);
-  std::thread([signals] { EndBySignal(signals); }).detach();
+  // Blocked in every thread, so that they all stay pending for the one that waits for them.
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  try {
+    Process::AllowCancelOfShellCommands();
+    std::thread([signals] { EndBySignal(signals); }).detach();
+  } catch (std::exception const&) {
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  }
 }
 
 SignalDelay::SignalDelay() { GetCommands().delay.lock(); }

@@ -41,9 +41,10 @@ int FinishProgram(int status);
 // From now on SIGHUP, SIGINT, SIGQUIT and SIGTERM end the program in an order: first a
 // `SignalDelay` ends, then the running commands are killed, then the signal has its default effect.
 // Commands have process groups of their own, so a terminal's Ctrl-C does not reach them. A signal
-// that the process ignores stays ignored.
+// that the process ignores stays ignored. Without a descriptor or a thread for this, signals keep
+// their default effect.
 //
-// Call it before there is a second thread. Throws Base::ExceptionPosix, or std::system_error.
+// Call it before there is a second thread.
 void EndCommandsOnSignals();
 
 // While one exists, those signals wait, for at most 10 s: a file is being written. One at a time.

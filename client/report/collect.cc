@@ -320,7 +320,7 @@ std::vector<ReportStep> GetMemberSteps(ReportContext const& context) {
     steps.push_back({what, count * (context.limits.command + std::chrono::seconds(2)),
                      [context, collect] { return collect(context); }});
   };
-  add("the checks of ktclientctl doctor", 14, CollectDoctor);
+  add("the checks of ktclientctl doctor", 15, CollectDoctor);
   add("the versions", 6, CollectVersions);
   add("the units", 4, CollectUnits);
   add("the settings", 1, CollectSettings);

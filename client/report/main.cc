@@ -103,6 +103,9 @@ std::string ReadLine() {
   return line;
 }
 
+// Whether the user sees the question, and can answer it.
+bool CanAsk() { return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1; }
+
 bool Agrees() {
   std::cerr << "Write it? [y/N] " << std::flush;
   std::string const answer = Base::LowerCased(Base::TrimWhiteSpace(ReadLine()));
@@ -111,13 +114,13 @@ bool Agrees() {
 
 // Whether to write a report although the redactor does not know all secrets.
 bool ConfirmUnknown(std::vector<std::string> const& unknown, bool yes) {
-  if (!yes && isatty(STDIN_FILENO) != 1) {
+  if (!yes && !CanAsk()) {
     std::string list;
     for (std::string const& what : unknown) list += (list.empty() ? "" : "; ") + what;
     throw Support::Error("secrets-unknown",
-                         "Nothing was written, because values that the redactor does not know "
-                         "would stand in the archive in clear (" +
-                             list + ")",
+                         "Nothing was written, because the redactor does not know these, which may "
+                         "stand in the archive in clear: " +
+                             list,
                          "To write it nevertheless, add --yes");
   }
   std::cerr << "The redactor does not know:\n";
@@ -174,7 +177,7 @@ int main(int argc, char** argv) {
   };
   EndCommandsOnSignals();
   if (!commandLine.report.isRedacted) {
-    if (!commandLine.yes && isatty(STDIN_FILENO) != 1)
+    if (!commandLine.yes && !CanAsk())
       return ExitWithError(ExitStatus::WrongUsage,
                            "--no-redact asks on a terminal; without one, add --yes");
     Warn();

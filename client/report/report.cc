@@ -344,9 +344,10 @@ WrittenReport WriteReport(ReportOptions const& options) {
 
   std::optional<std::string> gaps = DescribeGaps(findings);
   if (redactor) gaps = Redact(redactor, "README", std::move(*gaps), options.limits.redaction);
+  if (!gaps)
+    throw Support::Error("redaction-late", "Nothing was written: the redaction of README is late");
   Archive archive(time);
-  archive.Add(std::string(folder) + "README",
-              MakeReadme(findings, time, gaps.value_or(""), redactor.get()));
+  archive.Add(std::string(folder) + "README", MakeReadme(findings, time, *gaps, redactor.get()));
   for (ReportMember const& member : findings.members)
     archive.Add(folder + member.path, member.text);
   WriteInTime(path, archive.Finish());

@@ -281,7 +281,7 @@ class ReportTest(Case):
                                 stdin=subprocess.DEVNULL, capture_output=True, timeout=DEADLINE,
                                 env=self.environment())
         self.assertEqual((result.returncode, result.stdout), (3, ""))
-        self.assertRegex(result.stderr, r"\A[^\n]*would stand in the archive in clear[^\n]*--yes\n\Z")
+        self.assertRegex(result.stderr, r"\A[^\n]*may stand in the archive in clear[^\n]*--yes\n\Z")
         self.assertEqual(os.listdir(self.folder / "out"), [])
         readme, _ = self.report("--timeout=1", "--yes")
         warning = readme.partition("UNKNOWN TO THE REDACTOR")[2].partition("\n\nWhat")[0]
