@@ -81,7 +81,7 @@ void RenderTraceValue(std::string& out, std::exception const& err) {
   RenderTraceValue(out, std::string_view(err.what()));
 }
 
-void RenderTraceValue(std::string& out, std::chrono::system_clock::time_point time) {
+void RenderTraceValue(std::string& out, std::chrono::sys_time<std::chrono::nanoseconds> time) {
   out.append("\"");
   AppendTimePoint(out, time);
   out.append("\"");

@@ -48,7 +48,7 @@ void RenderTraceValue(std::string& out, wchar_t const* text);
 void RenderTraceValue(std::string& out, std::exception const& err);
 
 // "2026-05-03T17:30:41.042Z", quoted, in UTC.
-void RenderTraceValue(std::string& out, std::chrono::system_clock::time_point time);
+void RenderTraceValue(std::string& out, std::chrono::sys_time<std::chrono::nanoseconds> time);
 
 // "250ms", "3s", "5m", "1h", quoted.
 void RenderTraceValue(std::string& out, std::chrono::milliseconds duration);

@@ -12,7 +12,8 @@
 
 namespace Trace {
 
-using TimePoint = std::chrono::system_clock::time_point;  // nanoseconds: from 1677 to 2262
+// From 1677 to 2262. Not each library's own clock counts in nanoseconds.
+using TimePoint = std::chrono::sys_time<std::chrono::nanoseconds>;
 
 // "2026-05-03T17:30:41.042Z"
 void AppendTimePoint(std::string& out, TimePoint time);
