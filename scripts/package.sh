@@ -20,7 +20,7 @@ fi
 build() {
   cd "$source"
   dpkg-buildpackage --unsigned-source --unsigned-changes --build=full \
-    --jobs="$CMAKE_BUILD_PARALLEL_LEVEL"
+    --jobs="$CMAKE_BUILD_PARALLEL_LEVEL" || return
   asRoot=()
   [[ $EUID -eq 0 ]] || asRoot=(fakeroot)
   "${asRoot[@]}" cpack --config obj-*/CPackConfig.cmake -B "$results/source/archive"

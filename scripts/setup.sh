@@ -18,15 +18,19 @@ packages=(
   man-db mandoc bash-completion
 )
 clang=(clang libclang-rt-dev)
-package=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
+packaging=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
 others=(git chromium)
 pinned=("$clangFormat" "$clangTidy")
+
+# Debian 13 has the description of systemd for pkg-config in a package of its own.
+separate=()
+[[ -e /usr/share/pkgconfig/systemd.pc ]] || separate=(systemd-dev)
 
 case "$*" in
   "") pinned=() ;;
   --clang) packages+=("${clang[@]}") pinned=() ;;
-  --package) packages+=("${package[@]}") pinned=() ;;
-  --all) packages+=("${clang[@]}" "${package[@]}" "${others[@]}") ;;
+  --package) packages+=("${packaging[@]}" "${separate[@]}") pinned=() ;;
+  --all) packages+=("${clang[@]}" "${packaging[@]}" "${separate[@]}" "${others[@]}") ;;
   *)
     echo "usage: scripts/setup.sh [--clang | --package | --all]" >&2
     exit 2
@@ -62,7 +66,8 @@ asRoot+=(env DEBIAN_FRONTEND=noninteractive)
 "${asRoot[@]}" apt-get --quiet update </dev/null
 available=()
 for package in "${missing[@]}"; do
-  if [[ " ${pinned[*]} " == *" $package "* ]] && ! apt-cache show "$package" >/dev/null 2>&1; then
+  if [[ " ${pinned[*]} ${separate[*]} " == *" $package "* ]] &&
+    ! apt-cache show "$package" >/dev/null 2>&1; then
     echo "setup: this release of Debian has no $package"
   else
     available+=("$package")
