@@ -1,7 +1,9 @@
 # Libraries from the system. Each one is looked for only with the parts of the tree that use it.
 
 find_package(PkgConfig REQUIRED)
-pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
+if(KTCLIENTD_LIBSYSTEMD)
+  pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
+endif()
 find_package(nlohmann_json 3.11 REQUIRED)
 find_package(CLI11 2.1 REQUIRED)
 # Not "utf8cpp 3.2": the package of version 4 does not accept that.

@@ -1,7 +1,9 @@
 #include "daemon/daemon.h"
 
 #include <sys/socket.h>
+#ifdef KTCLIENTD_LIBSYSTEMD
 #include <systemd/sd-daemon.h>
+#endif
 
 #include <cerrno>
 #include <cstdlib>
@@ -23,6 +25,7 @@
 #include "daemon/connection_table.h"
 #include "daemon/idle_shutdown.h"
 #include "daemon/sensor_queue.h"
+#include "daemon/service_protocol.h"
 #include "daemon/signal_thread.h"
 #include "daemon/socket_file.h"
 #include "net/address.h"
@@ -56,6 +59,15 @@ TRACE_MODULE("main");
 
 namespace {
 
+#ifdef KTCLIENTD_LIBSYSTEMD
+int ListenFds() { return sd_listen_fds(0); }
+int Notify(char const* state) { return sd_notify(0, state); }
+#else
+using ServiceProtocol::ListenFds;
+using ServiceProtocol::Notify;
+#endif
+
+constexpr int firstPassedFd = 3;
 constexpr int backlog = 32;
 // What the daemon itself needs at a time: a shell command's pipe, pidfd and spawn, a certificate
 // folder, the trace file.
@@ -79,7 +91,7 @@ Daemon& GetDaemon() {
 
 // Does nothing when no service manager has asked for notifications (sd_notify(3)).
 void NotifyServiceManager(char const* state) {
-  int const result = sd_notify(0, state);
+  int const result = Notify(state);
   if (result < 0)
     TRACE_WARNING("Failed to notify service manager", state, Trace::As("error", -result));
 }
@@ -123,7 +135,7 @@ void UseActivatedSocket(PassedSockets const& passed) {
   if (listenSocketCount != 1) return;
   Daemon& daemon = GetDaemon();
   daemon.listenSocket =
-      Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(SD_LISTEN_FDS_START), Base::GetIOThread());
+      Base::MakeShared<Net::SocketLinux>(Base::UniqueFd(firstPassedFd), Base::GetIOThread());
   daemon.mainThread = Base::MakeShared<Base::ThreadLinux>();
   StartIdleShutdown(*daemon.mainThread, Base::Callback<>(&LeaveWhenDrained));
 }
@@ -200,7 +212,7 @@ void OnSignal(int signalNumber) {
 }  // namespace
 
 PassedSockets TakePassedSockets() {
-  int const count = sd_listen_fds(0);
+  int const count = ListenFds();
   if (count >= 0) return {.count = count};
   // The library counts a number of 0 as an error, but it says clearly that there is none.
   char const* const text = std::getenv("LISTEN_FDS");  // NOLINT(concurrency-mt-unsafe): one thread

@@ -51,6 +51,7 @@
 #include "trace/level_info.h"
 #include "trace/line_header.h"
 #include "trace/sinks.h"
+#include "trace/thread_id.h"
 #include "trace/trace_arguments.h"
 #include "utilities/arguments/arguments.h"
 
@@ -256,7 +257,7 @@ void WriteTraceHeader(Log const& module, TraceLevel level) {
   ThreadText* const text = GetThreadText();
   if (text == nullptr) return;
   if (idText.GetText().empty()) {
-    idText = MakeIdText(GetState().pid.load(std::memory_order_relaxed), gettid());
+    idText = MakeIdText(GetState().pid.load(std::memory_order_relaxed), GetThreadId());
   }
   AppendLineHeader(text->line, {.time = std::chrono::system_clock::now(),
                                 .level = GetLevelInfo(level).name,

@@ -38,6 +38,7 @@
 
 #include "trace/crash/crash_report.h"
 #include "trace/crash/crash_stack.h"
+#include "trace/thread_id.h"
 
 namespace Trace {
 
@@ -67,7 +68,7 @@ void Resend(siginfo_t& info) {
   sigaction(info.si_signo, &action, nullptr);
   // No known kernel fails here. If one does, the faulting instruction runs again and abort(3)
   // continues, so the process ends all the same.
-  syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), info.si_signo, &info);
+  syscall(SYS_rt_tgsigqueueinfo, getpid(), GetThreadId(), info.si_signo, &info);
 }
 
 void Unblock(int signal) {
@@ -93,7 +94,7 @@ void LimitReport() {
 }
 
 void OnSignal(int signal, siginfo_t* info, void* context) {
-  pid_t const thread = gettid();
+  pid_t const thread = GetThreadId();
   pid_t reporter = 0;
   if (reportingThread.compare_exchange_strong(reporter, thread)) {
     reported = *info;

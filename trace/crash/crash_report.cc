@@ -16,6 +16,22 @@
 #include <string_view>
 
 #include "trace/crash/signal_safe_sinks.h"
+#include "trace/thread_id.h"
+
+// Takes no lock, unlike dladdr1(3). Weak: glibc has it since 2.35.
+// NOLINTBEGIN(readability-identifier-naming): the C library's names
+#if !__GLIBC_PREREQ(2, 35)
+struct dl_find_object {
+  unsigned long long dlfo_flags;
+  void* dlfo_map_start;
+  void* dlfo_map_end;
+  link_map* dlfo_link_map;
+  void* dlfo_eh_frame;
+  std::array<unsigned long long, 7> reserved;
+};
+#endif
+extern "C" [[gnu::weak]] int _dl_find_object(void* address, dl_find_object* result) noexcept;
+// NOLINTEND(readability-identifier-naming)
 
 namespace Trace {
 
@@ -71,15 +87,23 @@ void WriteSignal(siginfo_t const& info) {
   line.append(" address:");
   AppendAddress(line, isFault ? reinterpret_cast<Address>(info.si_addr) : 0);
   line.append(" thread:");
-  line.AppendNumber(gettid());
+  line.AppendNumber(GetThreadId());
   line.append(" }");
   Write(line);
 }
 
-// The file whose code `address` is in; null if it is in none. Takes no lock, unlike dladdr(3).
+// The file whose code `address` is in; null if it is in none.
 link_map const* FindFile(void* address) {
-  dl_find_object object{};
-  return _dl_find_object(address, &object) == 0 ? object.dlfo_link_map : nullptr;
+  if (&_dl_find_object != nullptr) {
+    dl_find_object object{};
+    return _dl_find_object(address, &object) == 0 ? object.dlfo_link_map : nullptr;
+  }
+  // The C library is older than 2.35. This takes the loader's lock: when the crashed thread holds
+  // it, the time limit of the report ends the wait.
+  Dl_info info{};
+  void* file = nullptr;
+  return dladdr1(address, &info, &file, RTLD_DL_LINKMAP) != 0 ? static_cast<link_map*>(file)
+                                                              : nullptr;
 }
 
 void WriteFrame(std::size_t index, void* address) {

@@ -10,6 +10,7 @@
 #include "trace/level_info.h"
 #include "trace/line_header.h"
 #include "trace/sinks.h"
+#include "trace/thread_id.h"
 
 namespace Trace {
 
@@ -31,7 +32,7 @@ void SetSignalSafeSinks(Console* console, TraceFile* file, Syslog* syslog) {
 }
 
 void StartSignalSafeLine(SignalSafeText& text, std::string_view module, TraceLevel level) noexcept {
-  IdText const ids = MakeIdText(getpid(), gettid());
+  IdText const ids = MakeIdText(getpid(), GetThreadId());
   AppendLineHeader(text, {.time = std::chrono::system_clock::now(),
                           .level = GetLevelInfo(level).name,
                           .module = module,
