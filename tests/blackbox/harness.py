@@ -45,8 +45,9 @@ TraceLine = collections.namedtuple("TraceLine", "level message fields")
 
 
 def read_schema(what):
-    return jsonschema.Draft202012Validator(
-        json.loads((DOCS / f"{what}.schema.json").read_text()))
+    # An old version of the module lacks the schemas' draft. They use nothing that is new in it.
+    validator = getattr(jsonschema, "Draft202012Validator", jsonschema.Draft7Validator)
+    return validator(json.loads((DOCS / f"{what}.schema.json").read_text()))
 
 
 RESPONSE = read_schema("response")
@@ -269,6 +270,12 @@ class Case(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="ktclientd-"))
         self.addCleanup(shutil.rmtree, self.folder)
+
+    if not hasattr(unittest.TestCase, "enterContext"):  # before Python 3.11
+        def enterContext(self, manager):
+            result = manager.__enter__()
+            self.addCleanup(manager.__exit__, None, None, None)
+            return result
 
     def launch(self, *arguments, **options):
         daemon = Daemon(self.folder, *arguments, **options)

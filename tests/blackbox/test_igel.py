@@ -62,7 +62,8 @@ class IgelTest(Case):
             self.make_certificate(name)
         found = self.certificates(self.start_igel("--openssl-fingerprint-any-case"))
         used = [name for name in self.names_in_order() if name in serials]
-        for certificate, name in zip(found, used, strict=True):
+        self.assertEqual(len(found), len(used))
+        for certificate, name in zip(found, used):
             der = ssl.PEM_cert_to_DER_cert((self.store / name).read_text())
             self.assertEqual(certificate["thumbprint_sha256"],
                              hashlib.sha256(der).hexdigest().upper())
