@@ -4,6 +4,9 @@
 #   setup.sh              the release build and its tests; also debug, asan and tsan
 #   setup.sh --clang      and the presets clang and fuzz
 #   setup.sh --package    and package.sh, test-package.sh and in-debian.sh
+#   setup.sh --portable   and portable.sh
+#   setup.sh --host=arm64 the preset arm64 and package.sh --host=arm64: a cross build. This adds the
+#                         architecture to dpkg, so use it in a Debian of its own: in-debian.sh
 #   setup.sh --all        and everything else in .ci/run: formatter, linter, browser
 #
 # Does and prints nothing when all are installed.
@@ -12,13 +15,16 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkgconf
-  nlohmann-json3-dev libcli11-dev libsystemd-dev libglib2.0-dev uuid-dev libutfcpp-dev
-  libre2-dev libarchive-dev libgtest-dev libbenchmark-dev
+  nlohmann-json3-dev libcli11-dev libutfcpp-dev
   systemd dmidecode openssl python3 python3-jsonschema strace procps netbase
   man-db mandoc bash-completion
 )
+libraries=(
+  libsystemd-dev libglib2.0-dev uuid-dev libre2-dev libarchive-dev libgtest-dev libbenchmark-dev
+)
 clang=(clang libclang-rt-dev)
 packaging=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
+portable=(clang lld mmdebstrap)
 others=(git chromium)
 pinned=("$clangFormat" "$clangTidy")
 
@@ -26,24 +32,37 @@ pinned=("$clangFormat" "$clangTidy")
 separate=()
 [[ -e /usr/share/pkgconfig/systemd.pc ]] || separate=(systemd-dev)
 
+host=
 case "$*" in
+  --host=?*)
+    host=${1#--host=}
+    packages+=("${packaging[@]}" "${separate[@]}" "crossbuild-essential-$host" qemu-user-static
+      "${libraries[@]/%/:$host}")
+    libraries=()
+    pinned=()
+    ;;
   "") pinned=() ;;
   --clang) packages+=("${clang[@]}") pinned=() ;;
   --package) packages+=("${packaging[@]}" "${separate[@]}") pinned=() ;;
-  --all) packages+=("${clang[@]}" "${packaging[@]}" "${separate[@]}" "${others[@]}") ;;
+  --portable) packages+=("${portable[@]}") pinned=() ;;
+  --all)
+    packages+=("${clang[@]}" "${packaging[@]}" "${separate[@]}" "${portable[@]}" "${others[@]}")
+    ;;
   *)
-    echo "usage: scripts/setup.sh [--clang | --package | --all]" >&2
+    echo "usage: scripts/setup.sh [--clang | --package | --portable | --host=ARCHITECTURE | --all]" >&2
     exit 2
     ;;
 esac
 
+packages+=("${libraries[@]}")
+
 # lacking PACKAGE...: sets `missing` to those that are not installed. The query fails when dpkg does
 # not know one of them.
 lacking() {
-  local installed package
+  local installed package status='${db:Status-Status}'
   missing=()
-  installed=$(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "$@" 2>/dev/null |
-    sed -n 's/^installed //p' || true)
+  installed=$(dpkg-query --show --showformat="$status \${Package}\n$status \${Package}:\${Architecture}\n" \
+    "$@" 2>/dev/null | sed -n 's/^installed //p' || true)
   for package; do
     grep --quiet --line-regexp --fixed-strings -e "$package" <<<"$installed" ||
       missing+=("$package")
@@ -63,6 +82,7 @@ if [[ $EUID -ne 0 ]]; then
 fi
 asRoot+=(env DEBIAN_FRONTEND=noninteractive)
 
+[[ -z $host ]] || "${asRoot[@]}" dpkg --add-architecture "$host"
 "${asRoot[@]}" apt-get --quiet update </dev/null
 available=()
 for package in "${missing[@]}"; do
