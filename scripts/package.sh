@@ -1,8 +1,12 @@
 #!/bin/bash
 # Builds the Debian packages, their source package, and the archive for systems without a package
-# manager, from the current commit; checks both, and leaves them in build/package/.
+# manager, from the current commit; checks both, and leaves them in build/package/. With --portable it
+# makes only the archive that runs on old systems: see portable.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+if [[ ${1-} == --portable ]]; then
+  exec scripts/portable.sh "${@:2}"
+fi
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 umask 022  # the archive keeps the modes of its folders
 
