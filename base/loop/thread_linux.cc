@@ -39,6 +39,10 @@ TRACE_MODULE("thread_linux");
 // Step one has no bound: it also runs what its own tasks post. `_nextRoundTasks` is for work that
 // would never let it end. While there are such tasks, the loop polls with a timeout of 0.
 //
+// A reader removes EPOLLIN from its watch while it works and adds it again for its next read, mostly
+// in the same round. So the kernel learns of removed events only before the wait
+// (`NarrowWatches`): until then it reports nothing, and events that are back cost no system call.
+//
 // The end: `Stop` sets a flag and wakes, and the loop leaves after the round. It runs the tasks of
 // the last events, as the kernel need not report an event again. It then discards tasks, watches
 // and child callbacks in turn until none is left, as their destructors may post new ones.
@@ -117,10 +121,28 @@ void ThreadLinux::AddWatch(int fd, std::uint32_t events, WatchCallback callback)
     throw ExceptionPosix(error);
   }
   TRACE_VERBOSE("Added watch", this, fd, events);
-  _watches.insert_or_assign(fd, std::move(callback));
+  _watches.insert_or_assign(fd, Watch{std::move(callback), events, events});
 }
 
 void ThreadLinux::UpdateWatch(int fd, std::uint32_t events) {
+  // With one of these, the kernel takes each change as a demand to report anew.
+  constexpr std::uint32_t reportedOnce = EPOLLET | EPOLLONESHOT;
+  auto const found = _watches.find(fd);
+  bool const isNarrower = found != _watches.end() &&
+                          (events & ~found->second.kernelEvents) == 0 &&
+                          (found->second.kernelEvents & reportedOnce) == 0;
+  if (isNarrower) {
+    // While the kernel knows more events than the watch has, the descriptor is in the list already.
+    if (found->second.events == found->second.kernelEvents) _narrowedFds.push_back(fd);
+  } else {
+    ModifyWatch(fd, events);
+    if (found != _watches.end()) found->second.kernelEvents = events;
+  }
+  if (found != _watches.end()) found->second.events = events;
+  TRACE_VERBOSE("Updated watch", this, fd, events);
+}
+
+void ThreadLinux::ModifyWatch(int fd, std::uint32_t events) {
   epoll_event event{};
   event.events = events;
   event.data.fd = fd;
@@ -129,7 +151,20 @@ void ThreadLinux::UpdateWatch(int fd, std::uint32_t events) {
     TRACE_ERROR("Failed to update watch", this, fd, events, error);
     throw ExceptionPosix(error);
   }
-  TRACE_VERBOSE("Updated watch", this, fd, events);
+}
+
+void ThreadLinux::NarrowWatches() {
+  for (int const fd : _narrowedFds) {
+    auto const found = _watches.find(fd);
+    if (found == _watches.end() || found->second.events == found->second.kernelEvents) continue;
+    found->second.kernelEvents = found->second.events;
+    try {
+      ModifyWatch(fd, found->second.events);
+    } catch (Exception const&) {
+      // Logged. Somebody has closed the descriptor without ending its watch.
+    }
+  }
+  _narrowedFds.clear();
 }
 
 void ThreadLinux::RemoveWatch(int fd) {
@@ -196,6 +231,7 @@ int ThreadLinux::GetTimeoutMs() {
 }
 
 void ThreadLinux::Wait() {
+  NarrowWatches();
   std::array<epoll_event, maxEvents> events;
   int const count =
       epoll_wait(_epoll.Get(), events.data(), static_cast<int>(events.size()), GetTimeoutMs());
@@ -235,7 +271,7 @@ void ThreadLinux::ProcessWatch(epoll_event const& event) {
     return;
   }
   TRACE_DEBUG("Watched file ready", this, fd, events);
-  PostTask(MakeCallback([callback = found->second, fd, events] { callback->Call(fd, events); }));
+  PostTask(MakeCallback([callback = found->second.callback, fd, events] { callback->Call(fd, events); }));
 }
 
 void ThreadLinux::ProcessChildSignal() {
@@ -313,7 +349,7 @@ void ThreadLinux::DiscardAll() {
     }
     auto const watches = std::exchange(_watches, {});
     auto const children = std::exchange(_children, {});
-    for (auto const& [fd, callback] : watches) {
+    for (auto const& [fd, watch] : watches) {
       // The kernel would go on reporting the descriptor when the loop runs again.
       epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, fd, nullptr);
     }

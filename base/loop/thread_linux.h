@@ -7,6 +7,7 @@
 #include <deque>
 #include <map>
 #include <span>
+#include <vector>
 
 #include "base/callback.h"
 #include "base/loop/loop_thread.h"
@@ -49,7 +50,9 @@ class ThreadLinux final : public LoopThread {
   // `RemoveWatch`. A callback that has been posted by then still runs.
   void AddWatch(int fd, std::uint32_t events, WatchCallback callback);
 
-  // Changes the events of a watch; its callback stays.
+  // Changes the events of a watch; its callback stays. The kernel learns of new events at once, and
+  // of fewer events before the loop waits the next time, unless the events are back by then. When
+  // that fails, the loop only logs the ERROR line.
   void UpdateWatch(int fd, std::uint32_t events);
 
   // Ends a watch. Ignores a descriptor that has none.
@@ -69,11 +72,19 @@ class ThreadLinux final : public LoopThread {
   std::uint64_t GetRound() const { return _round; }
 
  private:
+  struct Watch {
+    WatchCallback callback;
+    std::uint32_t events;
+    std::uint32_t kernelEvents;  // as the kernel knows them: `events` and perhaps more
+  };
+
   void Wake() override;
   void RunLoop() override;
   void RunRound();
   int GetTimeoutMs();
   void Wait();
+  void ModifyWatch(int fd, std::uint32_t events);
+  void NarrowWatches();
   void ProcessWatches(std::span<epoll_event const> events);
   void ProcessWatch(epoll_event const& event);
   void ProcessChildSignal();
@@ -83,7 +94,8 @@ class ThreadLinux final : public LoopThread {
   void DiscardAll();
 
   std::deque<Task> _nextRoundTasks;
-  std::map<int, WatchCallback> _watches;
+  std::map<int, Watch> _watches;
+  std::vector<int> _narrowedFds;  // their watches may have fewer events than the kernel knows
   std::map<pid_t, ChildCallback> _children;
   UniqueFd _epoll;
   UniqueFd _wakeEvent;
