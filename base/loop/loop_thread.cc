@@ -51,22 +51,48 @@ void LoopThread::RunHere() {
   TRACE_TO(*_log, Trace::levelVerbose, "Thread entry point stopped.", this);
 }
 
+// The loop's thread posts most tasks itself, and needs no lock for them. It first takes what other
+// threads have posted, so tasks run in the order in which they were posted.
+void LoopThread::Enqueue(Task task) {
+  if (!IsCurrentThread()) {
+    _posted.Push(std::move(task));
+    return;
+  }
+  if (!task) return;
+  while (!_posted.IsEmpty()) {
+    _tasks.emplace_back();  // before `Pop`: it may throw, and must not lose a task
+    _tasks.back() = _posted.Pop();
+  }
+  _tasks.push_back(std::move(task));
+}
+
+Task LoopThread::TakeTask() noexcept {
+  if (_tasks.empty() && !_posted.IsEmpty()) _posted.MoveTo(_tasks);
+  if (_tasks.empty()) return {};
+  Task task = std::move(_tasks.front());
+  _tasks.pop_front();
+  return task;
+}
+
 void LoopThread::Schedule(std::int64_t delayMs, Task task) {
   _scheduledTasks.Insert(delayMs, std::move(task));
 }
 
 std::optional<ScheduledTaskStore::TimePoint> LoopThread::GetEarliestWakeTime() {
+  if (_scheduledTasks.IsEmpty()) return {};
   return _scheduledTasks.GetEarliestWakeTime();
 }
 
 void LoopThread::RunTasks() {
-  while (Task const task = _scheduledTasks.TakeDue(std::chrono::system_clock::now())) {
+  while (!_scheduledTasks.IsEmpty()) {
+    Task const task = _scheduledTasks.TakeDue(std::chrono::system_clock::now());
+    if (!task) break;
     RunCaught(task, [this](std::exception const& err) {
       TRACE_TO(*_log, Trace::levelError, "Thread exception thrown whilst processing scheduled task",
                this, err);
     });
   }
-  while (Task const task = _tasks.Pop()) {
+  while (Task const task = TakeTask()) {
     RunCaught(task, [this](std::exception const& err) {
       TRACE_TO(*_log, Trace::levelError, "Thread exception thrown whilst processing task", this,
                err);
@@ -77,7 +103,13 @@ void LoopThread::RunTasks() {
 bool LoopThread::DiscardTasks() {
   _hasEnded = true;  // first: see RunAndWait
   bool wereAny = false;
-  while (_tasks.Pop()) wereAny = true;  // one by one, which needs no memory
+  // One by one, which needs no memory.
+  while (_posted.Pop()) wereAny = true;
+  while (!_tasks.empty()) {
+    Task const task = std::move(_tasks.front());
+    _tasks.pop_front();
+    wereAny = true;
+  }
   return !_scheduledTasks.TakeAll().empty() || wereAny;
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -39,7 +40,7 @@ class LoopThread : public Thread {
   bool IsStopping() const { return _stopping; }
 
   // Queue a task on any thread and do not wake the loop.
-  void Enqueue(Task task) { _tasks.Push(std::move(task)); }
+  void Enqueue(Task task);
   void Schedule(std::int64_t delayMs, Task task);
 
   // Returns when the first scheduled task becomes due; empty when nothing is scheduled.
@@ -55,10 +56,12 @@ class LoopThread : public Thread {
 
  private:
   void RunHere();
+  Task TakeTask() noexcept;
 
   Shared<Trace::Log> const _log;
   ThreadHandle _thread;
-  TaskQueue _tasks;
+  TaskQueue _posted;        // by other threads
+  std::deque<Task> _tasks;  // of the loop's thread: its own, and those taken from `_posted`
   ScheduledTaskStore _scheduledTasks;
   std::atomic<bool> _stopping{false};
   std::atomic<bool> _hasEnded{false};

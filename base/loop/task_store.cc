@@ -22,6 +22,7 @@ void TaskQueue::Push(Task task) {
   if (!task) return;  // `Pop` returns an empty task for an empty queue
   std::lock_guard const lock(_mutex);
   _tasks.push_back(std::move(task));
+  _isEmpty.store(false, std::memory_order_release);
 }
 
 Task TaskQueue::Pop() {
@@ -29,12 +30,20 @@ Task TaskQueue::Pop() {
   if (_tasks.empty()) return {};
   Task task = std::move(_tasks.front());
   _tasks.pop_front();
+  _isEmpty.store(_tasks.empty(), std::memory_order_release);
   return task;
 }
 
 std::deque<Task> TaskQueue::TakeAll() {
   std::lock_guard const lock(_mutex);
+  _isEmpty.store(true, std::memory_order_release);
   return std::exchange(_tasks, {});
+}
+
+void TaskQueue::MoveTo(std::deque<Task>& tasks) noexcept {
+  std::lock_guard const lock(_mutex);
+  _tasks.swap(tasks);
+  _isEmpty.store(true, std::memory_order_release);
 }
 
 void ScheduledTaskStore::Insert(std::int64_t delayMs, Task task) {
@@ -43,6 +52,7 @@ void ScheduledTaskStore::Insert(std::int64_t delayMs, Task task) {
   std::lock_guard const lock(_mutex);
   auto const later = std::ranges::upper_bound(_entries, wakeTime, {}, &Entry::wakeTime);
   _entries.insert(later, {std::move(task), wakeTime});
+  _isEmpty.store(false, std::memory_order_release);
 }
 
 std::optional<ScheduledTaskStore::TimePoint> ScheduledTaskStore::GetEarliestWakeTime() {
@@ -56,11 +66,13 @@ Task ScheduledTaskStore::TakeDue(TimePoint now) {
   if (_entries.empty() || _entries.front().wakeTime > now) return {};
   Task task = std::move(_entries.front().task);
   _entries.erase(_entries.begin());
+  _isEmpty.store(_entries.empty(), std::memory_order_release);
   return task;
 }
 
 std::vector<ScheduledTaskStore::Entry> ScheduledTaskStore::TakeAll() {
   std::lock_guard const lock(_mutex);
+  _isEmpty.store(true, std::memory_order_release);
   return std::exchange(_entries, {});
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -12,7 +13,8 @@
 // The queues of the task runners. Each has a lock of its own and holds it for one push, pop or
 // peek; no task runs and no task is destroyed under that lock. Both ignore empty tasks.
 //
-// Threads: any.
+// Threads: any. `IsEmpty` takes no lock. It does not overlook a task whose push has returned before,
+//          on this thread or on one that this thread has synchronised with.
 
 namespace Base {
 
@@ -26,9 +28,15 @@ class TaskQueue {
 
   std::deque<Task> TakeAll();
 
+  // Moves all tasks to `tasks`, which is empty. Needs no memory.
+  void MoveTo(std::deque<Task>& tasks) noexcept;
+
+  bool IsEmpty() const { return _isEmpty.load(std::memory_order_acquire); }
+
  private:
   std::mutex _mutex;
   std::deque<Task> _tasks;
+  std::atomic<bool> _isEmpty{true};
 };
 
 // Tasks in the order of their wake times; tasks with the same wake time are in posting order.
@@ -52,9 +60,12 @@ class ScheduledTaskStore {
 
   std::vector<Entry> TakeAll();
 
+  bool IsEmpty() const { return _isEmpty.load(std::memory_order_acquire); }
+
  private:
   std::mutex _mutex;
   std::vector<Entry> _entries;
+  std::atomic<bool> _isEmpty{true};
 };
 
 }  // namespace Base
