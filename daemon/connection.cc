@@ -105,9 +105,8 @@ void Connection::ProcessPacket(Base::ByteBuffer const& buffer) {
   auto const& socket = _socket;
   try {
     TRACE_VERBOSE("Received packet from socket", socket, buffer);
-    auto const packet = buffer.GetSpan();
     _hasRequest = true;
-    DispatchRequest(Base::Shared(this), nlohmann::json::parse(packet.begin(), packet.end()));
+    DispatchRequest(Base::Shared(this), buffer.GetSpan());
   } catch (...) {
     FailRequest();
   }

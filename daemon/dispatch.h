@@ -23,8 +23,9 @@ struct Sensor {
 //   {"sensor": {"igel": ...}}       the IGEL sensor
 //   anything else                   {"status": "ErrorNotImplemented"}, at once
 //
-// On the IO thread.
-void DispatchRequest(Base::Shared<Connection> const& connection, nlohmann::json const& request);
+// On the IO thread. Throws Base::Exception for what is not JSON.
+void DispatchRequest(Base::Shared<Connection> const& connection,
+                     std::span<unsigned char const> request);
 
 // Replaces the daemon's own sensors, for tests: a request with several of the keys goes to the
 // first one. `sensors` must outlive the IO thread.
