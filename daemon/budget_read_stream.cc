@@ -26,7 +26,11 @@ void BudgetReadStream::Close() { _source->Close(); }
 BudgetReadStream::Callback BudgetReadStream::WithinBudget(Callback callback) {
   return Base::MakeCallback([self = Base::Shared(this), callback = std::move(callback)](
                                 Base::Status const& status, Base::ByteBuffer data, bool complete) {
-    self->_budget.Run(Base::MakeCallback(
-        [callback, status, data, complete] { callback->Call(status, data, complete); }));
+    if (self->_budget.SpendStep()) {
+      callback->Call(status, std::move(data), complete);
+    } else {
+      Base::GetIOThread()->PostToNextRound(Base::MakeCallback(
+          [callback, status, data, complete] { callback->Call(status, data, complete); }));
+    }
   });
 }

@@ -31,9 +31,11 @@ class StepBudget {
   // round, else to the next.
   void Post(Task step);
 
- private:
-  // Returns whether there was a step left in this round.
+  // Spends a step of this round. Returns false when none is left: the caller then leaves its work
+  // to the loop's next round.
   bool SpendStep();
+
+ private:
 
   Shared<ThreadLinux> _loop;
   unsigned const _stepsPerRound;
