@@ -133,8 +133,11 @@ TraceField<Value> MakeField(std::string_view /*argument*/, TraceField<Value> con
 
 template <typename Value>
 void AppendField(std::string& out, TraceField<Value> const& field) {
-  out.push_back(' ');
-  out.append(field.key).push_back(':');
+  // Grown once: appending three pieces costs three times as much.
+  std::size_t const start = out.size();
+  out.append(field.key.size() + 2, ' ');
+  field.key.copy(&out[start + 1], field.key.size());
+  out.back() = ':';
   RenderTraceValue(out, field.value);
 }
 

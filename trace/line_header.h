@@ -1,5 +1,8 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <string_view>
@@ -43,23 +46,21 @@ struct LineHeader {
 // Appends "09:05:33.420Z VERBOSE  socket_linux(4211:4213) - " for the calling thread's next line.
 template <typename Text>
 void AppendLineHeader(Text& out, LineHeader const& header) {
-  constexpr std::size_t levelWidth = 8;
-  FixedText<32> start;  // to append it at once: appending to a std::string costs more
-  AppendTimeOfDay(start, header.time);
-  start.append(".");
+  constexpr std::string_view form = "hh:mm:ss.000Z          ";
+  constexpr std::size_t millisecondsAt = form.find("000");
+  constexpr std::size_t levelAt = form.find(' ') + 1;  // its width is 8
+  std::array<char, form.size()> start;  // appended at once: a std::string is slow at small pieces
+  form.copy(start.data(), start.size());
+  std::ranges::copy(GetTimeOfDay(header.time), start.begin());
+  std::array<char, 3> digits;
   unsigned const milliseconds = GetMilliseconds(header.time);
-  if (Internal::hasWrittenLine) {
-    // Deliberate: from a thread's second line on, 42 ms reads "420"; see trace/trace.h.
-    AppendPadded(start, milliseconds, 1);
-    start.append(milliseconds < 10 ? 2 : milliseconds < 100 ? 1 : 0, '0');
-  } else {
-    AppendPadded(start, milliseconds, 3);
-    Internal::hasWrittenLine = true;
-  }
-  start.append("Z ");
-  start.append(header.level);
-  start.append(levelWidth - header.level.size() + 1, ' ');
-  out.append(start.GetText());
+  auto const end = std::to_chars(digits.begin(), digits.end(), milliseconds).ptr;
+  // Deliberate: only a thread's first line has the digits on the right; see trace/trace.h.
+  auto const offset = Internal::hasWrittenLine ? 0 : digits.end() - end;
+  Internal::hasWrittenLine = true;
+  std::copy(digits.begin(), end, start.begin() + millisecondsAt + offset);
+  header.level.copy(start.data() + levelAt, start.size() - levelAt);
+  out.append(start.data(), start.size());
   out.append(header.module);
   out.append(header.ids);
 }

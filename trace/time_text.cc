@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 #include "base/exception.h"
 
@@ -67,9 +68,8 @@ class TimeReader {
 
 void AppendTimePoint(std::string& out, TimePoint time) {
   AppendDate(out, time, "-");
-  out.append("T");
-  AppendTimeOfDay(out, time);
-  out.append(".");
+  auto const timeOfDay = GetTimeOfDay(time);
+  out.append("T").append(timeOfDay.data(), timeOfDay.size()).append(".");
   AppendPadded(out, GetMilliseconds(time), 3);
   out.append("Z");
 }
@@ -104,10 +104,8 @@ TimePoint ParseTimePoint(std::string_view text) {
 void AppendFileTime(std::string& out, TimePoint time) {
   AppendDate(out, time, "");
   out.append("_");
-  std::string timeOfDay;
-  AppendTimeOfDay(timeOfDay, time);
-  std::erase(timeOfDay, ':');
-  out.append(timeOfDay);
+  auto const timeOfDay = GetTimeOfDay(time);
+  std::ranges::remove_copy(timeOfDay, std::back_inserter(out), ':');
 }
 
 unsigned GetMilliseconds(TimePoint time) {

@@ -40,21 +40,23 @@ void AppendPadded(Text& out, unsigned value, unsigned width) {
   out.append(digits.data(), length);
 }
 
+// Sets two digits at the front of `text`, those of a `value` below 100.
+inline void SetTwoDigits(char* text, unsigned value) {
+  text[0] = static_cast<char>('0' + value / 10);
+  text[1] = static_cast<char>('0' + value % 10);
+}
+
 // "17:30:41"
-template <typename Text>
-void AppendTimeOfDay(Text& out, TimePoint time) {
+inline std::array<char, 8> GetTimeOfDay(TimePoint time) {
   // In whole seconds: the midnight before the earliest `TimePoint` is out of its range.
-  auto const second = std::chrono::floor<std::chrono::seconds>(time);
-  std::chrono::hh_mm_ss const clock(second - std::chrono::floor<std::chrono::days>(second));
-  std::array<char, 8> text{'0', '0', ':', '0', '0', ':', '0', '0'};
-  auto const set = [&text](std::size_t offset, auto value) {
-    text[offset] = static_cast<char>('0' + value.count() / 10);
-    text[offset + 1] = static_cast<char>('0' + value.count() % 10);
-  };
-  set(0, clock.hours());
-  set(3, clock.minutes());
-  set(6, clock.seconds());
-  out.append(text.data(), text.size());
+  auto const now = std::chrono::floor<std::chrono::seconds>(time);
+  auto const second =
+      static_cast<unsigned>((now - std::chrono::floor<std::chrono::days>(now)).count());
+  std::array<char, 8> text{0, 0, ':', 0, 0, ':', 0, 0};
+  SetTwoDigits(&text[0], second / 3600);
+  SetTwoDigits(&text[3], second / 60 % 60);
+  SetTwoDigits(&text[6], second % 60);
+  return text;
 }
 
 }  // namespace Trace
