@@ -1,6 +1,7 @@
 #!/bin/bash
 # Compares the daemon with the yardstick: latency, throughput and processor time, with and without
-# trace lines; system calls per request; the time from activation to the first response.
+# trace lines, for one and for many connections; system calls per request; the time from activation
+# to the first response; memory. Prints a table with the goals at the end.
 set -euo pipefail
 
 usage="Usage: bench/compare.sh [-b DIRECTORY_OF_PROGRAMS] [-n REQUESTS] [-r ROUNDS]"
@@ -76,19 +77,29 @@ figure() {
   awk -v key="$2" '$1 == key { print $2 }' "$directory/$1".round.* | median
 }
 
-# race TITLE YARDSTICK DAEMON: loads the two servers in turn, so that other work of the machine
-# affects both.
+# race TITLE YARDSTICK DAEMON LOAD_OPTION...: loads the two servers in turn, so that other work of the
+# machine affects both.
 race() {
-  local round name key
+  local round name key title=$1 yardstick=$2 daemon=$3
+  shift 3
   for ((round = 1; round <= rounds; ++round)); do
-    for name in "$2" "$3"; do
-      load "$name" --warmup=1000 --requests="$requests" >"$directory/$name.round.$round"
+    for name in "$yardstick" "$daemon"; do
+      load "$name" --warmup=1000 --requests="$requests" "$@" >"$directory/$name.round.$round"
     done
   done
-  printf '\n%s\n%-20s %12s %12s %8s\n' "$1" "" yardstick daemon ratio
+  printf '\n%s\n%-20s %12s %12s %8s\n' "$title" "" yardstick daemon ratio
   for key in p50_us p99_us requests_per_s cpu_us_per_request; do
-    echo "$key $(figure "$2" "$key") $(figure "$3" "$key")"
-  done | awk '{ printf "%-20s %12.1f %12.1f %8.2f\n", $1, $2, $3, $3 / $2 }'
+    echo "$key $(figure "$yardstick" "$key") $(figure "$daemon" "$key")"
+  done | awk '{ printf "%-20s %12.1f %12.1f %8.2f\n", $1, $2, $3, $3 / $2 }' |
+    tee "$directory/last_race"
+}
+
+# goal NAME KEY GOAL: notes the ratio KEY of the last race for the table at the end. GOAL is
+# "<= number" or ">= number".
+goal() {
+  local ratio
+  ratio=$(awk -v key="$2" '$1 == key { print $4 }' "$directory/last_race")
+  printf '%-46s %10s %10s\n' "$1" "$ratio" "$3" >>"$directory/goals"
 }
 
 # count_calls NAME REQUESTS FILE: writes the server's system calls for REQUESTS requests to FILE, as
@@ -149,6 +160,38 @@ print_start_time() {
     "$(figure activated max_us)"
 }
 
+# Asks systemd-hostnamed over D-Bus and the daemon for the same serial number, in turn. Both answer
+# only root, and on a machine that has such a number.
+print_serial_times() {
+  local hostnamed=(busctl --system call org.freedesktop.hostname1 /org/freedesktop/hostname1
+    org.freedesktop.hostname1 GetHardwareSerial)
+  local serial round begin
+  if [[ ! -x $bin/ktclientctl ]] || ! serial=$("${hostnamed[@]}" 2>/dev/null); then
+    echo "not measured: this needs ktclientctl, a system bus, and systemd-hostnamed with a number"
+    return
+  fi
+  serial=${serial#s }
+  start_daemon serial_daemon --trace-level=1
+  load serial_daemon --requests=1 >/dev/null
+  local daemon=("$bin/ktclientctl" --socket="$directory/serial_daemon" --compact hardware)
+  if [[ $("${daemon[@]}") != *":$serial"* ]]; then
+    echo "not measured: the daemon has another serial number than systemd-hostnamed"
+    stop serial_daemon
+    return
+  fi
+  for round in {1..30}; do
+    begin=${EPOCHREALTIME/[.,]/}
+    "${hostnamed[@]}" >/dev/null
+    echo $((${EPOCHREALTIME/[.,]/} - begin)) >>"$directory/hostnamed.times"
+    begin=${EPOCHREALTIME/[.,]/}
+    "${daemon[@]}" >/dev/null
+    echo $((${EPOCHREALTIME/[.,]/} - begin)) >>"$directory/daemon.times"
+  done
+  stop serial_daemon
+  printf 'medians of 30: systemd-hostnamed %.0f us, daemon %.0f us\n' \
+    "$(median <"$directory/hostnamed.times")" "$(median <"$directory/daemon.times")"
+}
+
 count_lines() {
   cat "$directory/$1.trace/"* | wc -l
 }
@@ -157,7 +200,11 @@ echo "Medians of $rounds rounds of $requests requests, one connection, one reque
 
 start quiet_yardstick "$bin/yardstick" "$directory/quiet_yardstick"
 start_daemon quiet_daemon --trace-level=1
+load quiet_daemon --requests=1 >"$directory/idle"
+resident=$(awk '$1 == "rss_kib_before" { print $2 }' "$directory/idle")
 race "Errors are traced only" quiet_yardstick quiet_daemon
+goal "processor time a request, level 1" cpu_us_per_request "<= 1.65"
+goal "round trip p50, level 1" p50_us "<= 1.15"
 
 printf '\nSystem calls per request\n'
 if command -v strace >/dev/null; then
@@ -166,6 +213,15 @@ if command -v strace >/dev/null; then
 else
   echo "not counted: strace is not installed"
 fi
+
+race "32 connections, errors are traced only" quiet_yardstick quiet_daemon --connections=32
+goal "requests a second, 32 connections, level 1" requests_per_s ">= 0.50"
+# The latencies do not include connecting, the requests per second do.
+race "A connection for each request, errors are traced only" quiet_yardstick quiet_daemon \
+  --connect-each
+goal "connect, ask, close: p50, level 1" p50_us "<= 1.25"
+load quiet_daemon --requests=1 --idle=1000 >"$directory/idle"
+perConnection=$(awk '$1 == "rss_kib_per_idle" { print $2 * 1024 }' "$directory/idle")
 stop quiet_yardstick
 stop quiet_daemon
 
@@ -177,6 +233,8 @@ lines=$((($(count_lines tracing_daemon) - before + 500) / 1000))
 start tracing_yardstick "$bin/yardstick" "$directory/tracing_yardstick" "$lines" \
   "$directory/tracing_yardstick.lines"
 race "Everything is traced by default: $lines lines a request" tracing_yardstick tracing_daemon
+goal "processor time a request, default level" cpu_us_per_request "<= 1.60"
+goal "round trip p50, default level" p50_us "<= 1.35"
 stop tracing_yardstick
 stop tracing_daemon
 
@@ -184,4 +242,18 @@ if command -v systemd-socket-activate >/dev/null; then
   print_start_time
 else
   printf '\nThe start is not timed: systemd-socket-activate is not installed\n'
+fi
+printf 'Resident memory without clients: %s KiB; for each idle connection: %.0f B\n' \
+  "$resident" "$perConnection"
+
+printf '\nThe serial number, each time by a new process\n'
+print_serial_times
+
+printf '\n%-46s %10s %10s\n' "Goals: daemon / yardstick" ratio goal
+cat "$directory/goals"
+echo
+if command -v strace >/dev/null && command -v valgrind >/dev/null; then
+  "$(dirname "$0")/budget.sh" -b "$bin" || true
+else
+  echo "Instructions, allocations and system calls are not counted: this needs strace and valgrind"
 fi
