@@ -36,7 +36,6 @@ class StepBudget {
   bool SpendStep();
 
  private:
-
   Shared<ThreadLinux> _loop;
   unsigned const _stepsPerRound;
   std::uint64_t _round;

@@ -13,8 +13,8 @@
 // The queues of the task runners. Each has a lock of its own and holds it for one push, pop or
 // peek; no task runs and no task is destroyed under that lock. Both ignore empty tasks.
 //
-// Threads: any. `IsEmpty` takes no lock. It does not overlook a task whose push has returned before,
-//          on this thread or on one that this thread has synchronised with.
+// Threads: any. `IsEmpty` takes no lock. It sees a task whose push has returned before, on this
+//          thread or on one that this thread has synchronised with.
 
 namespace Base {
 

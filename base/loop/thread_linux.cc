@@ -39,8 +39,8 @@ TRACE_MODULE("thread_linux");
 // Step one has no bound: it also runs what its own tasks post. `_nextRoundTasks` is for work that
 // would never let it end. While there are such tasks, the loop polls with a timeout of 0.
 //
-// A reader removes EPOLLIN from its watch while it works and adds it again for its next read, mostly
-// in the same round. So the kernel learns of removed events only before the wait
+// A reader removes EPOLLIN from its watch while it works and adds it again for its next read,
+// mostly in the same round. So the kernel learns of removed events only before the wait
 // (`NarrowWatches`): until then it reports nothing, and events that are back cost no system call.
 //
 // The end: `Stop` sets a flag and wakes, and the loop leaves after the round. It runs the tasks of
@@ -128,8 +128,7 @@ void ThreadLinux::UpdateWatch(int fd, std::uint32_t events) {
   // With one of these, the kernel takes each change as a demand to report anew.
   constexpr std::uint32_t reportedOnce = EPOLLET | EPOLLONESHOT;
   auto const found = _watches.find(fd);
-  bool const isNarrower = found != _watches.end() &&
-                          (events & ~found->second.kernelEvents) == 0 &&
+  bool const isNarrower = found != _watches.end() && (events & ~found->second.kernelEvents) == 0 &&
                           (found->second.kernelEvents & reportedOnce) == 0;
   if (isNarrower) {
     // While the kernel knows more events than the watch has, the descriptor is in the list already.
@@ -271,7 +270,8 @@ void ThreadLinux::ProcessWatch(epoll_event const& event) {
     return;
   }
   TRACE_DEBUG("Watched file ready", this, fd, events);
-  PostTask(MakeCallback([callback = found->second.callback, fd, events] { callback->Call(fd, events); }));
+  PostTask(MakeCallback(
+      [callback = found->second.callback, fd, events] { callback->Call(fd, events); }));
 }
 
 void ThreadLinux::ProcessChildSignal() {
