@@ -93,7 +93,7 @@ void InitializeTrace(bool skipCrashHandler, char const* logFileName);
 inline bool IsTraceEnabled(TraceLevel level) {
   // Acquire: who sees the level also sees the sinks that were set up before it was stored.
   TraceLevel const current = Internal::currentLevel.load(std::memory_order_acquire);
-  if (level > current) [[likely]] return false;
+  if (level > current) return false;
   return current != Internal::unconfigured || Internal::IsTraceEnabledOnceConfigured(level);
 }
 
