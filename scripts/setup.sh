@@ -7,7 +7,7 @@
 #   setup.sh --portable   and portable.sh
 #   setup.sh --host=arm64 the preset arm64 and package.sh --host=arm64: a cross build. This adds the
 #                         architecture to dpkg, so use it in a Debian of its own: in-debian.sh
-#   setup.sh --all        and everything else in .ci/run: formatter, linter, browser
+#   setup.sh --all        and everything else in .ci/run: formatter, linter, browser, valgrind
 #
 # Does and prints nothing when all are installed.
 set -euo pipefail
@@ -25,7 +25,7 @@ libraries=(
 clang=(clang libclang-rt-dev)
 packaging=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
 portable=(clang lld mmdebstrap)
-others=(git chromium)
+others=(git chromium valgrind)
 pinned=("$clangFormat" "$clangTidy")
 
 # Debian 13 has the description of systemd for pkg-config in a package of its own.
