@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <new>
+#include <thread>
 
 #include "base/exception.h"
 #include "base/loop/step_budget.h"
@@ -53,6 +54,15 @@ TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
                    }));
   });
   EXPECT_EQ(events.Take(), std::to_string(EPOLLOUT) + ";");
+  AwaitRounds(2);  // the kernel knows that the watch has no events
+  OnLoop([&] {
+    loop->UpdateWatch(fd.Get(), EPOLLOUT);
+    loop->UpdateWatch(fd.Get(), 0);
+    loop->UpdateWatch(fd.Get(), EPOLLOUT);
+  });
+  EXPECT_EQ(events.Take(), std::to_string(EPOLLOUT) + ";");
+  AwaitRounds(2);
+  EXPECT_EQ(events.Take(0), "") << "the callback has removed the events";
   OnLoop([&] {
     loop->RemoveWatch(fd.Get());
     loop->RemoveWatch(fd.Get());
@@ -64,6 +74,15 @@ TEST_F(ThreadLinuxTest, WatchesReportUntilTheyAreRemoved) {
   EXPECT_EQ(ErrorOf([&] { loop->MonitorChildProcess(1, {}); }), "Invalid Callback");
   OnLoop([this] { Monitor(1); });
   EXPECT_EQ(events.Take(), "1:0;") << "no child of this process";
+}
+
+TEST_F(ThreadLinuxTest, TasksOfTheLoopAndOfOtherThreadsRunInTheOrderOfTheirPosts) {
+  OnLoop([this] {
+    loop->PostTask(Note("loop's first"));
+    std::thread([this] { loop->PostTask(Note("other's")); }).join();
+    loop->PostTask(Note("loop's second"));
+  });
+  EXPECT_EQ(events.Take(3), "loop's first;other's;loop's second;");
 }
 
 TEST_F(ThreadLinuxTest, AStoppedLoopRunsTheEventsOfItsLastWait) {
