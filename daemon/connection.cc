@@ -125,8 +125,9 @@ void Connection::Answer(nlohmann::json const& response) {
 
 void Connection::AnswerStatus(std::string_view status) {
   // Most of what the daemon does for such a request would be to build and to serialise the JSON.
-  std::string text = R"({"status":")";
-  text.append(status).append(R"("})");
+  std::string text;
+  text.reserve(64);  // grown once
+  text.append(R"({"status":")").append(status).append(R"("})");
   AnswerText(text);
 }
 
