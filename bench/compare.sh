@@ -200,6 +200,7 @@ echo "Medians of $rounds rounds of $requests requests, one connection, one reque
 
 start quiet_yardstick "$bin/yardstick" "$directory/quiet_yardstick"
 start_daemon quiet_daemon --trace-level=1
+load quiet_daemon --requests=1 >/dev/null  # it has started when it has answered
 load quiet_daemon --requests=1 >"$directory/idle"
 resident=$(awk '$1 == "rss_kib_before" { print $2 }' "$directory/idle")
 race "Errors are traced only" quiet_yardstick quiet_daemon
