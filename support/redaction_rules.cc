@@ -254,10 +254,10 @@ std::vector<BuiltInRule> GetPersonRules() {
        {// ruser=anna, "username":"anna", login: anna
         before + R"((?:(?:r|l|e|s|g)?user(?:name|id)?|USER(?:NAME)?|logname|LOGNAME|login))" +
             R"(["'\\]*\s?[:=]\s?["'\\]*)" + user,
-        // "for user anna(uid=1000)", "Accepted password for anna from"
-        before + R"((?:[Uu]ser|[Pp]assword for|[Pp]ublickey for) ["'(]?)" + user +
-            R"(["')]?(?:\(uid=\d+\)|[.:]?(?:$|")|)"
-            R"( (?:from|by|on|for|at|via|not|does|has|logged|authent|with)\b))",
+        // "for user anna(uid=1000)", "Accepted password for anna from", "User anna from"
+        before + R"((?:(?:for|of|by|as) [Uu]ser|[Pp]assword for|[Pp]ublickey for) ["'(]?)" + user +
+            R"(["')]?(?:\(uid=\d+\)|[.:,;]?(?:$|")| (?:from|by|on|for|at|via)\b))",
+        before + "User " + user + " (?:from|not|logged|authenticated)",
         "(?:authenticating|[Ii]nvalid|[Ii]llegal) user " + user, "FOR '" + user,
         // groups=1000(anna),27(sudo)
         R"([=,]\d+\()" + user + R"(\))",

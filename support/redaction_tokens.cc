@@ -86,9 +86,11 @@ std::vector<BuiltInRule> GetTokenRules() {
   add(before + R"(((?:bindpw|rootpw|requirepass|masterauth|masterpass)\s+))", RefinePhrase);
 
   // --password x, -passphrase x, "--token", "x"
-  add(R"((-(?:password|passwd|passphrase|passcode|\w*pass|pw|secret)["'\\]*[\s,]+))",
+  add(before + R"((--?[\w-]*?(?:password|passwd|passphrase|passcode|pass|pw|secret)["'\\]*[\s,]+))",
       RefineSentence);
-  add(R"((-(?:token|api-?key|access-key|bearer|oauth2-bearer|auth)["'\\]*[\s,]+))", RefineWord);
+  add(before +
+          R"((--?[\w-]*?(?:token|api-?key|access-key|bearer|oauth2-bearer|auth)["'\\]*[\s,]+))",
+      RefineWord);
   // curl -u user:x, smbclient -U user%x
   add(R"((?:\s|["'])((?:-u|--(?:proxy-)?user)(?:\\*["'],)?[\s=]*))", RefineLogin);
   // Options that mean a password only with this program: sshpass -p x

@@ -236,11 +236,11 @@ TEST(RedactorTest, NothingOfASecretRemains) {
       {"peer 8.8.4.4", "8.8.4.4"},
   };
   auto const inJson = [](std::string const& text) { return nlohmann::json(text).dump(); };
+  Redactor redactor;
   for (auto const& [line, secret] : table) {
     std::string text(line);
     std::string hidden(secret);
     for (int level = 0; level < 3; ++level) {
-      Redactor redactor;
       std::string const redacted = redactor.Redact(text);
       EXPECT_EQ(redacted.find(hidden), std::string::npos) << text << "\n" << redacted;
       for (char const* part : {"hunter2", "xyzzy99"})
@@ -283,7 +283,8 @@ TEST(RedactorTest, OnlySecretsOfATraceAreReplaced) {
       "check pass; user unknown\nFailed password for root from 127.0.0.1 port 22 ssh2\n"
       "User=ktclientd\nsudo:     root : PWD=/usr ; USER=root\nuser@1000.service/app.slice\n"
       "KeyringMode=private\nuid=0(root) gid=0(root)\nsystemctl --user -p Id -u x\n"
-      "/home/\nOMP_PATH=/usr ratio 10:20 C=1 L=2 http://www.debian.org/doc/debian-policy/ch1\n";
+      "/home/\nOMP_PATH=/usr ratio 10:20 base-passwd 3.6.1 C=1 L=2 "
+      "http://www.debian.org/doc/debian-policy/ch1\n";
   Redactor redactor;
   redactor.AddSecret("host", "web-1");
   EXPECT_EQ(redactor.Redact(kept), kept);
