@@ -36,6 +36,7 @@ namespace Support {
 //
 // The rules prefer too much over too little. Times, numbers of processes, versions and paths of the
 // system stay. So do "127.0.0.1", "0.0.0.0", "::1" and "::", which all machines have.
+// "version 1.2.3.4" is no address if its first number has one or two digits and is not 10.
 //
 // A text is redacted line by line; see RedactingStream (support/redacting_stream.h), which takes a
 // text in pieces. All rules look at the original line. Where two of their matches overlap, one
