@@ -49,7 +49,8 @@ case "$*" in
     packages+=("${clang[@]}" "${packaging[@]}" "${separate[@]}" "${portable[@]}" "${others[@]}")
     ;;
   *)
-    echo "usage: scripts/setup.sh [--clang | --package | --portable | --host=ARCHITECTURE | --all]" >&2
+    echo "usage: scripts/setup.sh" \
+      "[--clang | --package | --portable | --host=ARCHITECTURE | --all]" >&2
     exit 2
     ;;
 esac
