@@ -250,20 +250,21 @@ std::vector<BuiltInRule> GetPersonRules() {
   rules.push_back({"user", before + R"(home-((?:[^\s/"'.\\]|\\+x2d)+)\.(?:auto)?mount)"});
   // What logs and tools say about a user.
   std::string const user = R"(([A-Za-z_][\w.@\\-]*))";
-  for (std::string const& pattern :
-       {// ruser=anna, "username":"anna", login: anna
-        before + R"((?:(?:r|l|e|s|g)?user(?:name|id)?|USER(?:NAME)?|logname|LOGNAME|login))" +
-            R"(["'\\]*\s?[:=]\s?["'\\]*)" + user,
-        // "for user anna(uid=1000)", "Accepted password for anna from", "User anna from"
-        before + R"((?:(?:for|of|by|as) [Uu]ser|[Pp]assword for|[Pp]ublickey for) ["'(]?)" + user +
-            R"(["')]?(?:\(uid=\d+\)|[.:,;]?(?:$|")| (?:from|by|on|for|at|via)\b))",
-        before + "User " + user + " (?:from|not|logged|authenticated)",
-        "(?:authenticating|[Ii]nvalid|[Ii]llegal) user " + user, "FOR '" + user,
-        // groups=1000(anna),27(sudo)
-        R"([=,]\d+\()" + user + R"(\))",
-        // "sudo: anna : TTY=", "su: (to root) anna on", "CRON[1]: (anna) CMD"
-        before + R"((?:su|sudo)(?:\[\d+\])?:\s+)" + user + " : ", R"(\(to \w+\) )" + user,
-        R"(\()" + user + R"(\) CMD)"}) {
+  std::vector<std::string> const patterns = {
+      // ruser=anna, "username":"anna", login: anna
+      before + R"((?:(?:r|l|e|s|g)?user(?:name|id)?|USER(?:NAME)?|logname|LOGNAME|login))" +
+          R"(["'\\]*\s?[:=]\s?["'\\]*)" + user,
+      // "for user anna(uid=1000)", "Accepted password for anna from", "User anna from"
+      before + R"((?:(?:for|of|by|as) [Uu]ser|[Pp]assword for|[Pp]ublickey for) ["'(]?)" + user +
+          R"(["')]?(?:\(uid=\d+\)|[.:,;]?(?:$|")| (?:from|by|on|for|at|via)\b))",
+      before + "User " + user + " (?:from|not|logged|authenticated)",
+      "(?:authenticating|[Ii]nvalid|[Ii]llegal) user " + user, "FOR '" + user,
+      // groups=1000(anna),27(sudo)
+      R"([=,]\d+\()" + user + R"(\))",
+      // "sudo: anna : TTY=", "su: (to root) anna on", "CRON[1]: (anna) CMD"
+      before + R"((?:su|sudo)(?:\[\d+\])?:\s+)" + user + " : ", R"(\(to \w+\) )" + user,
+      R"(\()" + user + R"(\) CMD)"};
+  for (std::string const& pattern : patterns) {
     rules.push_back({"user", pattern, false, RefineUser});
   }
   return rules;

@@ -150,7 +150,7 @@ bool SaysNothing(std::string_view value) {
       "n/a",     "0",    "1",     "infinity", "required", "not specified", "unknown",
       "expired", "(yes", "(no",   "-",        "missing",  "invalid",       "disabled"};
   value = Base::TrimWhiteSpace(value);
-  return value.find_first_not_of("*") == npos || IsOneOf(words, value);
+  return value.find_first_not_of('*') == npos || IsOneOf(words, value);
 }
 
 void AddValue(std::string_view line, Span value, std::vector<Span>& spans) {
