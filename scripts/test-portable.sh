@@ -12,6 +12,10 @@ if [[ $EUID -ne 0 ]]; then
   exec sudo "$0" "$@"
 fi
 suite=${1:-bullseye}
+if [[ $suite == *:* ]]; then
+  echo "test-portable: boots only the architecture of this machine" >&2
+  exit 2
+fi
 
 scripts/setup.sh --package
 archives=(build/portable/ktclientd-*-linux-"$(uname --machine)".tar.gz)

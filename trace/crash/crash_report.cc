@@ -19,7 +19,8 @@
 #include "trace/thread_id.h"
 
 // Takes no lock, unlike dladdr1(3). Weak: glibc has it since 2.35.
-// NOLINTBEGIN(readability-identifier-naming): the C library's names
+// NOLINTBEGIN(readability-identifier-naming,readability-redundant-declaration): the C library's
+// names, and its declaration is not weak
 #if !__GLIBC_PREREQ(2, 35)
 struct dl_find_object {
   unsigned long long dlfo_flags;
@@ -31,7 +32,7 @@ struct dl_find_object {
 };
 #endif
 extern "C" [[gnu::weak]] int _dl_find_object(void* address, dl_find_object* result) noexcept;
-// NOLINTEND(readability-identifier-naming)
+// NOLINTEND(readability-identifier-naming,readability-redundant-declaration)
 
 namespace Trace {
 
