@@ -62,7 +62,7 @@ class HostileClients:
                         take(client)
                 self.assertEqual(daemon.ask([]), NOT_IMPLEMENTED)
                 wait_until(lambda: daemon.count_when_idle() == descriptors, "no command runs")
-        self.assertIn("Failed to write", daemon.messages("ERROR"))
+        self.assertIn("Failed to write packet", daemon.messages("ERROR"))
 
     def test_late_reader_gets_every_answer_in_order(self):
         daemon = self.start("--trace-level=2", activated=self.activated,
