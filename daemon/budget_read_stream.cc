@@ -12,25 +12,19 @@ constexpr unsigned readsPerRound = 8;
 
 }  // namespace
 
-BudgetReadStream::BudgetReadStream(Base::Shared<IO::FileReadStream> source)
-    : _source(std::move(source)), _budget(Base::GetIOThread(), readsPerRound) {}
+BudgetReadStream::BudgetReadStream(Base::Shared<Net::Socket> socket, std::size_t bufferSize)
+    : SocketReadStream(std::move(socket), bufferSize),
+      _budget(Base::GetIOThread(), readsPerRound) {}
 
-void BudgetReadStream::Read(Callback callback) { _source->Read(WithinBudget(std::move(callback))); }
-
-void BudgetReadStream::ReadInto(Base::Buffer<unsigned char> buffer, Callback callback) {
-  _source->ReadInto(std::move(buffer), WithinBudget(std::move(callback)));
-}
-
-void BudgetReadStream::Close() { _source->Close(); }
-
-BudgetReadStream::Callback BudgetReadStream::WithinBudget(Callback callback) {
-  return Base::MakeCallback([self = Base::Shared(this), callback = std::move(callback)](
-                                Base::Status const& status, Base::ByteBuffer data, bool complete) {
+void BudgetReadStream::ReadOnce(Base::ByteBuffer buffer, Callback callback) {
+  auto withinBudget = [self = Base::Shared(this), callback = std::move(callback)](
+                          Base::Status const& status, Base::ByteBuffer data, bool complete) {
     if (self->_budget.SpendStep()) {
       callback->Call(status, std::move(data), complete);
     } else {
       Base::GetIOThread()->PostToNextRound(Base::MakeCallback(
           [callback, status, data, complete] { callback->Call(status, data, complete); }));
     }
-  });
+  };
+  SocketReadStream::ReadOnce(std::move(buffer), Base::MakeCallback(std::move(withinBudget)));
 }

@@ -60,9 +60,8 @@ Connection::Connection(ConnectionTable& table, Base::Shared<Net::SocketLinux> so
 
 void Connection::StartReading() {
   auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-      Base::MakeShared<BudgetReadStream>(
-          Base::MakeShared<Net::SocketReadStream>(_socket, readSize)),
-      maxPacketSize, Base::MakeCallback([self = Base::Shared(this)](std::uint32_t packetSize) {
+      Base::MakeShared<BudgetReadStream>(_socket, readSize), maxPacketSize,
+      Base::MakeCallback([self = Base::Shared(this)](std::uint32_t packetSize) {
         self->OnPacketBegun(packetSize);
       }));
   stream->Read(Base::MakeCallback(
@@ -123,15 +122,7 @@ void Connection::Answer(nlohmann::json const& response) {
   AnswerText(text);
 }
 
-void Connection::AnswerStatus(std::string_view status) {
-  // Most of what the daemon does for such a request would be to build and to serialise the JSON.
-  std::string text;
-  text.reserve(64);  // grown once
-  text.append(R"({"status":")").append(status).append(R"("})");
-  AnswerText(text);
-}
-
-void Connection::AnswerText(std::string const& response) {
+void Connection::AnswerText(std::string_view response) {
   try {
     WriteResponse(response);
     _hasRequest = false;

@@ -57,9 +57,9 @@ class Connection final : public Base::Shareable {
   // connection, also text in `response` that is not UTF-8.
   void Answer(nlohmann::json const& response);
 
-  // The same for a response that has nothing but a status, {"status":"ErrorNotImplemented"}. Takes
-  // `status` as it stands: it has no character that JSON escapes.
-  void AnswerStatus(std::string_view status);
+  // The same for a response that is a constant: its text, in compact JSON. To build and serialise
+  // it would be most of the work for such a request.
+  void AnswerText(std::string_view response);
 
   // The request under way can have no response: closes the connection.
   void FailRequest();
@@ -97,10 +97,9 @@ class Connection final : public Base::Shareable {
   void OnPacketBegun(std::uint32_t length);
   void ReadFromSocket(Base::Status const& err, Base::ByteBuffer const& buffer, bool complete);
   void ProcessPacket(Base::ByteBuffer const& buffer);
-  void AnswerText(std::string const& response);
   void DisconnectSocketWhenWritten();
-  void WriteResponse(std::string const& text);
-  void Send(std::string const& text);
+  void WriteResponse(std::string_view text);
+  void Send(std::string_view text);
   void StartWriting(std::string_view text);
   void WriteNext();
   void OnResponseWritten(Base::Status const& err, Base::ByteBuffer const& buffer);

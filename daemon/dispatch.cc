@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 #include "base/exception.h"
 #include "daemon/sensor_queue.h"
@@ -23,6 +24,8 @@ constexpr auto daemonSensors = std::to_array<Sensor>({
 });
 
 std::span<Sensor const> usedSensors = daemonSensors;
+
+constexpr std::string_view notImplemented = R"({"status":"ErrorNotImplemented"})";
 
 // Finds the sensor that a request names, while the library parses the request. Nothing of the
 // request is built in memory, so a client gains nothing by a packet that nests deep. When a key
@@ -102,13 +105,13 @@ void DispatchRequest(Base::Shared<Connection> const& connection,
   Net::SocketLinux const* const socket = &connection->GetSocket();
   if (!reader.HasSensorKey()) {
     TRACE_WARNING("Received unexpected request", socket);
-    connection->AnswerStatus("ErrorNotImplemented");
+    connection->AnswerText(notImplemented);
     return;
   }
   Sensor const* const sensor = reader.GetSensor();
   if (sensor == nullptr) {
     TRACE_WARNING("Received unknown sensor request", socket);
-    connection->AnswerStatus("ErrorNotImplemented");
+    connection->AnswerText(notImplemented);
     return;
   }
   TRACE_VERBOSE(sensor->requestMessage, socket);

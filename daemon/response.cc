@@ -46,13 +46,13 @@ Connection::Outgoing::Outgoing(Base::Shared<UserAccount> const& account)
 // Sends a response as one packet, after the responses that are under way. Returns at once; a failed
 // write closes the connection. Throws the socket's latched error, and Base::Exception "Too Many
 // Unread Responses" when the client leaves more than 1 MiB unread.
-void Connection::WriteResponse(std::string const& text) {
+void Connection::WriteResponse(std::string_view text) {
   auto const& socket = _socket;
   TRACE_VERBOSE("Writing response to socket", socket, Trace::As("response.dump()", text));
   Send(text);
 }
 
-void Connection::Send(std::string const& text) {
+void Connection::Send(std::string_view text) {
   if (!_outgoing.isWriting) {
     _outgoing.charge.Set(text.size());
     _outgoing.underWay = text.size();

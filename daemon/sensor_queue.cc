@@ -115,7 +115,7 @@ void SensorQueue::Finish(Request const& request, Outcome const& outcome) {
   } else if (outcome.error) {
     TRACE_ERROR(request.sensor->failureMessage, Trace::As("err", *outcome.error));
     if (outcome.error->empty()) {
-      request.connection->AnswerStatus("ErrorGeneric");
+      request.connection->AnswerText(R"({"status":"ErrorGeneric"})");
     } else {
       request.connection->Answer({{"status", "ErrorGeneric"}, {"error_message", *outcome.error}});
     }

@@ -45,8 +45,10 @@ void RenderTraceValue(std::string& out, void const* address) {
     out.append("0");
     return;
   }
-  out.append("0x");
-  AppendNumber(out, reinterpret_cast<std::uintptr_t>(address), 16);
+  std::array<char, 2 + 2 * sizeof address> text{'0', 'x'};
+  auto const result = std::to_chars(text.data() + 2, text.data() + text.size(),
+                                    reinterpret_cast<std::uintptr_t>(address), 16);
+  out.append(text.data(), result.ptr);
 }
 
 void RenderTraceValue(std::string& out, bool value) { out.append(value ? "true" : "false"); }

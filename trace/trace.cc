@@ -270,7 +270,7 @@ void WriteTrace(Log const& /*module*/, TraceLevel level, std::string_view messag
   if (text == nullptr) return;
   State& state = GetState();
   std::string& line = text->line;
-  line.append(message).append(text->fields).append("\n");
+  line.append(message).append(text->fields).push_back('\n');
   if (state.syslog) ReportLostLines(*state.syslog);
   if (IsTraceEnabled(level)) WriteToConsoleAndFile(level, line);
   if (state.syslog) state.syslog->Write(GetLevelInfo(level).syslogPriority, line);
