@@ -153,7 +153,7 @@ std::string GetSettingsInForce(Findings const& daemon) {
     std::ranges::transform(variable, variable.begin(), [](char c) {
       return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
     });
-    text += QuoteValue(variable + "=" + value);
+    text += QuoteValue(variable.append("=").append(value));
   }
   return text + QuoteValue("PATH=" + daemon.path);
 }

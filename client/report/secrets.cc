@@ -331,9 +331,8 @@ ReportFindings FindCertificates(ReportContext const& context) {
   Platform const platform = GetPlatform();
   if (platform != Platform::Igel11 && platform != Platform::Igel12) return findings;
   if (!context.daemon->settings)
-    findings.unknown.push_back(
-        "the names of the certificates: the settings, which can name another "
-        "folder, are unknown");
+    findings.unknown.emplace_back(
+        "the names of the certificates: the settings, which can name another folder, are unknown");
   try {
     auto const list = Ask(context, "igel", "/sensor/igel/management_certificates");
     if (!list.is_array()) throw Support::Error("no-answer", "the daemon does not know them");

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <future>
 #include <string>
@@ -19,7 +20,7 @@ int main(int argc, char** argv) {
   auto const thread = Base::GetIOThread();
   auto const socket = Base::MakeShared<Net::SocketLinux>(AF_UNIX, SOCK_SEQPACKET, 0, thread);
   auto const reader = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-      Base::MakeShared<Net::SocketReadStream>(socket, 2048), 65536);
+      Base::MakeShared<Net::SocketReadStream>(socket, std::size_t{2048}), 65536U);
   auto const writer = Base::MakeShared<IO::NativeMessagingHostWriteStream>(
       Base::MakeShared<Net::SocketWriteStream>(socket));
   auto onRead = [&](Base::Status const&, Base::ByteBuffer packet, bool) {
