@@ -20,22 +20,24 @@ many=1100  # requests; what they cost beyond the few is divided by their differe
 directory=$(mktemp -d)
 pid=
 
-clean_up() {
+trap 'rm -rf "$directory"' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+end_daemon() {
   if [[ -n $pid ]]; then
     kill "$pid" 2>/dev/null || true
     wait "$pid" 2>/dev/null || true
   fi
-  rm -rf "$directory"
 }
-trap clean_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
 
 # run_daemon REQUESTS LEVEL TOOL...: runs the daemon under TOOL for so many requests. The environment
-# is empty except for PATH: a KESTREL_ variable would override the command line.
+# is empty except for PATH: a KESTREL_ variable would override the command line. Runs in the subshell
+# of a command substitution, whose end also ends the daemon.
 run_daemon() {
   local requests=$1 level=$2
   shift 2
+  trap end_daemon EXIT
   rm -rf "$directory/trace" "$directory/socket"
   mkdir "$directory/trace"
   env -i PATH="$PATH" "$@" "$bin/ktclientd" --socket="$directory/socket" \

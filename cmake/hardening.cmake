@@ -1,4 +1,4 @@
-# Every optimised build is hardened: each build type but Debug, and flags of the user's that optimise.
+# Every optimised build is hardened: Release, RelWithDebInfo, MinSizeRel, and flags that optimise.
 # `scripts/check-hardening` checks the programs. The options of position-independent programs are in
 # compile_options.cmake.
 

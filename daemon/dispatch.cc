@@ -27,9 +27,9 @@ std::span<Sensor const> usedSensors = daemonSensors;
 
 constexpr std::string_view notImplemented = R"({"status":"ErrorNotImplemented"})";
 
-// Finds the sensor that a request names, while the library parses the request. Nothing of the
-// request is built in memory, so a client gains nothing by a packet that nests deep. When a key
-// occurs twice, the last one counts.
+// Finds the sensor that a request names, while the library parses the request. No document is
+// built, so a packet that nests deep costs neither nodes nor recursion. When a key occurs twice,
+// the last one counts.
 class RequestReader final : public nlohmann::json_sax<nlohmann::json> {
  public:
   // Whether the request is an object with the key "sensor".

@@ -8,10 +8,11 @@
 # of an invented machine. RESULTS gets the output, the journal and the console. The status is that of
 # the command. Needs root.
 set -euo pipefail
-cd "$(dirname "$(realpath "$0")")/.."
+self=$(realpath "$0")
+cd "$(dirname "$self")/.."
 # In a mount namespace of its own: its mounts end with the script.
 if [[ ${1-} != --in-namespace ]]; then
-  exec unshare --mount --propagation=private "$0" --in-namespace "$@" </dev/null
+  exec unshare --mount --propagation=private "$self" --in-namespace "$@" </dev/null
 fi
 tree=$2
 results=$3

@@ -10,9 +10,10 @@
 # it installs stays in the tree, which stays in build/trees/; the clone is in ktclientd/ there.
 # Needs root.
 set -euo pipefail
-cd "$(dirname "$(realpath "$0")")/.."
+self=$(realpath "$0")
+cd "$(dirname "$self")/.."
 if [[ $EUID -ne 0 ]]; then
-  exec sudo "$0" "$@"
+  exec sudo "$self" "$@"
 fi
 if [[ $# -lt 2 ]]; then
   echo "usage: scripts/in-debian.sh [--again] SUITE[:ARCHITECTURE] COMMAND..." >&2

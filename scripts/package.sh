@@ -6,6 +6,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 if [[ ${1-} == --portable ]]; then
   exec scripts/portable.sh "${@:2}"
+elif [[ $# -gt 0 ]]; then
+  echo "usage: scripts/package.sh [--portable [--host=ARCHITECTURE]]" >&2
+  exit 2
 fi
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 umask 022  # the archive keeps the modes of its folders

@@ -10,9 +10,10 @@
 # that are only headers (nlohmann-json, CLI11, utfcpp) in the versions that the tree needs: those
 # come from this machine. Needs root.
 set -euo pipefail
-cd "$(dirname "$(realpath "$0")")/.."
+self=$(realpath "$0")
+cd "$(dirname "$self")/.."
 if [[ $EUID -ne 0 ]]; then
-  exec sudo "$0" "$@"
+  exec sudo "$self" "$@"
 fi
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 umask 022

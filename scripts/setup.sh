@@ -5,11 +5,12 @@
 #   setup.sh --clang      and the presets clang and fuzz
 #   setup.sh --package    and package.sh, test-package.sh and in-debian.sh
 #   setup.sh --portable   and portable.sh
-#   setup.sh --host=arm64 the preset arm64 and package.sh --host=arm64: a cross build. This adds the
-#                         architecture to dpkg, so use it in a Debian of its own: in-debian.sh
+#   setup.sh --host=arm64 the preset arm64, a cross build. This adds the architecture to dpkg, so use
+#                         it in a Debian of its own: in-debian.sh
 #   setup.sh --all        and everything else in .ci/run: formatter, linter, browser, valgrind
 #
-# Does and prints nothing when all are installed.
+# Does and prints nothing when all are installed. Where a release of Debian has no formatter or linter
+# of this version, --all says so.
 set -euo pipefail
 . "$(dirname "$0")/tools.sh"
 

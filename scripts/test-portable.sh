@@ -7,9 +7,10 @@
 #
 # The tree of that Debian stays in build/; the container works on a copy in memory. Needs root.
 set -euo pipefail
-cd "$(dirname "$(realpath "$0")")/.."
+self=$(realpath "$0")
+cd "$(dirname "$self")/.."
 if [[ $EUID -ne 0 ]]; then
-  exec sudo "$0" "$@"
+  exec sudo "$self" "$@"
 fi
 suite=${1:-bullseye}
 if [[ $suite == *:* ]]; then

@@ -104,12 +104,12 @@ bool LoopThread::DiscardTasks() {
   _hasEnded = true;  // first: see RunAndWait
   bool wereAny = false;
   // One by one, which needs no memory.
-  while (_posted.Pop()) wereAny = true;
   while (!_tasks.empty()) {
     Task const task = std::move(_tasks.front());
     _tasks.pop_front();
     wereAny = true;
   }
+  while (_posted.Pop()) wereAny = true;
   return !_scheduledTasks.TakeAll().empty() || wereAny;
 }
 

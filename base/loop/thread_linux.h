@@ -32,9 +32,8 @@ namespace Base {
 //
 // Threads: those of Thread for what Thread declares, the loop's thread alone for the rest.
 // Errors:  the loop logs what a callback throws. Out of memory, it logs an ERROR and begins its
-// next
-//          round. Failed system calls throw ExceptionPosix, an empty
-//          callback Exception "Invalid Callback"; both after an ERROR line.
+//          next round. Failed system calls throw ExceptionPosix, an empty callback Exception
+//          "Invalid Callback"; both after an ERROR line.
 class ThreadLinux final : public LoopThread {
  public:
   using WatchCallback = Shared<CallbackNoCopy<int, int>>;  // descriptor, epoll event bits

@@ -70,9 +70,10 @@ removeFiles() {
 
 removeAll() {
   [ -e "$state/files" ] || fail "it is not installed"
-  control disable ktclientd.socket
+  # Both fail when an earlier try has removed the units.
+  control disable ktclientd.socket || true
   if [ -z "$root" ]; then
-    systemctl stop ktclientd.socket ktclientd.service
+    systemctl stop ktclientd.socket ktclientd.service || true
     rmdir /run/ktclientd 2>/dev/null || true
   fi
   id=
