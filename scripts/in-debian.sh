@@ -45,6 +45,7 @@ cp --dereference /etc/resolv.conf "$tree/etc/resolv.conf"
 export tree
 exec unshare --mount --propagation=private --pid --fork --kill-child bash -c '
   set -euo pipefail
+  mount --bind "$tree" "$tree"  # unshare(1) there wants a mount point as root folder
   mount -t proc proc "$tree/proc"
   mount --rbind /sys "$tree/sys"
   mount --rbind /dev "$tree/dev"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -177,11 +178,19 @@ bool SecretFinder::Decode(Decoded const& from, Decoded& to) {
   for (std::size_t i = 0; i < from.text.size();) {
     std::size_t length = DecodeEscape(from.text, i, to.text);
     hasEscape = hasEscape || length > 0;
-    if (length == 0) {
-      to.text += from.text[i];
-      length = 1;
+    if (length > 0) {
+      to.places.resize(to.text.size(), from.places[i]);
+      i += length;
+      continue;
     }
-    to.places.resize(to.text.size(), from.places[i]);
+    // When the first backslash of a run begins no escape, none of them does: looking at each would
+    // take quadratic time.
+    length = from.text[i] == '\\'
+                 ? std::min(from.text.find_first_not_of('\\', i), from.text.size()) - i
+                 : 1;
+    to.text.append(from.text, i, length);
+    to.places.insert(to.places.end(), from.places.begin() + static_cast<std::ptrdiff_t>(i),
+                     from.places.begin() + static_cast<std::ptrdiff_t>(i + length));
     i += length;
   }
   to.places.push_back(from.places.back());

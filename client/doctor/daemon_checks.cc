@@ -98,9 +98,9 @@ void AddOption(Settings& settings, std::string_view word) {
       word.substr(std::min(end + 1, word.size()));
 }
 
-// The lines of an environment file, see systemd.exec(5). A value goes to the end of its line.
+// The assignments of an environment file, see systemd.exec(5).
 void AddEnvironmentFile(Findings& findings, Settings& settings, std::string const& path) {
-  for (std::string const& line : Split(Read(AT_FDCWD, path.c_str()))) {
+  for (std::string const& line : SplitAssignments(Read(AT_FDCWD, path.c_str()))) {
     std::string variable;
     for (std::string const& word : SplitWords(line))
       variable += (variable.empty() ? "" : " ") + word;

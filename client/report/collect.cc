@@ -121,7 +121,9 @@ ReportFindings CollectUnits(ReportContext const& context) {
   ReportFindings findings;
   std::string text;
   for (char const* unit : {service, socketUnit}) {
-    AddCommand(findings, text, limit, {"systemctl", "--no-pager", "cat", unit});
+    std::string files;
+    AddCommand(findings, files, limit, {"systemctl", "--no-pager", "cat", unit});
+    text += JoinContinuedLines(files);  // a secret ends where its value ends, not its line
     AddCommand(findings, text, limit, {"systemctl", "--no-pager", "show", unit});
   }
   findings.members = {{"units.txt", text}};
@@ -178,7 +180,7 @@ ReportFindings CollectSettings(ReportContext const& context) {
     auto const content = ReadFileInto(findings, path);
     if (!content) continue;
     std::string quoted;
-    for (std::string const& line : Split(*content)) quoted += QuoteValue(line);
+    for (std::string const& line : SplitAssignments(*content)) quoted += QuoteValue(line);
     AddSection(text, path, quoted);
   }
   findings.members = {{"settings.txt", text}};
@@ -206,6 +208,7 @@ ReportFindings CollectJournal(ReportContext const& context) {
     return findings;
   }
   if (text.size() == maxJournal) CutToRecord(text, "0000-00-00T");
+  CutOpenBlock(text);
   constexpr std::string_view success = "exit status 0\n";
   if (!text.ends_with(success)) {
     findings.gaps.push_back(
@@ -259,6 +262,7 @@ std::string ReadTrace(Findings const& daemon, std::string const& path) {
   std::string text = Support::FileManager::ReadFileEnd(
       "/proc/self/fd/" + std::to_string(file.fd.Get()), maxTrace + 1);
   if (text.size() > maxTrace) CutToRecord(text, "00:00:00.000Z ");
+  CutOpenBlock(text);
   return text;
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -188,7 +189,7 @@ std::optional<std::string> Redact(std::shared_ptr<Support::Redactor> const& reda
   if (!result) {
     throw Support::Error("redaction-late",
                          "Nothing was written, because the redaction of " + what + " does not end",
-                         "Use fewer or simpler rules with --rules");
+                         "Rules of --rules may take too long, or the text has an unusual form");
   }
   return std::move(*result);
 }
@@ -201,6 +202,10 @@ std::vector<std::string> RedactMembers(std::shared_ptr<Support::Redactor> const&
   for (ReportMember& member : findings.members) {
     auto text = Redact(redactor, member.path, std::move(member.text), limit);
     if (text) {
+      if (member.path.ends_with(".json") && !nlohmann::json::accept(*text)) {
+        findings.gaps.emplace_back("not-json", "A rule has replaced part of the syntax of " +
+                                                   member.path + ", which is no longer JSON");
+      }
       members.push_back({member.path, std::move(*text)});
     } else {
       missing.push_back(member.path);

@@ -355,7 +355,8 @@ void AddIfSecret(ReportFindings& findings, std::string_view assignment) {
   std::string_view const value = assignment.substr(std::min(separator + 1, assignment.size()));
   bool const isSecret = std::ranges::any_of(
       marks, [&name](std::string_view mark) { return name.find(mark) != std::string::npos; });
-  if (isSecret && value != "true" && value != "false") Add(findings, "token", value);
+  if (!isSecret || value == "true" || value == "false") return;
+  for (std::string const& line : Split(value)) Add(findings, "token", line);
 }
 
 ReportFindings FindSecretSettings(ReportContext const& context) {
@@ -364,7 +365,7 @@ ReportFindings FindSecretSettings(ReportContext const& context) {
     AddIfSecret(findings, variable);
   for (std::string const& path : GetEnvironmentFiles(*context.daemon)) {
     if (access(path.c_str(), R_OK) != 0) continue;  // so it is not in the report either
-    for (std::string const& line : Split(ReadNames(findings, path))) {
+    for (std::string const& line : SplitAssignments(ReadNames(findings, path))) {
       std::string assignment;
       for (std::string const& word : SplitWords(line))
         assignment += (assignment.empty() ? "" : " ") + word;

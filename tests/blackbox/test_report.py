@@ -30,6 +30,21 @@ NAMES = {
 }
 PEM = ["MIIPlantedCertificateBody0123456789abcdefghijklmnopqrstuvwxyzABCD",
        "PlantedSecondLineOfTheBody9876543210zyxwvutsrqponmlkjihgfedcbaXY"]
+# In values of several lines.
+CONTINUED = [f"plantedpart{i}" for i in range(7)]
+SETTINGS = f"""PLANTED_TOKEN="first {CONTINUED[0]}
+{CONTINUED[1]} more"
+PLANTED_PASSWORD=abc\\
+{CONTINUED[2]}
+# it's a comment
+"""
+UNIT = f"""Environment="DB_PASSWORD=abc \\
+  {CONTINUED[3]} x" \\
+  "PLANTED_TOKEN={CONTINUED[4]} \\
+ {CONTINUED[5]}"
+ExecStart=/x --password=abc \\
+  {CONTINUED[6]}
+"""
 # What the redactor must see by itself: the secret, and the text in which it stands.
 VALUES = {
     "wilma.plant@mail.example": "from {} to nobody", "203.0.113.77": "peer:{} port:9",
@@ -77,7 +92,7 @@ def plant_at_edges():
 
 def fragments():
     """Every secret, and the halves of long ones, in lower case."""
-    for secret in [*NAMES.values(), *VALUES, *PEM]:
+    for secret in [*NAMES.values(), *VALUES, *PEM, *CONTINUED]:
         secret = secret.encode().lower()
         half = len(secret) // 2
         yield from (secret, secret[:half], secret[half:]) if half > 7 else (secret,)
@@ -123,10 +138,14 @@ class ReportTest(Case):
                                              f"\tAsset Tag: {NAMES['asset']}\n"
                                              f"\tUUID: {NAMES['uuid']}\n")
         self.install("dmidecode", f"[ $1 = -s ] && echo {NAMES['serial']} || cat numbers")
-        (self.folder / "journal").write_bytes(b"2026-11-21T10:00:00+0000 a\n" + plant("  %s\n"))
+        (self.folder / "journal").write_bytes(
+            "".join(f"2026-11-21T10:00:00+0000 a[7]: {line}\n"
+                    for line in [*PEM, "-----END PRIVATE KEY-----", "b"]).encode()
+            + plant("  %s\n"))
         self.install("journalctl", journal)
         (self.folder / "unit").write_bytes(plant("Environment=A='%s'\n"))
-        (self.folder / "default").write_bytes(plant("KESTREL_A=%s\n"))
+        (self.folder / "continued").write_text(UNIT)
+        (self.folder / "default").write_bytes(SETTINGS.encode() + plant("KESTREL_A=%s\n"))
         (self.folder / NAMES["user"]).touch(mode=0o600)
         (self.folder / "properties").write_text(
             "Id=ktclientd.socket\n\nId=ktclientd.service\nLoadState=loaded\n"
@@ -139,7 +158,8 @@ class ReportTest(Case):
             f"EnvironmentFiles={self.folder}/{NAMES['user']} (ignore_errors=yes)\n"
             f"MainPID={self.daemon.pid}\n")
         self.install("systemctl",
-                     'case "$*" in *--property=*) cat properties;; *) cat unit;; esac')
+                     'case "$*" in *--property=*) exec cat properties;; *" cat "*) cat continued;; '
+                     'esac; cat unit')
 
     def install(self, command, script):
         self.daemon.install(command, f"cd {self.folder}\n{script}")
@@ -204,8 +224,10 @@ class ReportTest(Case):
                 "KESTREL_TRACE_FOLDER": f'"{self.daemon.folder}"',
                 "PATH": f'"{self.daemon.commands}:/usr/bin:/bin"'})
         for name in planted:
-            missing = [secret for secret in fragments() if secret not in members[name].lower()]
-            self.assertEqual(missing, [], name)
+            missing = {secret for secret in fragments() if secret not in members[name].lower()}
+            parts = {"settings.txt": CONTINUED[3:], "units.txt": CONTINUED[:3]}.get(name, CONTINUED)
+            missing -= {part.encode() for part in parts}
+            self.assertEqual(missing, set(), name)
 
         readme, members = self.report("--include-answers")
         self.assertEqual(set(members), expected | answers)

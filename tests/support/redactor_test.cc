@@ -327,6 +327,16 @@ TEST(RedactorTest, KnownSecretsAreFoundInEscapes) {
             "<share-1> <share-1>");
 }
 
+// In quadratic time each line would take minutes.
+TEST(RedactorTest, RunsOfBackslashesTakeLinearTime) {
+  Redactor redactor;
+  redactor.AddSecret("host", "web-1");
+  std::string const run(std::size_t{1} << 18U, '\\');
+  for (std::string const end : {"", "q", "u12", "\\"})
+    EXPECT_EQ(redactor.Redact(run + end), run + end);
+  EXPECT_EQ(redactor.Redact(run + "x41 web" + run + "x2d1"), run + "x41 <host-1>");
+}
+
 TEST(RedactorTest, TheNumberOfSecretsIsBounded) {
   Redactor redactor;
   std::size_t count = 0;
