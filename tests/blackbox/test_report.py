@@ -8,6 +8,7 @@ import signal
 import socket
 import subprocess
 import tarfile
+import tempfile
 import unittest
 
 from harness import (BIN, CAN_MOUNT, DEADLINE, HARDWARE, NAMESPACE, Case, clean_environment, ctl,
@@ -388,11 +389,16 @@ class ReportTest(Case):
                                             rf"{re.escape(complaint)}[^\n]*\n\Z")
 
     def test_terminal_is_asked_and_sees_the_progress(self):
+        commands = self.enterContext(tempfile.TemporaryDirectory())
+        journal = pathlib.Path(commands, "journalctl")
+        journal.write_text("#!/bin/sh\nexec sleep 1000\n")  # so the step takes until its deadline
+        journal.chmod(0o755)
         for answer, status, count in (b"\n", 1, 0), (b"n\n", 1, 0), (b"\x04", 1, 0), (b"y\n", 0, 1):
             ours, terminal = pty.openpty()
-            with subprocess.Popen([BIN / "ktclientctl", "report", "--socket=/none", "--no-redact"],
-                                  cwd=self.folder, stdin=terminal, stderr=terminal,
-                                  stdout=subprocess.PIPE, env=clean_environment({})) as process:
+            with subprocess.Popen([BIN / "ktclientctl", "report", "--socket=/none", "--no-redact",
+                                   "--timeout=3"], cwd=self.folder, stdin=terminal, stderr=terminal,
+                                  stdout=subprocess.PIPE, env=clean_environment(
+                                      {"PATH": f"{commands}:/usr/bin:/bin"})) as process:
                 os.close(terminal)
                 shown = b""
                 while b"[y/N]" not in shown:

@@ -8,6 +8,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -99,7 +100,9 @@ TEST_F(ServiceProtocolTest, TheManagerIsNotifiedAtAPathOrAnAbstractName) {
     }
     Set("NOTIFY_SOCKET", text.c_str());
     int const result = ServiceProtocol::Notify("READY=1");
-    EXPECT_EQ(result, sd_notify(0, "READY=1")) << text;
+    int const libraryResult = sd_notify(0, "READY=1");
+    // Versions of the library have different errors for the same address.
+    EXPECT_EQ(std::max(result, -1), std::max(libraryResult, -1)) << text;
     EXPECT_EQ(result == 1, isBound) << text;
     for (int i = 0; isBound && i < 2; ++i) {
       char state[16];
