@@ -398,7 +398,7 @@ class ReportTest(Case):
             with subprocess.Popen([BIN / "ktclientctl", "report", "--socket=/none", "--no-redact",
                                    "--timeout=3"], cwd=self.folder, stdin=terminal, stderr=terminal,
                                   stdout=subprocess.PIPE, env=clean_environment(
-                                      {"PATH": f"{commands}:/usr/bin:/bin"})) as process:
+                                      {"PATH": f"{commands}:/usr/bin:/bin", "TERM": "xterm"})) as process:
                 os.close(terminal)
                 shown = b""
                 while b"[y/N]" not in shown:
