@@ -35,7 +35,7 @@ class RequestReader final : public nlohmann::json_sax<nlohmann::json> {
   // Whether the request is an object with the key "sensor".
   bool HasSensorKey() const { return _hasSensorKey; }
 
-  // The first one of `usedSensors` whose key the object "sensor" has; null when there is none.
+  // The first one of `usedSensors` whose key the object "sensor" has; null without one.
   Sensor const* GetSensor() const { return _sensor; }
 
   bool key(std::string& key) override {

@@ -32,7 +32,7 @@ struct RuleGroup {
 
 std::vector<RuleGroup> GetBuiltInRules();
 
-// Passwords, tokens and keys: those that a word stands before, and those with a form of their own.
+// Passwords, tokens and keys. A word before it shows most of them; some have a known form.
 std::vector<BuiltInRule> GetTokenRules();
 std::vector<BuiltInRule> GetTokenFormRules();
 

@@ -53,7 +53,7 @@ void AppendUtf8(std::uint32_t code, std::string& out) {
   }
 }
 
-// Appends what the escape at `begin` means, and returns its length. 0: there is none.
+// Appends what the escape at `begin` means, and returns its length; 0 when no escape begins there.
 std::size_t DecodeEscape(std::string_view text, std::size_t begin, std::string& out) {
   auto const appendByte = [&](std::optional<std::uint32_t> byte) {
     if (byte) out += static_cast<char>(*byte);
