@@ -236,7 +236,11 @@ class Daemon:
         return self.log.read_text(errors="replace") if self.log.exists() else ""
 
     def trace(self):
-        return parse_trace(self._trace_text())
+        """The lines of the trace. A line that a running daemon has only begun is left out: a reader
+        sees the first page of a write that crosses a page before it sees the rest."""
+        ended = self.process.poll() is not None
+        text = self._trace_text()
+        return parse_trace(text if ended else text[:text.rfind("\n") + 1])
 
     def messages(self, level=None):
         return [line.message for line in self.trace() if level in (None, line.level)]
