@@ -66,7 +66,12 @@ function(ktclientd_test name)
   ktclientd_parse_arguments("SOURCES;DEPENDS;PACKAGES" ${ARGN})
   ktclientd_program("${name}" SOURCES ${ARG_SOURCES} DEPENDS ${ARG_DEPENDS}
                     PACKAGES ${ARG_PACKAGES} GTest::gtest_main)
-  gtest_discover_tests("${name}" TEST_PREFIX "${name}." DISCOVERY_MODE PRE_TEST
+  set(filter)
+  if(KTCLIENTD_NOT_EMULATED)
+    list(JOIN KTCLIENTD_NOT_EMULATED ":" excluded)
+    set(filter TEST_FILTER "-${excluded}")
+  endif()
+  gtest_discover_tests("${name}" TEST_PREFIX "${name}." ${filter} DISCOVERY_MODE PRE_TEST
                        DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
 

@@ -37,6 +37,8 @@ host=
 case "$*" in
   --host=?*)
     host=${1#--host=}
+    # Debian 12 has this package, which is only headers, for each architecture.
+    [[ $(. /etc/os-release && echo "${VERSION_ID-}") != 12 ]] || libraries+=(libutfcpp-dev)
     packages+=("${packaging[@]}" "${separate[@]}" "crossbuild-essential-$host" qemu-user-static
       "${libraries[@]/%/:$host}")
     libraries=()

@@ -18,7 +18,7 @@ export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$(nproc)}
 
 case "$preset" in
   clang | fuzz) scripts/setup.sh --clang ;;
-  arm64) scripts/setup.sh --host=arm64 ;;
+  arm64*) scripts/setup.sh --host=arm64 ;;
   *) scripts/setup.sh ;;
 esac
 cmake --preset "$preset"

@@ -1,4 +1,6 @@
-"""Tests the content of the packages in the folder KTCLIENTD_PACKAGES."""
+"""Tests the content of the packages in the folder KTCLIENTD_PACKAGES. KTCLIENTD_EMULATOR is the
+command that runs programs of another architecture.
+"""
 
 import json
 import os
@@ -21,6 +23,7 @@ NEEDED = {"ktclientd": {"usr/sbin/ktclientd": C | {"libsystemd"}, "usr/bin/ktcli
                                 C | {"libarchive", "libre2"}}}
 UNITS = "/usr/lib/systemd/system"
 PACKAGES = pathlib.Path(os.environ["KTCLIENTD_PACKAGES"]).resolve()
+EMULATOR = os.environ.get("KTCLIENTD_EMULATOR", "").split()
 
 
 def only(pattern):
@@ -96,7 +99,7 @@ class Archive(unittest.TestCase):
 
     def test_units_find_the_program_and_the_group(self):
         [program] = re.findall(r"^ExecStart=(\S+)", self.unit("ktclientd.service"), re.M)
-        version = run(f"{self.root}{program}", "--version")
+        version = run(*EMULATOR, f"{self.root}{program}", "--version")
         self.assertRegex(version, r"^ktclientd \d")
         self.assertIn(version.split()[1], only("*.tar.gz").name)
         (self.root / "etc").mkdir(exist_ok=True)
@@ -110,7 +113,7 @@ class Archive(unittest.TestCase):
             script = json.loads((folder / "ktclientd.json").read_text())["path"]
             [program] = re.findall(r"^exec (\S+) native-host$",
                                    pathlib.Path(f"{self.root}{script}").read_text(), re.M)
-            run(f"{self.root}{program}", "--version")
+            run(*EMULATOR, f"{self.root}{program}", "--version")
 
     def test_socket_can_be_enabled(self):
         run("systemctl", f"--root={self.root}", "enable", "ktclientd.service")
