@@ -63,10 +63,12 @@ packages+=("${libraries[@]}")
 # lacking PACKAGE...: sets `missing` to those that are not installed. The query fails when dpkg does
 # not know one of them.
 lacking() {
-  local installed package status='${db:Status-Status}'
+  local installed package native
+  native=$(dpkg --print-architecture)
   missing=()
-  installed=$(dpkg-query --show --showformat="$status \${Package}\n$status \${Package}:\${Architecture}\n" \
-    "$@" 2>/dev/null | sed -n 's/^installed //p' || true)
+  installed=$(dpkg-query --show \
+    --showformat='${db:Status-Status} ${Package}:${Architecture}\n' "$@" 2>/dev/null |
+    sed -nE "s/^installed //; T; s/:(all|$native)\$//; p" || true)
   for package; do
     grep --quiet --line-regexp --fixed-strings -e "$package" <<<"$installed" ||
       missing+=("$package")
