@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -16,6 +15,7 @@
 
 #include "base/exception.h"
 #include "base/loop/thread_pool.h"
+#include "client/condition.h"
 #include "process/command_budget.h"
 #include "process/shell_command.h"
 #include "support/error.h"
@@ -33,10 +33,10 @@ constexpr std::chrono::seconds delayLimit{10};
 // The commands of all threads, and the end of the process.
 struct Commands {
   std::mutex mutex;
-  std::condition_variable changed;
+  Condition changed;
   int running = 0;
   bool isEnding = false;
-  std::timed_mutex delay;  // of `SignalDelay`
+  bool isDelayed = false;  // by a `SignalDelay`
 };
 
 // Never destroyed: abandoned steps and the thread of the signals use it until the process is gone.
@@ -59,8 +59,8 @@ class CommandCount {
     Commands& commands = GetCommands();
     std::unique_lock lock(commands.mutex);
     if (difference < 0 || !commands.isEnding) commands.running += difference;
-    commands.changed.notify_all();
-    while (commands.isEnding) commands.changed.wait(lock);
+    commands.changed.NotifyAll();
+    commands.changed.Wait(lock, [&commands] { return !commands.isEnding; });
   }
 };
 
@@ -69,14 +69,22 @@ void KillCommands() {
   std::unique_lock lock(commands.mutex);
   commands.isEnding = true;
   Process::CancelShellCommands();
-  commands.changed.wait_for(lock, endLimit, [&commands] { return commands.running == 0; });
+  commands.changed.WaitUntil(lock, Condition::Clock::now() + endLimit,
+                             [&commands] { return commands.running == 0; });
+}
+
+// Waits until no other thread holds the delay, at most until `deadline`, and holds it then.
+void HoldDelay(Condition::Clock::time_point deadline) {
+  Commands& commands = GetCommands();
+  std::unique_lock lock(commands.mutex);
+  commands.changed.WaitUntil(lock, deadline, [&commands] { return !commands.isDelayed; });
+  commands.isDelayed = true;
 }
 
 [[noreturn]] void EndBySignal(sigset_t const& signals) {
   int number = 0;
   while (sigwait(&signals, &number) != 0) continue;
-  // Never unlocked, so that nothing is written any more.
-  static_cast<void>(GetCommands().delay.try_lock_for(delayLimit));
+  HoldDelay(Condition::Clock::now() + delayLimit);  // for good: nothing is written any more
   KillCommands();
   signal(number, SIG_DFL);
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
@@ -87,7 +95,7 @@ void KillCommands() {
 // Shared by the caller and the step's thread; the later of them destroys it.
 struct Progress {
   std::mutex mutex;
-  std::condition_variable changed;
+  Condition changed;
   bool hasEnded = false;
   // As a value: two threads would share an exception_ptr.
   std::optional<Support::Error> error;
@@ -104,17 +112,18 @@ void Run(std::function<void()>& step, Progress& progress) {
   std::scoped_lock const lock(progress.mutex);
   progress.error = std::move(error);
   progress.hasEnded = true;
-  progress.changed.notify_one();
+  progress.changed.NotifyAll();
 }
 
 bool WaitForEnd(Progress& progress, std::chrono::milliseconds limit,
                 std::function<void()> const& onTick) {
-  auto const deadline = std::chrono::steady_clock::now() + limit;
+  auto const deadline = Condition::Clock::now() + limit;
   std::unique_lock lock(progress.mutex);
   for (;;) {
-    auto const now = std::chrono::steady_clock::now();
+    auto const now = Condition::Clock::now();
     if (progress.hasEnded || now >= deadline) return progress.hasEnded;
-    progress.changed.wait_until(lock, std::min(deadline, now + tick));
+    progress.changed.WaitUntil(lock, std::min(deadline, now + tick),
+                               [&progress] { return progress.hasEnded; });
     if (!onTick) continue;
     lock.unlock();
     onTick();
@@ -173,8 +182,14 @@ void EndCommandsOnSignals() {
   }
 }
 
-SignalDelay::SignalDelay() { GetCommands().delay.lock(); }
-SignalDelay::~SignalDelay() { GetCommands().delay.unlock(); }
+SignalDelay::SignalDelay() { HoldDelay(Condition::Clock::time_point::max()); }
+
+SignalDelay::~SignalDelay() {
+  Commands& commands = GetCommands();
+  std::scoped_lock const lock(commands.mutex);
+  commands.isDelayed = false;
+  commands.changed.NotifyAll();
+}
 
 std::string QuoteForShell(std::string_view word) {
   std::string quoted = "'";

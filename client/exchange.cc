@@ -77,10 +77,13 @@ bool IsError(Base::Status const& status, int errorCode) {
 Exchange::Exchange(Net::Address address, std::string request)
     : _address(std::move(address)), _request(std::move(request)), _type(SOCK_SEQPACKET) {}
 
-std::future<Exchange::Outcome> Exchange::Start() {
+std::optional<Exchange::Outcome> Exchange::Run(std::chrono::milliseconds limit) {
+  auto const deadline = Condition::Clock::now() + limit;
   Base::GetIOThread()->PostTask(
       Base::MakeCallback([self = Base::Shared(this)] { self->Connect(); }));
-  return _outcome.get_future();
+  std::unique_lock lock(_mutex);
+  _hasOutcome.WaitUntil(lock, deadline, [this] { return _outcome.has_value(); });
+  return std::move(_outcome);
 }
 
 template <typename Step>
@@ -181,13 +184,19 @@ void Exchange::OnResponse(Base::Status const& status, Base::ByteBuffer const& pa
     Fail("The daemon's response is empty");
   } else if (!std::exchange(_ended, true)) {
     auto const bytes = packet.GetSpan();
-    _outcome.set_value({.isResponse = true, .text = std::string(bytes.begin(), bytes.end())});
+    SetOutcome({.isResponse = true, .text = std::string(bytes.begin(), bytes.end())});
     _socket->Close();
   }
 }
 
 void Exchange::Fail(std::string const& reason) {
   if (std::exchange(_ended, true)) return;
-  _outcome.set_value({.isResponse = false, .text = reason});
+  SetOutcome({.isResponse = false, .text = reason});
   if (_socket) _socket->Close();
+}
+
+void Exchange::SetOutcome(Outcome outcome) {
+  std::scoped_lock const lock(_mutex);
+  _outcome = std::move(outcome);
+  _hasOutcome.NotifyAll();
 }

@@ -1,11 +1,14 @@
 #pragma once
 
-#include <future>
+#include <chrono>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "base/buffer.h"
 #include "base/shared.h"
 #include "base/stream.h"
+#include "client/condition.h"
 #include "net/address.h"
 #include "net/socket_linux.h"
 
@@ -20,7 +23,7 @@
 // the abstract namespace. SO_PEERCRED names the process that called listen() last: systemd, and the
 // daemon once it has started.
 //
-// Threads:  constructed and started on any thread; everything else happens on the IO thread.
+// Threads:  constructed and run on any thread; everything else happens on the IO thread.
 // Lifetime: each pending operation holds the exchange.
 class Exchange final : public Base::Shareable {
  public:
@@ -32,12 +35,12 @@ class Exchange final : public Base::Shareable {
     std::string text;  // the payload of the response; else the reason why there is none
   };
 
-  // Starts the exchange; call it once. The future becomes ready when the exchange ends. It has no
-  // deadline: a server that stays silent keeps it pending.
+  // Starts the exchange and waits for its end; call it once, and not on the IO thread. Returns
+  // nothing when `limit` is over: the exchange goes on then.
   //
   // A failure is a value and not an exception: two threads would share the exception, and either
   // could be the one that destroys it.
-  std::future<Outcome> Start();
+  std::optional<Outcome> Run(std::chrono::milliseconds limit);
 
  private:
   void Connect();
@@ -51,12 +54,15 @@ class Exchange final : public Base::Shareable {
   template <typename Step>
   void Try(Step step);
   void Fail(std::string const& reason);
+  void SetOutcome(Outcome outcome);
 
   Net::Address const _address;
   std::string const _request;
   int _type;
   bool _isRepeat = false;  // the first connection was lost
   Base::Shared<Net::SocketLinux> _socket;
-  std::promise<Outcome> _outcome;
+  std::mutex _mutex;
+  Condition _hasOutcome;
+  std::optional<Outcome> _outcome;
   bool _ended = false;
 };

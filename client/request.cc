@@ -2,9 +2,9 @@
 
 #include <cstddef>
 #include <exception>
-#include <future>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -68,14 +68,13 @@ nlohmann::json ParseResponse(std::string const& text) {
 
 std::string SendRequest(CommandLine const& commandLine) {
   auto const exchange = Base::MakeShared<Exchange>(commandLine.address, commandLine.request);
-  std::future<Exchange::Outcome> future = exchange->Start();
-  if (future.wait_for(commandLine.timeout) != std::future_status::ready) {
+  std::optional<Exchange::Outcome> outcome = exchange->Run(commandLine.timeout);
+  if (!outcome) {
     throw Base::Exception("No response within " + std::to_string(commandLine.timeout.count()) +
                           " seconds");
   }
-  Exchange::Outcome outcome = future.get();
-  if (!outcome.isResponse) throw Base::Exception(outcome.text);
-  return std::move(outcome.text);
+  if (!outcome->isResponse) throw Base::Exception(outcome->text);
+  return std::move(outcome->text);
 }
 
 int RunRequest(CommandLine const& commandLine) {

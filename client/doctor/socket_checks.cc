@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
-#include <future>
+#include <optional>
 #include <utility>
 
 #include "base/exception.h"
@@ -260,23 +260,22 @@ Findings CheckQuestion(Findings findings) {
     return findings;
   }
   auto const start = Clock::now();
-  auto future = Base::MakeShared<Exchange>(findings.options.address, request)->Start();
-  bool const hasEnded = future.wait_for(findings.options.timeout) == std::future_status::ready;
+  auto const exchange = Base::MakeShared<Exchange>(findings.options.address, request);
+  std::optional<Exchange::Outcome> const outcome = exchange->Run(findings.options.timeout);
   auto const time =
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
   nlohmann::json const facts{{"milliseconds", time}};
-  if (!hasEnded) {
+  if (!outcome) {
     findings.AddProblem("question", CheckState::Failed, "response-late",
                         "The daemon has not answered within " +
                             std::to_string(findings.options.timeout.count()) + " s",
                         facts);
     return findings;
   }
-  Exchange::Outcome const outcome = future.get();
-  if (outcome.isResponse) {
-    AddResponse(findings, outcome.text, facts);
+  if (outcome->isResponse) {
+    AddResponse(findings, outcome->text, facts);
   } else {
-    findings.AddProblem("question", CheckState::Failed, "no-response", outcome.text, facts);
+    findings.AddProblem("question", CheckState::Failed, "no-response", outcome->text, facts);
   }
   return findings;
 }

@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
-#include <future>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
@@ -341,14 +340,13 @@ std::vector<ReportStep> GetMemberSteps(ReportContext const& context) {
 std::string AskSensor(ReportContext const& context, std::string const& name) {
   auto const exchange = Base::MakeShared<Exchange>(
       context.address, nlohmann::json{{"sensor", {{name, nullptr}}}}.dump());
-  std::future<Exchange::Outcome> future = exchange->Start();
-  if (future.wait_for(context.limits.answer) != std::future_status::ready) {
+  std::optional<Exchange::Outcome> outcome = exchange->Run(context.limits.answer);
+  if (!outcome) {
     throw Support::Error("no-answer", "The daemon did not answer within " +
                                           std::to_string(context.limits.answer.count()) + " s");
   }
-  Exchange::Outcome outcome = future.get();
-  if (!outcome.isResponse) throw Support::Error("no-answer", outcome.text);
-  return std::move(outcome.text);
+  if (!outcome->isResponse) throw Support::Error("no-answer", outcome->text);
+  return std::move(outcome->text);
 }
 
 std::string GetPermissionAdvice() {
