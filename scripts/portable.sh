@@ -19,7 +19,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 umask 022
 
 suite=bullseye
-newestGlibc=2.30  # that a symbol may need
+newestGlibc=2.18  # that a symbol may need
 
 scripts/setup.sh --portable
 architecture=$(dpkg --print-architecture)
@@ -40,7 +40,7 @@ build=$work/build
 sysroot=$(scripts/debian-tree.sh --unpack sysroot "$suite" "$architecture" \
   libc6-dev,linux-libc-dev,libgcc-10-dev,libc++-16-dev,libc++abi-16-dev)
 
-rm -rf "$work"
+rm -rf "$work" "$results"/ktclientd-*-linux-"$processor".tar.gz
 mkdir -p "$source" "$work/headers"
 # The packages that are only headers, and their files for CMake.
 dpkg --listfiles nlohmann-json3-dev libcli11-dev libutfcpp-dev |
@@ -120,6 +120,7 @@ if [[ $(printf '%s\n' "$glibc" "$newestGlibc" | sort --version-sort | tail --lin
   echo "portable: the programs need glibc $glibc" >&2
   exit 1
 fi
+scripts/check-hardening "$content"/files/{bin/ktclientctl,sbin/ktclientd}
 
 cp "$source/packaging/portable/install.sh" "$content"
 sed "s/@VERSION@/$version/; s/@ARCHITECTURE@/$processor/; s/@GLIBC@/$glibc/" \

@@ -25,7 +25,7 @@ libraries=(
 )
 clang=(clang libclang-rt-dev)
 packaging=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
-portable=(clang lld mmdebstrap)
+portable=(clang lld llvm mmdebstrap)
 others=(git chromium valgrind)
 pinned=("$clangFormat" "$clangTidy")
 
