@@ -4,7 +4,7 @@
 #   setup.sh              the release build and its tests; also debug, asan and tsan
 #   setup.sh --clang      and the presets clang and fuzz
 #   setup.sh --package    and package.sh, test-package.sh and in-debian.sh
-#   setup.sh --portable   and portable.sh
+#   setup.sh --portable   and portable.sh, test-portable.sh
 #   setup.sh --host=arm64 the preset arm64, a cross build. This adds the architecture to dpkg, so use
 #                         it in a Debian of its own: in-debian.sh
 #   setup.sh --all        and everything else in .ci/run: formatter, linter, browser, valgrind
@@ -25,7 +25,7 @@ libraries=(
 )
 clang=(clang libclang-rt-dev)
 packaging=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
-portable=(clang lld llvm mmdebstrap)
+portable=(clang lld llvm mmdebstrap qemu-user-static)
 others=(git chromium valgrind)
 pinned=("$clangFormat" "$clangTidy")
 

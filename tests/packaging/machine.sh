@@ -1,5 +1,6 @@
 # Sourced by the scripts that scripts/boot-debian.sh runs in its container: gives the container the
 # tables of firmware that are in /data, as the kernel shows them and as a dump.
+# Sets `version`, that of systemd.
 # shellcheck shell=bash
 set -euo pipefail
 cd /source

@@ -16,6 +16,12 @@ list() {
   find /etc /run /usr/local /var/log -name '*ktclient*' -o -path '/usr/local/*' | sort
 }
 
+if ((version >= 255)); then
+  step "An older systemd knows the settings"
+  tests/packaging/check_settings.py \
+    /archive/files/lib/systemd/system/{ktclientd.socket,ktclientd.service,ktclientd.service.d/*}
+fi
+
 step "Install and uninstall; somebody else made the group"
 groupadd ktclientd
 before=$(list)
