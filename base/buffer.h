@@ -41,9 +41,12 @@ class Buffer {
 
   // A view of `length` elements, from the one at `offset` of this view on, over the same storage.
   // Throws OverflowException when they are not all inside this view.
-  Buffer Slice(std::size_t offset, std::size_t length) const {
+  Buffer Slice(std::size_t offset, std::size_t length) const& {
+    return Buffer(*this).Slice(offset, length);
+  }
+  Buffer Slice(std::size_t offset, std::size_t length) && {
     if (offset > _length || length > _length - offset) throw OverflowException();
-    return {_storage, _offset + offset, length};
+    return {std::move(_storage), _offset + offset, length};
   }
 
   T* GetData() const noexcept { return _storage.get() + _offset; }

@@ -6,7 +6,6 @@
 #include "base/exception.h"
 #include "base/loop/io_thread.h"
 #include "daemon/activity.h"
-#include "daemon/budget_read_stream.h"
 #include "daemon/connection_table.h"
 #include "daemon/dispatch.h"
 #include "io/native_messaging_host_read_stream.h"
@@ -32,6 +31,9 @@ namespace {
 
 constexpr std::size_t readSize = 2048;
 constexpr std::uint32_t maxPacketSize = 131072;
+
+// Enough for the header and the payload of a packet, and for a payload in a few pieces.
+constexpr unsigned readsPerRound = 8;
 
 }  // namespace
 
@@ -59,8 +61,10 @@ Connection::Connection(ConnectionTable& table, Base::Shared<Net::SocketLinux> so
       _outgoing(_account) {}
 
 void Connection::StartReading() {
+  // Each packet waits until the loop has polled, so a client gains nothing by many small packets.
+  _socket->LimitReads(readsPerRound);
   auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
-      Base::MakeShared<BudgetReadStream>(_socket, readSize), maxPacketSize,
+      Base::MakeShared<Net::SocketReadStream>(_socket, readSize), maxPacketSize,
       Base::MakeCallback([self = Base::Shared(this)](std::uint32_t packetSize) {
         self->OnPacketBegun(packetSize);
       }));

@@ -41,9 +41,8 @@ NativeMessagingHostReadStream::NativeMessagingHostReadStream(Base::Shared<FileRe
 
 void NativeMessagingHostReadStream::Read(Callback callback) {
   TRACE_DEBUG("Reading from source", this);
-  auto const sizeBuffer = Buffer::Zeroed(sizeof(std::uint32_t));
-  _source->ReadInto(sizeBuffer,
-                    Base::MakeCallback([self = Base::Shared(this), callback](
+  _source->ReadInto(Buffer::Zeroed(sizeof(std::uint32_t)),
+                    Base::MakeCallback([self = Base::Shared(this), callback = std::move(callback)](
                                            Base::Status const& err, Buffer read, bool complete) {
                       self->OnSizeRead(err, read, complete, callback);
                     }));
@@ -92,8 +91,7 @@ void NativeMessagingHostReadStream::OnSizeRead(Base::Status const& err, Buffer c
 void NativeMessagingHostReadStream::ReadData(Buffer const& allData, std::size_t remaining,
                                              Callback const& callback) {
   if (!_source) throw Base::Exception("Read Stream Closed");  // between two reads
-  Buffer const rest = allData.Slice(allData.GetLength() - remaining, remaining);
-  _source->ReadInto(rest,
+  _source->ReadInto(allData.Slice(allData.GetLength() - remaining, remaining),
                     Base::MakeCallback([self = Base::Shared(this), allData, remaining, callback](
                                            Base::Status const& err, Buffer data, bool complete) {
                       self->OnDataRead(err, data, complete, allData, remaining, callback);

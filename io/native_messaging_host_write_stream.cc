@@ -25,12 +25,13 @@ NativeMessagingHostWriteStream::NativeMessagingHostWriteStream(
 
 void NativeMessagingHostWriteStream::Write(Buffer data, Callback callback) {
   auto const dataLength = static_cast<std::uint32_t>(data.GetLength());
-  auto const sizeBuffer = Buffer::Zeroed(sizeof dataLength);
+  auto sizeBuffer = Buffer::Zeroed(sizeof dataLength);
   std::memcpy(sizeBuffer.GetData(), &dataLength, sizeof dataLength);
   TRACE_DEBUG("Writing size", this, dataLength);
   _destination->Write(
-      sizeBuffer, Base::MakeCallback([self = Base::Shared(this), data = std::move(data), callback](
-                                         Base::Status const& err, Buffer size) {
+      std::move(sizeBuffer),
+      Base::MakeCallback([self = Base::Shared(this), data = std::move(data),
+                          callback = std::move(callback)](Base::Status const& err, Buffer size) {
         self->OnSizeWritten(err, size, data, callback);
       }));
 }

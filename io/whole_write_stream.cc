@@ -9,15 +9,19 @@ namespace IO {
 
 WholeWriteStream::WholeWriteStream(Base::Shared<Trace::Log> log) : _log(std::move(log)) {}
 
-void WholeWriteStream::Write(Buffer data, Callback callback) { Send(0, data, callback); }
+void WholeWriteStream::Write(Buffer data, Callback callback) {
+  Send(0, std::move(data), std::move(callback));
+}
 
-void WholeWriteStream::Send(std::size_t offset, Buffer const& total, Callback const& callback) {
+void WholeWriteStream::Send(std::size_t offset, Buffer total, Callback callback) {
+  Buffer rest = total.Slice(offset, total.GetLength() - offset);
   // The completion holds the stream: its user may release it while bytes are still under way.
-  auto onWritten = Base::MakeCallback([self = Base::Shared(this), offset, total, callback](
-                                          Base::Status const& status, Buffer written) {
-    self->OnWritten(status, written, offset, total, callback);
-  });
-  WriteOnce(total.Slice(offset, total.GetLength() - offset), std::move(onWritten));
+  auto onWritten = Base::MakeCallback(
+      [self = Base::Shared(this), offset, total = std::move(total), callback = std::move(callback)](
+          Base::Status const& status, Buffer written) {
+        self->OnWritten(status, written, offset, total, callback);
+      });
+  WriteOnce(std::move(rest), std::move(onWritten));
 }
 
 void WholeWriteStream::OnWritten(Base::Status const& status, Buffer const& written,

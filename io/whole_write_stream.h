@@ -29,7 +29,7 @@ class WholeWriteStream : public FileWriteStream {
  private:
   using Buffer = Base::Buffer<unsigned char>;
 
-  void Send(std::size_t offset, Buffer const& total, Callback const& callback);
+  void Send(std::size_t offset, Buffer total, Callback callback);
   void OnWritten(Base::Status const& status, Buffer const& written, std::size_t offset,
                  Buffer const& total, Callback const& callback);
 

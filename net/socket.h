@@ -66,16 +66,14 @@ class Socket : public Base::Shareable {
 
 // A socket as a byte source: each read is one receive. After `Close` the socket stays open, and the
 // stream no longer holds it.
-class SocketReadStream : public IO::SingleReadStream {
+class SocketReadStream final : public IO::SingleReadStream {
  public:
   // `bufferSize` in bytes: the most that one `Read` returns.
   SocketReadStream(Base::Shared<Socket> socket, std::size_t bufferSize);
 
- protected:
-  void ReadOnce(Base::ByteBuffer buffer, Callback callback) override;
-
  private:
-  void CloseSource() final;
+  void ReadOnce(Base::ByteBuffer buffer, Callback callback) override;
+  void CloseSource() override;
 
   Base::Shared<Socket> _socket;  // empty once closed
 };

@@ -83,10 +83,25 @@ void SocketLinux::ThrowLatchedError(std::string_view message, Fields const&... f
 }
 
 template <typename Callback, typename... Results>
-void SocketLinux::Post(Callback callback, Results... results) {
-  _ioThread->PostTask(Base::MakeCallback(
+Base::Task SocketLinux::BindCompletion(Callback callback, Results... results) {
+  return Base::MakeCallback(
       [self = Base::Shared(this), callback = std::move(callback),
-       ... results = std::move(results)]() mutable { callback->Call(std::move(results)...); }));
+       ... results = std::move(results)]() mutable { callback->Call(std::move(results)...); });
+}
+
+template <typename Callback, typename... Results>
+void SocketLinux::Post(Callback callback, Results... results) {
+  _ioThread->PostTask(BindCompletion(std::move(callback), std::move(results)...));
+}
+
+void SocketLinux::PostRead(ReadCallback callback, Base::Status status, Buffer data, bool complete) {
+  Base::Task task =
+      BindCompletion(std::move(callback), std::move(status), std::move(data), complete);
+  if (_readBudget) {
+    _readBudget->Post(std::move(task));
+  } else {
+    _ioThread->PostTask(std::move(task));
+  }
 }
 
 void SocketLinux::Bind(Address const& address) {
@@ -196,7 +211,8 @@ void SocketLinux::Write(Buffer data, WriteCallback callback) {
   if (bytesWritten >= 0) {
     TRACE_VERBOSE("Write succeeded", this, data, bytesWritten);
     _bytesSent += static_cast<std::uint64_t>(bytesWritten);
-    Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesWritten)));
+    Post(std::move(callback), _error,
+         std::move(data).Slice(0, static_cast<std::size_t>(bytesWritten)));
   } else if (error == EAGAIN) {
     TRACE_DEBUG("Write will complete async", this, data, error);
     Arm(EPOLLOUT);
@@ -221,8 +237,8 @@ void SocketLinux::Read(Buffer data, ReadCallback callback) {
   auto const [ret, error, isTruncated] = Receive(data);
   if (ret >= 0) {
     TRACE_VERBOSE("Read succeeded", this, data, Trace::As("bytesRead", ret));
-    Post(std::move(callback), Base::Status(), data.Slice(0, static_cast<std::size_t>(ret)),
-         ret == 0);
+    PostRead(std::move(callback), {}, std::move(data).Slice(0, static_cast<std::size_t>(ret)),
+             ret == 0);
   } else if (error == EAGAIN) {
     TRACE_DEBUG("Read will complete async", this, data, Trace::As("ptr", data.GetData()),
                 Trace::As("ret", ret), Trace::As("error", error));
@@ -230,7 +246,7 @@ void SocketLinux::Read(Buffer data, ReadCallback callback) {
     _read = {std::move(callback), std::move(data)};
   } else {
     TRACE_ERROR("Failed to read", this, data, Trace::As("error", error), Trace::As("ret", ret));
-    Post(std::move(callback), StatusOf(error), Buffer(), true);
+    PostRead(std::move(callback), StatusOf(error), {}, true);
     Close();
   }
 }
@@ -327,12 +343,12 @@ void SocketLinux::OnReadable(int events) {
   auto [callback, data] = _read.Take();
   if (bytesRead >= 0) {
     TRACE_DEBUG("Async socket read succeeded", this, events, Trace::As("bytesRead", bytesRead));
-    Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesRead)),
-         Has(events, EPOLLHUP));
+    PostRead(std::move(callback), _error,
+             std::move(data).Slice(0, static_cast<std::size_t>(bytesRead)), Has(events, EPOLLHUP));
     return;
   }
   TRACE_ERROR("Async socket read attempt failed", this, events, Trace::As("error", error));
-  Post(std::move(callback), StatusOf(error), data, true);
+  PostRead(std::move(callback), StatusOf(error), std::move(data), true);
   CloseQuietly();
 }
 
@@ -347,7 +363,8 @@ void SocketLinux::OnWritable(int events) {
   if (bytesWritten >= 0) {
     _bytesSent += static_cast<std::uint64_t>(bytesWritten);
     TRACE_DEBUG("Async socket write succeeded", this, events, bytesWritten);
-    Post(std::move(callback), _error, data.Slice(0, static_cast<std::size_t>(bytesWritten)));
+    Post(std::move(callback), _error,
+         std::move(data).Slice(0, static_cast<std::size_t>(bytesWritten)));
     return;
   }
   TRACE_ERROR("Async socket write failed", this, events, error);
@@ -431,7 +448,7 @@ void SocketLinux::EndPendingOperations() {
   }
   if (_read) {
     auto [callback, data] = _read.Take();
-    Post(std::move(callback), _error, std::move(data), true);
+    PostRead(std::move(callback), _error, std::move(data), true);
   }
 }
 

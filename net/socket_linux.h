@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "base/buffer.h"
 #include "base/callback.h"
+#include "base/loop/step_budget.h"
 #include "base/loop/thread_linux.h"
 #include "base/loop/watch_hold.h"
 #include "base/maybe.h"
@@ -86,6 +88,13 @@ class SocketLinux final : public Socket {
   // stream; a send of an AF_UNIX peer fails with EPIPE. Does nothing on a closed socket.
   void ShutdownReading() noexcept;
 
+  // Limits the reads that complete in one round of the loop, so that a peer whose bytes are always
+  // there cannot keep the loop from polling. After `perRound` completions in a round the next one
+  // waits for the next round, where it does not count. Each call also ends the reads of the current
+  // round: a reader that calls this before each message gets one message a round. Without a call
+  // there is no limit.
+  void LimitReads(unsigned perRound) { _readBudget.emplace(_ioThread, perRound); }
+
   // How many bytes the kernel has taken from this socket's writes.
   std::uint64_t GetBytesSent() const { return _bytesSent; }
 
@@ -125,7 +134,10 @@ class SocketLinux final : public Socket {
   void EndPendingOperations();
 
   template <typename Callback, typename... Results>
+  Base::Task BindCompletion(Callback callback, Results... results);
+  template <typename Callback, typename... Results>
   void Post(Callback callback, Results... results);
+  void PostRead(ReadCallback callback, Base::Status status, Buffer data, bool complete);
 
   Base::Shared<Base::Shareable> _companion;  // released after the descriptor
   Base::UniqueFd _fd;
@@ -138,6 +150,7 @@ class SocketLinux final : public Socket {
   Base::Shared<AcceptBackoff> _acceptBackoff;  // of a listening socket
   IO::PendingOperation<WriteCallback> _write;
   IO::PendingOperation<ReadCallback> _read;
+  std::optional<Base::StepBudget> _readBudget;  // when reads are limited
   std::uint64_t _bytesSent = 0;
 };
 

@@ -1,6 +1,9 @@
 #include "net/socket_linux.h"
 
+#include <cstdint>
+#include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "io/native_messaging_host_write_stream.h"
@@ -65,6 +68,28 @@ TEST_F(SocketLinuxTest, NoEmptyRecordFollowsAnEmptyPacket) {
   }
   EXPECT_EQ(Receive(peer), std::string(4, '\0'));
   EXPECT_NE(Receive(peer), "");
+  Close(socket);
+}
+
+TEST_F(SocketLinuxTest, LimitedReadsLetTheLoopPollBetweenThem) {
+  auto const socket = MakePair(loop, SOCK_SEQPACKET, peer);
+  for (int i = 0; i < 5; ++i) Send(peer, "x");
+  std::uint64_t start = 0;
+  std::function<void(int)> const read = [&](int left) {
+    if (left == 0) return;
+    socket->Read(Base::ByteBuffer::Zeroed(1),
+                 Base::MakeCallback([&, left](Base::Status const&, Base::ByteBuffer, bool) {
+                   events.Add(std::to_string(loop->GetRound() - start));
+                   read(left - 1);
+                 }));
+  };
+  OnLoop([&] {
+    start = loop->GetRound();
+    socket->LimitReads(2);
+    read(5);
+  });
+  // A completion that had to wait does not count in the next round.
+  EXPECT_EQ(events.Take(5), "1;1;1;2;2;");
   Close(socket);
 }
 
