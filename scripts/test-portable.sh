@@ -57,7 +57,7 @@ expect() {
 # Each program prints its version; the daemon is activated, answers, and exits when it is idle.
 emulate() {
   local tree version emulator client daemon status=0 socket=$data/socket
-  tree=$(scripts/debian-tree.sh --unpack emulated "$suite" "$architecture" libc6)
+  tree=$(scripts/debian-tree.sh --unpack emulated "$suite" "$architecture" base-files,libc6)
   tar --extract --directory="$data" --strip-components=1 --file="$data/archive.tar.gz"
   version=${archives[0]#*/ktclientd-}
   version=${version%%-linux-*}

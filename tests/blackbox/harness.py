@@ -258,10 +258,13 @@ class Daemon:
         return found
 
     def count_when_idle(self):
-        """Waits until its only socket is the listening one; returns the number of descriptors."""
+        """Waits until its only socket is the listening one, whose folder it closes after its first
+        answers; returns the number of descriptors."""
         def count():
             targets = self.descriptors().values()
-            return sum(target.startswith("socket:") for target in targets) == 1 and len(targets)
+            is_idle = (sum(target.startswith("socket:") for target in targets) == 1
+                      and not any(map(os.path.isdir, targets)))
+            return is_idle and len(targets)
         return wait_until(count, "only the listening socket is open")
 
     def status(self, field, base):
