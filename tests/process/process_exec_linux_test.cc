@@ -318,6 +318,9 @@ TEST(ClosedStreamsTest, AProgramGetsItsPipes) {
       }
       EXPECT_EQ(texts, "inputerror\n");
       EXPECT_EQ(process->GetExitCode(), 7);
+      process->Close();  // posts a task, which holds the loop until it has run
+      loop->PostTask(Base::MakeCallback([&] { loop->Stop(); }));
+      loop->Run();
     });
     EXPECT_EQ(status, 0) << closed[0];
   }
