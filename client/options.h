@@ -1,11 +1,14 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <span>
 #include <string>
 
 #include "net/address.h"
+
+namespace CLI {
+class App;
+}
 
 // What the command lines of the client's programs have in common. CLI11 knows the options and the
 // commands, checks the words against them and prints the help. Two things are different from what
