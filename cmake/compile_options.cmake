@@ -23,6 +23,15 @@ set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 link_libraries(Threads::Threads)
 
+if(KTCLIENTD_PRECOMPILE)
+  # All users of a precompiled header need the same options, and RE2 brings this one.
+  add_compile_options(-pthread)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # In such a header GCC does not know the system's headers, and warns of their code.
+    add_compile_options(-Wno-array-bounds -Wno-stringop-overflow)
+  endif()
+endif()
+
 # Headers are named from the root: "base/shared.h".
 include_directories("${PROJECT_SOURCE_DIR}")
 
@@ -49,6 +58,17 @@ if(sanitizers)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # The added checks hide from GCC that a variable is always set.
     add_compile_options(-Wno-maybe-uninitialized)
+  else()
+    # Only clang has this check. It reads what is before a function, and so it crashes first when a
+    # test calls an address where nothing is.
+    add_compile_options(-fno-sanitize=function)
+    # The macros by which GCC tells of a sanitizer.
+    foreach(sanitizer IN ITEMS address thread)
+      if(sanitizers MATCHES "${sanitizer}")
+        string(TOUPPER "__SANITIZE_${sanitizer}__" macro)
+        add_compile_definitions("${macro}")
+      endif()
+    endforeach()
   endif()
 endif()
 

@@ -17,6 +17,31 @@ add_library(ktclientd::version ALIAS ktclientd_version)
 target_compile_definitions(ktclientd_version
                            INTERFACE "KTCLIENTD_VERSION=\"${PROJECT_VERSION}\"")
 
+# ktclientd_precompile(<kind> <header>...): with KTCLIENTD_PRECOMPILE, the targets of that kind,
+# `library` or `test`, get these headers precompiled. Then a source file compiles even if it does
+# not include them; the builds without the option find that.
+function(ktclientd_precompile kind)
+  if(KTCLIENTD_PRECOMPILE)
+    set(target "precompiled_${kind}")
+    set(empty "${PROJECT_BINARY_DIR}/${target}.cc")
+    file(CONFIGURE OUTPUT "${empty}" CONTENT "")
+    add_library("${target}" OBJECT "${empty}")
+    target_precompile_headers("${target}" PRIVATE ${ARGN})
+    if(kind STREQUAL "test")
+      # Compiled as the tests are, which are programs.
+      target_link_libraries("${target}" PRIVATE GTest::gtest_main)
+      set_target_properties("${target}" PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+      target_compile_options("${target}" PRIVATE -fPIE)
+    endif()
+  endif()
+endfunction()
+
+function(ktclientd_use_precompiled target kind)
+  if(KTCLIENTD_PRECOMPILE)
+    target_precompile_headers("${target}" REUSE_FROM "precompiled_${kind}")
+  endif()
+endfunction()
+
 # The libraries that other programs can link. They are installed with their public headers, and
 # find_package(ktclientd) defines them (packaging/ktclientd-config.cmake.in).
 set(ktclientd_installed base arguments trace loop glib io net process utilities)
@@ -28,6 +53,7 @@ function(ktclientd_library name)
   add_library("${library}" STATIC)
   add_library("ktclientd::${name}" ALIAS "${library}")
   target_compile_features("${library}" PUBLIC cxx_std_20)
+  ktclientd_use_precompiled("${library}" library)
   ktclientd_library_part("${name}" ${ARGN})
   if(name IN_LIST ktclientd_installed)
     set_target_properties("${library}" PROPERTIES EXPORT_NAME "${name}")
@@ -66,6 +92,7 @@ function(ktclientd_test name)
   ktclientd_parse_arguments("SOURCES;DEPENDS;PACKAGES" ${ARGN})
   ktclientd_program("${name}" SOURCES ${ARG_SOURCES} DEPENDS ${ARG_DEPENDS}
                     PACKAGES ${ARG_PACKAGES} GTest::gtest_main)
+  ktclientd_use_precompiled("${name}" test)
   set(filter)
   if(KTCLIENTD_NOT_EMULATED)
     list(JOIN KTCLIENTD_NOT_EMULATED ":" excluded)
@@ -83,8 +110,8 @@ function(ktclientd_fuzzer name)
   target_link_options("${name}" PRIVATE -fsanitize=fuzzer)
 endfunction()
 
-# Compiles each header alone, as the only include of a source file: part of the target `headers`,
-# which the test of this name builds.
+# Compiles each header alone, as the first include of a source file: of its own one, or of one in
+# the target `headers`, which the test of this name builds.
 function(ktclientd_check_headers library)
   if(NOT BUILD_TESTING)
     return()
@@ -92,6 +119,15 @@ function(ktclientd_check_headers library)
   cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY "${PROJECT_SOURCE_DIR}"
              OUTPUT_VARIABLE folder)
   foreach(header IN LISTS ARGN)
+    # A source file that includes its own header first, compiles this header alone already.
+    string(REGEX REPLACE "h$" "cc" own "${CMAKE_CURRENT_SOURCE_DIR}/${header}")
+    set(first)
+    if(EXISTS "${own}")
+      file(STRINGS "${own}" first REGEX "^#include" LIMIT_COUNT 1)
+    endif()
+    if(first STREQUAL "#include \"${folder}/${header}\"")
+      continue()
+    endif()
     set(source "${PROJECT_BINARY_DIR}/headers/${folder}/${header}.cc")
     file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"${folder}/${header}\"\n")
     list(APPEND sources "${source}")

@@ -1,8 +1,8 @@
 #!/bin/bash
 # Installs the missing Debian packages that are needed for
 #
-#   setup.sh              the release build and its tests; also debug, asan and tsan
-#   setup.sh --clang      and the presets clang and fuzz
+#   setup.sh              the release build and its tests; also debug and tsan
+#   setup.sh --clang      and the presets clang and asan
 #   setup.sh --package    and package.sh, test-package.sh and in-debian.sh
 #   setup.sh --portable   and portable.sh, test-portable.sh
 #   setup.sh --host=arm64 the preset arm64, a cross build. This adds the architecture to dpkg, so use
@@ -23,7 +23,7 @@ packages=(
 libraries=(
   libsystemd-dev libglib2.0-dev uuid-dev libre2-dev libarchive-dev libgtest-dev libbenchmark-dev
 )
-clang=(clang libclang-rt-dev)
+clang=(clang libclang-rt-dev llvm)  # llvm: names of functions in the sanitizers' reports
 packaging=(debhelper dpkg-dev fakeroot git lintian mmdebstrap systemd-container)
 portable=(clang lld llvm mmdebstrap qemu-user-static)
 others=(git chromium valgrind)

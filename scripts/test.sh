@@ -14,10 +14,11 @@ for name in "${!KESTREL_@}"; do
   unset "$name"
 done
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
-export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$(nproc)}
+# Most tests wait more than they compute.
+export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$((2 * $(nproc)))}
 
 case "$preset" in
-  clang | fuzz) scripts/setup.sh --clang ;;
+  clang | asan) scripts/setup.sh --clang ;;
   arm64*) scripts/setup.sh --host=arm64 ;;
   *) scripts/setup.sh ;;
 esac
