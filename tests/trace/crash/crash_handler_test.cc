@@ -37,7 +37,10 @@ TRACE_MODULE("crash_handler_test");
 extern "C" char const* __asan_default_options() {
   return "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:use_sigaltstack=0";
 }
-extern "C" char const* __tsan_default_options() { return __asan_default_options(); }
+// Runs before ThreadSanitizer is ready.
+extern "C" [[gnu::no_sanitize_thread]] char const* __tsan_default_options() {
+  return __asan_default_options();
+}
 // NOLINTEND(readability-identifier-naming)
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
