@@ -4,8 +4,8 @@
 #
 #   test-portable.sh                        in Debian 11
 #   test-portable.sh trixie                 in another release
-#   test-portable.sh [trixie] --host=arm64  the archive of another architecture: an emulator runs its
-#                                           programs on this machine, with the C library of the release
+#   test-portable.sh [trixie] --host=arm64  the archive of another architecture: an emulator runs
+#                                           its programs with the C library of the release
 #
 # The tree of that Debian stays in build/; the container works on a copy in memory. Needs root.
 set -euo pipefail
@@ -81,7 +81,7 @@ emulate() {
   wait "$process" || status=$?
   process=
   expect "status of the daemon" 0 "$status"
-  echo "test-portable: $("${daemon[@]}" --version) for $architecture answers with the C library of $suite"
+  echo "test-portable: the daemon for $architecture answers with the C library of $suite"
 }
 
 if [[ $architecture != "$(dpkg --print-architecture)" ]]; then
