@@ -2,7 +2,7 @@
 # Installs the missing Debian packages that are needed for
 #
 #   setup.sh              the release build and its tests; also debug and tsan
-#   setup.sh --clang      and the presets clang and asan
+#   setup.sh --clang      and the presets clang, asan and fuzz
 #   setup.sh --package    and package.sh, test-package.sh and in-debian.sh
 #   setup.sh --portable   and portable.sh, test-portable.sh
 #   setup.sh --host=arm64 the preset arm64, a cross build. This adds the architecture to dpkg, so use
