@@ -11,7 +11,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 host=
 case "$*" in
-  --portable*) exec scripts/portable.sh "${@:2}" ;;
+  --portable | "--portable "*) exec scripts/portable.sh "${@:2}" ;;
   --host=arm64) host=${1#--host=} ;;
   "") ;;
   *)
