@@ -27,7 +27,7 @@ source=$results/source/ktclientd
 
 if [[ $host ]]; then
   scripts/setup.sh --host="$host"
-  what=(--build=binary --host-arch="$host" --build-profiles=cross,nocheck)
+  what=(--build=binary --host-arch="$host" "--build-profiles=cross,nocheck")
   # The checks run programs, and build one that links the libraries.
   export KTCLIENTD_EMULATOR=qemu-aarch64-static
   checkToolchain=(CMAKE_TOOLCHAIN_FILE="$PWD/cmake/$host.cmake")
