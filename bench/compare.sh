@@ -94,12 +94,14 @@ race() {
     tee "$directory/last_race"
 }
 
-# goal NAME KEY GOAL: notes the ratio KEY of the last race for the table at the end. GOAL is
-# "<= number" or ">= number".
+# note NAME FIGURE GOAL: adds a line to the table at the end. GOAL is "<= number" or ">= number".
+note() {
+  printf '%-52s %10s %10s\n' "$@" >>"$directory/goals"
+}
+
+# goal NAME KEY GOAL: adds the ratio KEY of the last race.
 goal() {
-  local ratio
-  ratio=$(awk -v key="$2" '$1 == key { print $4 }' "$directory/last_race")
-  printf '%-46s %10s %10s\n' "$1" "$ratio" "$3" >>"$directory/goals"
+  note "$1" "$(awk -v key="$2" '$1 == key { print $4 }' "$directory/last_race")" "$3"
 }
 
 # count_calls NAME REQUESTS FILE: writes the server's system calls for REQUESTS requests to FILE, as
@@ -156,8 +158,11 @@ print_start_time() {
     stop activated
     rm -f "$directory/activated"
   done
-  printf '\nFrom activation to the first response, median of 10: %.0f us\n' \
-    "$(figure activated max_us)"
+  local start
+  start=$(figure activated max_us)
+  printf '\nFrom activation to the first response, median of 10: %.0f us\n' "$start"
+  note "activation to the first response, milliseconds" \
+    "$(awk -v us="$start" 'BEGIN { printf "%.2f", us / 1000 }')" "<= 2.70"
 }
 
 # Asks systemd-hostnamed over D-Bus and the daemon for the same serial number, in turn. Both answer
@@ -246,11 +251,14 @@ else
 fi
 printf 'Resident memory without clients: %s KiB; for each idle connection: %.0f B\n' \
   "$resident" "$perConnection"
+note "resident memory without clients, MiB" \
+  "$(awk -v kib="$resident" 'BEGIN { printf "%.2f", kib / 1024 }')" "<= 4.60"
+note "resident memory of an idle connection, bytes" "$(printf %.0f "$perConnection")" "<= 672"
 
 printf '\nThe serial number, each time by a new process\n'
 print_serial_times
 
-printf '\n%-46s %10s %10s\n' "Goals: daemon / yardstick" ratio goal
+printf '\n%-52s %10s %10s\n' "Goals; without a unit: daemon / yardstick" figure goal
 cat "$directory/goals"
 echo
 if command -v strace >/dev/null && command -v valgrind >/dev/null; then
