@@ -62,9 +62,9 @@ class StopTest(Case):
 
     def repeat_sigterm(self, daemon):
         """ThreadSanitizer may keep a signal that comes during the start until the next one."""
-        for _ in range(PATIENCE // 5):
+        for _ in range(PATIENCE):
             with contextlib.suppress(subprocess.TimeoutExpired):
-                daemon.process.wait(5)
+                daemon.process.wait(1)
                 break
             daemon.process.terminate()
 
