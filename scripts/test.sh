@@ -18,7 +18,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$((2 * $(nproc)))}
 
 case "$preset" in
-  clang | asan | fuzz) scripts/setup.sh --clang ;;
+  clang | asan) scripts/setup.sh --clang ;;
   arm64*) scripts/setup.sh --host=arm64 ;;
   *) scripts/setup.sh ;;
 esac
