@@ -72,8 +72,8 @@ def wait_until(condition, what, pause=0.005):
     return result
 
 
-def in_thread(target):
-    thread = threading.Thread(target=target, daemon=True)
+def in_thread(target, *arguments):
+    thread = threading.Thread(target=target, args=arguments, daemon=True)
     thread.start()
     return thread
 

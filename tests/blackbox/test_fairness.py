@@ -111,7 +111,7 @@ class FairnessTest(Case):
         begun.send_all(b"\x10\0\0\0", b"[1,2")
         flood = b"".join(packet([])) * 12000  # less than 1 MiB of answers, more than the kernel keeps
         for client in (unread, slow):
-            in_thread(lambda client=client: send_until_closed(client, flood))
+            in_thread(send_until_closed, client, flood)
         def is_reported():
             with contextlib.suppress(BlockingIOError):
                 slow.recv(4096, socket.MSG_DONTWAIT)

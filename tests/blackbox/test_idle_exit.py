@@ -87,29 +87,33 @@ class IdleExitTest(Case):
         return manager
 
     def test_no_request_is_lost_at_the_expiry(self):
-        managers, outcomes, threads = [], [], []
+        managers, threads, sent, answers = [], [], [], []
+
+        def ask_at_expiry(manager, kind, offset):
+            # Where processes are slow the expiry is late, so later bursts follow until one met it.
+            for delay in (0, 0.02, 0.1, 0.5, 2):
+                with Client(manager.name, kind) as client:
+                    client.ask([])
+                    expiry = time.monotonic() + 1
+                time.sleep(max(0, expiry + offset + delay - time.monotonic()))
+                burst = list(filter(None, (ask_once(manager.name, kind) for _ in range(15))))
+                sent.extend(burst)
+                for client in burst:
+                    answers.append(client.answer())
+                    client.close()
+                if manager.starts > 1:
+                    break
+
         for number in range(20):
             kind = (SEQPACKET, STREAM)[number % 2]
-            manager = self.manage(kind, "--activated-period=1", "--trace-level=1")
-            with Client(manager.name, kind) as client:
-                self.assertEqual(client.ask([]), NOT_IMPLEMENTED)
-                expiry = time.monotonic() + 1
-            offset = (number - 10) * 0.0005  # the first client's, in seconds
-
-            def burst(name=manager.name, kind=kind, begin=expiry + offset):
-                time.sleep(max(0, begin - time.monotonic()))
-                outcomes.extend(ask_once(name, kind) for _ in range(15))
-            managers.append(manager)
-            threads.append(in_thread(burst))
+            managers.append(self.manage(kind, "--activated-period=1", "--trace-level=1"))
+            threads.append(in_thread(ask_at_expiry, managers[-1], kind, (number - 10) * 0.0005))
         for thread in threads:
             thread.join()
-        self.assertEqual(len(outcomes), 300)
-        for client in outcomes:
-            if client:
-                self.assertEqual(client.answer(), NOT_IMPLEMENTED)
-                client.close()
-        self.assertGreater(sum(manager.starts for manager in managers), 20, "none met an expiry")
+        self.assertGreaterEqual(len(sent), 200)
+        self.assertEqual(answers, [NOT_IMPLEMENTED] * len(sent))
         for manager in managers:
+            self.assertGreater(manager.starts, 1, "no burst met an expiry")
             manager.end()  # by a signal, which may come before a daemon has begun
             self.assertLessEqual(set(manager.statuses), {0, -15})
 
