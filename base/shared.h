@@ -21,15 +21,22 @@ class Shareable {
   virtual ~Shareable() = default;
 
   void AddReference() const noexcept {
-    if (_references.fetch_add(1, std::memory_order_relaxed) == 0) {
+    // A count of 0 is that of a new object, which only this thread knows.
+    if (_references.load(std::memory_order_relaxed) == 0) {
+      _references.store(1, std::memory_order_relaxed);
       _liveObjects.fetch_add(1, std::memory_order_relaxed);
+    } else {
+      _references.fetch_add(1, std::memory_order_relaxed);
     }
   }
 
   // Returns how many references are left; at 0 the caller deletes the object.
   std::uint32_t ReleaseReference() const noexcept {
-    // The last release must see what every earlier holder did with the object.
-    std::uint32_t const left = _references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    // The last release must see what every earlier holder did with the object. A sole holder needs
+    // no atomic change: nobody else can take a reference meanwhile.
+    bool const isSoleHolder = _references.load(std::memory_order_acquire) == 1;
+    std::uint32_t const left =
+        isSoleHolder ? 0 : _references.fetch_sub(1, std::memory_order_acq_rel) - 1;
     if (left == 0) _liveObjects.fetch_sub(1, std::memory_order_relaxed);
     return left;
   }
