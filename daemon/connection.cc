@@ -60,9 +60,11 @@ Connection::Connection(ConnectionTable& table, Base::Shared<Net::SocketLinux> so
       _packetCharge(_account),
       _outgoing(_account) {}
 
-void Connection::StartReading() {
-  // Each packet waits until the loop has polled, so a client gains nothing by many small packets.
-  _socket->LimitReads(readsPerRound);
+// A round accepts one connection, so the first packet need not wait for the next round.
+void Connection::Start() { StartReading(readsPerRound); }
+
+void Connection::StartReading(unsigned readsThisRound) {
+  _socket->LimitReads(readsPerRound, readsThisRound);
   auto const stream = Base::MakeShared<IO::NativeMessagingHostReadStream>(
       Base::MakeShared<Net::SocketReadStream>(_socket, readSize), maxPacketSize,
       Base::MakeCallback([self = Base::Shared(this)](std::uint32_t packetSize) {
@@ -130,7 +132,8 @@ void Connection::AnswerText(std::string_view response) {
   try {
     WriteResponse(response);
     _hasRequest = false;
-    StartReading();
+    // Until the loop has polled, so a client gains nothing by many small packets.
+    StartReading(0);
   } catch (...) {
     FailRequest();
   }

@@ -50,8 +50,8 @@ class Connection final : public Base::Shareable {
   Net::SocketLinux& GetSocket() const { return *_socket; }
   uid_t GetUid() const { return _account->GetUid(); }
 
-  // Reads the next packet. Throws the socket's latched error.
-  void StartReading();
+  // Reads the first packet. Throws the socket's latched error.
+  void Start();
 
   // Writes the response to the request under way and reads the next packet. A failure closes the
   // connection, also text in `response` that is not UTF-8.
@@ -94,6 +94,7 @@ class Connection final : public Base::Shareable {
     Clock::time_point progress{};
   };
 
+  void StartReading(unsigned readsThisRound);
   void OnPacketBegun(std::uint32_t length);
   void ReadFromSocket(Base::Status const& err, Base::ByteBuffer const& buffer, bool complete);
   void ProcessPacket(Base::ByteBuffer const& buffer);

@@ -64,7 +64,7 @@ void ConnectionTable::Admit(Net::Address const& address,
   auto const connection = Base::MakeShared<Connection>(*this, socket, slot);
   _connections.emplace(connection.Get(), connection);
   try {
-    connection->StartReading();
+    connection->Start();
   } catch (Base::Exception const& thrown) {
     TRACE_ERROR("Failure handling socket", socket, Trace::As("err", thrown));
     connection->DisconnectSocket();

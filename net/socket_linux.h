@@ -90,10 +90,12 @@ class SocketLinux final : public Socket {
 
   // Limits the reads that complete in one round of the loop, so that a peer whose bytes are always
   // there cannot keep the loop from polling. After `perRound` completions in a round the next one
-  // waits for the next round, where it does not count. Each call also ends the reads of the current
-  // round: a reader that calls this before each message gets one message a round. Without a call
-  // there is no limit.
-  void LimitReads(unsigned perRound) { _readBudget.emplace(_ioThread, perRound); }
+  // waits for the next round, where it does not count. In the current round only `thisRound` more
+  // complete: a reader that calls this with 0 before each message gets one message a round. Without
+  // a call there is no limit.
+  void LimitReads(unsigned perRound, unsigned thisRound) {
+    _readBudget.emplace(_ioThread, perRound, thisRound);
+  }
 
   // How many bytes the kernel has taken from this socket's writes.
   std::uint64_t GetBytesSent() const { return _bytesSent; }

@@ -4,8 +4,11 @@
 
 namespace Base {
 
-StepBudget::StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound)
-    : _loop(std::move(loop)), _stepsPerRound(stepsPerRound), _round(_loop->GetRound()) {}
+StepBudget::StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound, unsigned stepsThisRound)
+    : _loop(std::move(loop)),
+      _stepsPerRound(stepsPerRound),
+      _round(_loop->GetRound()),
+      _left(stepsThisRound) {}
 
 void StepBudget::Run(Task step) {
   if (SpendStep()) {

@@ -19,9 +19,9 @@ namespace Base {
 // Threads: the loop's.
 class StepBudget {
  public:
-  // Deliberate: a new budget is empty until the loop has polled once, so re-creating it gains
-  // nothing.
-  StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound);
+  // `stepsThisRound`: what the new budget has until the loop polls. Deliberate: without it nothing,
+  // so re-creating a budget gains nothing.
+  StepBudget(Shared<ThreadLinux> loop, unsigned stepsPerRound, unsigned stepsThisRound = 0);
 
   // Within the budget, runs `step` inside this call; else posts it to the loop's next round. The
   // step may destroy this budget and every other handle to itself.
@@ -39,7 +39,7 @@ class StepBudget {
   Shared<ThreadLinux> _loop;
   unsigned const _stepsPerRound;
   std::uint64_t _round;
-  unsigned _left = 0;
+  unsigned _left;  // of this round
 };
 
 }  // namespace Base
