@@ -45,15 +45,17 @@ Sent Send(Base::UniqueFd const& fd, Base::ByteBuffer const& data) {
   return {length, errno};
 }
 
-Received Receive(Base::UniqueFd const& fd, Base::ByteBuffer const& data) {
-  // recvmsg(2), because recv(2) does not report a truncated record. Without a control buffer the
-  // kernel has nowhere to put descriptors.
-  iovec part{data.GetData(), data.GetLength()};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  ssize_t const length = recvmsg(fd.Get(), &message, 0);
-  return {length, errno, length >= 0 && (message.msg_flags & MSG_TRUNC) != 0};
+int GetReceiveFlags(Base::UniqueFd const& fd) {
+  int type = SOCK_STREAM;
+  socklen_t length = sizeof type;
+  getsockopt(fd.Get(), SOL_SOCKET, SO_TYPE, &type, &length);
+  return type == SOCK_STREAM ? 0 : MSG_TRUNC;
+}
+
+Received Receive(Base::UniqueFd const& fd, Base::ByteBuffer const& data, int flags) {
+  auto const size = static_cast<ssize_t>(data.GetLength());
+  ssize_t const length = recv(fd.Get(), data.GetData(), data.GetLength(), flags);
+  return {std::min(length, size), errno, length > size};
 }
 
 Accepted Accept(Base::UniqueFd const& listener) {

@@ -36,8 +36,12 @@ int MakeNonBlocking(Base::UniqueFd const& fd);
 
 Sent Send(Base::UniqueFd const& fd, Base::ByteBuffer const& data);
 
+// The flags with which `Receive` learns that a record was truncated; see recv(2). 0 for a socket
+// without records: a TCP socket would discard bytes.
+int GetReceiveFlags(Base::UniqueFd const& fd);
+
 // The kernel closes descriptors that the peer sends along.
-Received Receive(Base::UniqueFd const& fd, Base::ByteBuffer const& data);
+Received Receive(Base::UniqueFd const& fd, Base::ByteBuffer const& data, int flags);
 
 Accepted Accept(Base::UniqueFd const& listener);
 

@@ -55,13 +55,17 @@ Base::Status StatusOf(int error) { return Base::Exception(Base::ErrnoText(error)
 SocketLinux::SocketLinux(int domain, int type, int protocol,
                          Base::Shared<Base::ThreadLinux> ioThread)
     : _fd(OpenSocket(domain, type, protocol)),
+      _receiveFlags(GetReceiveFlags(_fd)),
       _ioThread(std::move(ioThread)),
       _watchEvents(noWatch) {
   TRACE_VERBOSE("Created socket", this, domain, type, protocol, Trace::As("fd", _fd.Get()));
 }
 
 SocketLinux::SocketLinux(Base::UniqueFd fd, Base::Shared<Base::ThreadLinux> ioThread)
-    : _fd(std::move(fd)), _ioThread(std::move(ioThread)), _watchEvents(noWatch) {
+    : _fd(std::move(fd)),
+      _receiveFlags(GetReceiveFlags(_fd)),
+      _ioThread(std::move(ioThread)),
+      _watchEvents(noWatch) {
   if (!_fd) {
     TRACE_ERROR("Invalid socket", Trace::As("fd", _fd.Get()));
     throw Base::Exception("Invalid socket");
@@ -252,7 +256,7 @@ void SocketLinux::Read(Buffer data, ReadCallback callback) {
 }
 
 Received SocketLinux::Receive(Buffer const& data) {
-  Received const received = Net::Receive(_fd, data);
+  Received const received = Net::Receive(_fd, data, _receiveFlags);
   if (received.isTruncated) {
     TRACE_WARNING("Record was truncated", this, Trace::As("bytesRead", received.length));
   }

@@ -143,6 +143,7 @@ class SocketLinux final : public Socket {
 
   Base::Shared<Base::Shareable> _companion;  // released after the descriptor
   Base::UniqueFd _fd;
+  int const _receiveFlags;
   Base::Shared<Base::ThreadLinux> _ioThread;
   std::uint32_t _watchEvents;  // the watch's interest; all bits set: there is no watch
   Base::Status _error;         // once set it stays set
