@@ -1,6 +1,5 @@
 #include "client/command_line.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstddef>
 #include <iostream>
@@ -13,11 +12,13 @@
 #include "client/options.h"
 #include "utilities/arguments/arguments.h"
 
-// To add a command, declare it in `Grammar`. `--trace-` options go to the argument store, where the
-// trace log looks for its settings; CLI11 only lists them in the help.
+// To add a command, declare it in `Options`. `--trace-` options go to the argument store, where the
+// trace log looks for its settings; the grammar only lists them in the help.
 
 namespace {
 
+constexpr char const* requestDescription =
+    "Sends a request to ktclientd and prints the response as JSON.";
 constexpr char const* requestStatuses =
     "Exit status: 0 if the status of the response is \"Success\"; 1 if it is another one;\n"
     "2 for wrong usage; 3 if there is no daemon, no response in time, or a broken one.";
@@ -29,81 +30,77 @@ constexpr char const* nativeHostStatuses =
     "usage, and after input that is no request; 3 if there is no daemon, no response in\n"
     "time, or one that browsers do not take.";
 
-struct Grammar {
-  Grammar() {
-    PrepareApp(app);
-
-    AddCommand(app, "hardware", "The BIOS serial number");
-    AddCommand(app, "igel", "The IGEL management certificates");
+struct Options {
+  Options() : grammar("ktclientctl") {
+    grammar.AddCommand("hardware", "The BIOS serial number");
+    grammar.AddCommand("igel", "The IGEL management certificates");
     AddRequest(
-        *AddCommand(app, "send", "Any request: send JSON; \"-\" reads it from standard input"));
-    AddCommand(app, "doctor", "Find out why requests fail");
+        grammar.AddCommand("send", "Any request: send JSON; \"-\" reads it from standard input"));
+    grammar.AddCommand("doctor", "Find out why requests fail");
     // Listed for the help only: another program has it.
-    AddCommand(app, "report", "An archive for the support");
-    CLI::App* const nativeHost =
-        AddCommand(app, "native-host", "Passes on requests of browser extensions");
-    AddIgnoredWords(*nativeHost);
-    nativeHost->add_flag("--parent-window{}", ignoredWindow);
+    grammar.AddCommand("report", "An archive for the support");
+    Grammar nativeHost =
+        grammar.AddCommand("native-host", "Passes on requests of browser extensions");
+    IgnoreBrowserWords(nativeHost);
+    nativeHost.IgnoreOption("--parent-window");
 
-    AddSocketOption(app, socket);
-    AddTimeoutOption(app, timeout, "How long to wait for the response (default: 30)");
-    AddOption(app, "--compact", compact, "", "Print JSON on one line");
-    AddOption(app, "--json", asJson, "", "Print the results of doctor as JSON");
+    grammar.AddSocketOption(socket);
+    grammar.AddTimeoutOption(timeout, "How long to wait for the response (default: 30)");
+    grammar.AddOption("--compact", compact, "", "Print JSON on one line");
+    grammar.AddOption("--json", asJson, "", "Print the results of doctor as JSON");
     ListTraceOptions("standard output");
-    ListCommonOptions(app);
-    app.footer(std::string(requestStatuses) +
-               "\nktclientctl COMMAND --help has the options and the statuses of one command.");
+    grammar.ListCommonOptions();
+    grammar.Describe(
+        requestDescription,
+        std::string(requestStatuses) +
+            "\nktclientctl COMMAND --help has the options and the statuses of one command.");
   }
 
   // The help of one command.
-  explicit Grammar(std::string const& command) {
-    PrepareHelp(app);
-    app.name("ktclientctl " + command);
+  explicit Options(std::string const& command) : grammar("ktclientctl " + command) {
     bool const isDoctor = command == "doctor";
     bool const isNativeHost = command == "native-host";
-    if (command == "send") AddRequest(app);
-    if (isNativeHost) AddIgnoredWords(app);
-    AddSocketOption(app, socket);
-    AddTimeoutOption(app, timeout,
-                     isDoctor       ? "How long each check may take (default: 30)"
-                     : isNativeHost ? "How long to wait for each response (default: 30)"
-                                    : "How long to wait for the response (default: 30)");
-    if (isDoctor) AddOption(app, "--json", asJson, "", "Print the results as JSON");
-    if (!isNativeHost) AddOption(app, "--compact", compact, "", "Print JSON on one line");
+    if (command == "send") AddRequest(grammar);
+    if (isNativeHost) IgnoreBrowserWords(grammar);
+    grammar.AddSocketOption(socket);
+    std::string const limit = isDoctor       ? "How long each check may take"
+                              : isNativeHost ? "How long to wait for each response"
+                                             : "How long to wait for the response";
+    grammar.AddTimeoutOption(timeout, limit + " (default: 30)");
+    if (isDoctor) grammar.AddOption("--json", asJson, "", "Print the results as JSON");
+    if (!isNativeHost) grammar.AddOption("--compact", compact, "", "Print JSON on one line");
     ListTraceOptions(isNativeHost ? "standard error" : "standard output");
-    ListCommonOptions(app);
+    grammar.ListCommonOptions();
     if (isDoctor) {
-      app.description("Finds out why requests fail, and says what to do.");
-      app.footer(doctorStatuses);
+      grammar.Describe("Finds out why requests fail, and says what to do.", doctorStatuses);
     } else if (isNativeHost) {
-      app.description("Passes on requests of browser extensions. A browser starts this command.");
-      app.footer(nativeHostStatuses);
+      grammar.Describe("Passes on requests of browser extensions. A browser starts this command.",
+                       nativeHostStatuses);
     } else {
-      app.footer(requestStatuses);
+      grammar.Describe(requestDescription, requestStatuses);
     }
   }
 
-  void AddRequest(CLI::App& parent) {
-    parent.add_option("JSON", json, "The request; \"-\" reads it from standard input")->required();
+  void AddRequest(Grammar parent) {
+    parent.AddWord("JSON", json, "The request; \"-\" reads it from standard input");
   }
 
   // Browsers add words: the extension's origin; or the path of the host manifest and an id.
-  void AddIgnoredWords(CLI::App& parent) {
-    parent.add_option("WORD", ignoredWords, "Ignored: browsers add words of their own");
+  static void IgnoreBrowserWords(Grammar parent) {
+    parent.IgnoreWords("WORD", "Ignored: browsers add words of their own");
   }
 
   void ListTraceOptions(std::string const& stream) {
-    ListOption(app, "--trace-console", "", "Print the trace to " + stream + ", too");
-    ListOption(app, "--trace-level", "=LEVEL", "The level of the trace, from 0 to 5 (default: 4)");
+    grammar.ListOption("--trace-console", "", "Print the trace to " + stream + ", too");
+    grammar.ListOption("--trace-level", "=LEVEL",
+                       "The level of the trace, from 0 to 5 (default: 4)");
   }
 
-  CLI::App app{"Sends a request to ktclientd and prints the response as JSON.", "ktclientctl"};
+  Grammar grammar;
   std::string socket;
   std::string timeout = "30";
   std::string compact = "false";
   std::string json;
-  std::vector<std::string> ignoredWords;
-  std::string ignoredWindow;
   std::string asJson = "false";
 };
 
@@ -128,10 +125,10 @@ std::string CheckRequest(std::string request) {
   return request;
 }
 
-std::string MakeRequest(std::string const& command, Grammar const& grammar) {
+std::string MakeRequest(std::string const& command, Options const& options) {
   if (command == "doctor" || command == "native-host") return {};
   if (command == "send")
-    return CheckRequest(grammar.json == "-" ? ReadStandardInput() : grammar.json);
+    return CheckRequest(options.json == "-" ? ReadStandardInput() : options.json);
   return nlohmann::json{{"sensor", {{command, nullptr}}}}.dump();
 }
 
@@ -152,22 +149,21 @@ CommandLine ReadCommandLine(int argc, char const* const* argv) {
                       std::back_inserter(others), IsTraceOption);
   ParseArguments(static_cast<int>(settings.size()), settings.data());
 
-  Grammar grammar;
-  ParseWords(grammar.app, others);
+  Options options;
+  options.grammar.Parse(others);
 
   CommandLine commandLine;
-  commandLine.address = GetAddress(grammar.socket);
-  commandLine.timeout = ParseTimeout(grammar.timeout);
-  commandLine.compact = IsOn("--compact", grammar.compact);
-  commandLine.command = grammar.app.get_subcommands()[0]->get_name();
-  commandLine.json = IsOn("--json", grammar.asJson);
-  commandLine.request = MakeRequest(commandLine.command, grammar);
+  commandLine.address = GetAddress(options.socket);
+  commandLine.timeout = ParseTimeout(options.timeout);
+  commandLine.compact = IsOn("--compact", options.compact);
+  commandLine.command = options.grammar.GetCommand();
+  commandLine.json = IsOn("--json", options.asJson);
+  commandLine.request = MakeRequest(commandLine.command, options);
   return commandLine;
 }
 
 std::string GetHelp(std::string_view command) {
-  Grammar const grammar;
-  auto const found = grammar.app.get_subcommands(
-      [command](CLI::App const* app) { return app->get_name() == command; });
-  return found.empty() ? grammar.app.help() : Grammar(std::string(command)).app.help();
+  Options const options;
+  return options.grammar.HasCommand(command) ? Options(std::string(command)).grammar.GetHelp()
+                                             : options.grammar.GetHelp();
 }

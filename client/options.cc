@@ -56,29 +56,31 @@ std::string GetDefaultAddress() {
 
 }  // namespace
 
-void PrepareApp(CLI::App& app) {
-  PrepareHelp(app);
-  app.fallthrough();
-  app.require_subcommand(1);
+Grammar::Grammar(std::string const& name) : Grammar(std::make_shared<CLI::App>("", name)) {
+  _app->formatter(std::make_shared<HelpFormatter>());
+  _app->set_help_flag();
 }
 
-void PrepareHelp(CLI::App& app) {
-  app.formatter(std::make_shared<HelpFormatter>());
-  app.set_help_flag();
+Grammar::Grammar(std::shared_ptr<CLI::App> app) : _app(std::move(app)) {}
+
+void Grammar::Describe(std::string const& description, std::string const& footer) {
+  _app->description(description)->footer(footer);
 }
 
-CLI::App* AddCommand(CLI::App& app, std::string const& name, std::string const& meaning) {
-  return app.add_subcommand(name, meaning)->group("Commands");
+Grammar Grammar::AddCommand(std::string const& name, std::string const& meaning) {
+  _app->fallthrough()->require_subcommand(1);
+  CLI::App* const command = _app->add_subcommand(name, meaning)->group("Commands");
+  return Grammar(_app->get_subcommand_ptr(command));
 }
 
-void AddOption(CLI::App& app, std::string const& name, std::string& value, std::string const& form,
-               std::string const& meaning) {
-  app.add_flag(name, value, meaning)->option_text(form)->ignore_case();
+void Grammar::AddOption(std::string const& name, std::string& value, std::string const& form,
+                        std::string const& meaning) {
+  _app->add_flag(name, value, meaning)->option_text(form)->ignore_case();
 }
 
-void AddSocketOption(CLI::App& app, std::string& value) {
+void Grammar::AddSocketOption(std::string& value) {
   value = GetDefaultAddress();
-  AddOption(app, "--socket{}", value, "=ADDRESS",
+  AddOption("--socket{}", value, "=ADDRESS",
             "Where the daemon listens: a path if it has a \"/\",\n"
             "else a name in the abstract namespace.\n"
             "Environment: KESTREL_SOCKET, which wins.\n"
@@ -86,27 +88,43 @@ void AddSocketOption(CLI::App& app, std::string& value) {
             "else com.norvel.kestrel");
 }
 
-void ListOption(CLI::App& app, std::string const& name, std::string const& form,
-                std::string const& meaning) {
-  app.add_flag(name)->description(meaning)->option_text(form)->check(
+void Grammar::AddTimeoutOption(std::string& value, std::string const& meaning) {
+  AddOption("--timeout{}", value, "=SECONDS", meaning);
+}
+
+void Grammar::ListOption(std::string const& name, std::string const& form,
+                         std::string const& meaning) {
+  _app->add_flag(name)->description(meaning)->option_text(form)->check(
       [](std::string const&) { return std::string("the option takes no value"); });
 }
 
-void ListCommonOptions(CLI::App& app) {
-  ListOption(app, "--help", "", "Print this help and exit");
-  ListOption(app, "--version", "", "Print the version and exit");
+void Grammar::ListCommonOptions() {
+  ListOption("--help", "", "Print this help and exit");
+  ListOption("--version", "", "Print the version and exit");
 }
 
-void ParseWords(CLI::App& app, std::span<char const* const> words) {
+void Grammar::AddWord(std::string const& name, std::string& value, std::string const& meaning) {
+  _app->add_option(name, value, meaning)->required();
+}
+
+void Grammar::IgnoreWords(std::string const& name, std::string const& meaning) {
+  using Words = std::vector<std::string>;
+  _app->add_option_function<Words>(
+      name, [](Words const&) {}, meaning);
+}
+
+void Grammar::IgnoreOption(std::string const& name) { _app->add_flag(name)->group(""); }
+
+void Grammar::Parse(std::span<char const* const> words) {
   try {
-    app.parse(GetWordsForGrammar(words));
+    _app->parse(GetWordsForGrammar(words));
   } catch (CLI::ParseError const& err) {
     // CLI11 complains about a missing command before it complains about a word that it does not
     // know; the word is what the user has to correct.
-    std::vector<std::string> const unknown = app.remaining(true);
+    std::vector<std::string> const unknown = _app->remaining(true);
     if (unknown.empty()) throw Base::Exception(err.what());
     bool const isOption = unknown[0].starts_with("-");
-    bool const isCommand = app.get_subcommands().empty();
+    bool const isCommand = _app->get_subcommands().empty();
     throw Base::Exception((isOption    ? "Unknown option "
                            : isCommand ? "Unknown command "
                                        : "Unexpected argument ") +
@@ -114,15 +132,22 @@ void ParseWords(CLI::App& app, std::span<char const* const> words) {
   }
 }
 
+bool Grammar::IsGiven(std::string const& option) const { return _app->count(option) > 0; }
+
+std::string Grammar::GetCommand() const { return _app->get_subcommands()[0]->get_name(); }
+
+bool Grammar::HasCommand(std::string_view name) const {
+  auto const isNamed = [name](CLI::App const* command) { return command->get_name() == name; };
+  return !_app->get_subcommands(isNamed).empty();
+}
+
+std::string Grammar::GetHelp() const { return _app->help(); }
+
 bool IsOn(std::string const& name, std::string const& value) {
   std::string const lower = Base::LowerCased(value);
   if (lower == "true" || lower == "1") return true;
   if (lower == "false" || lower == "0") return false;
   throw Base::Exception(name + " takes no value, or true, 1, false or 0, not \"" + value + "\"");
-}
-
-void AddTimeoutOption(CLI::App& app, std::string& value, std::string const& meaning) {
-  AddOption(app, "--timeout{}", value, "=SECONDS", meaning);
 }
 
 std::chrono::seconds ParseTimeout(std::string const& text) {

@@ -1,6 +1,6 @@
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 #include <string>
 #include <utility>
@@ -17,37 +17,35 @@
 
 namespace {
 
-struct Grammar {
-  Grammar() {
-    PrepareHelp(app);
-    AddOption(app, "--output{}", output, "=FILE",
-              "The archive; no file of this name may exist (default:\n"
-              "ktclientd-report-HOST-TIME.tar.gz in this folder)");
-    AddOption(app, "--include-answers", includeAnswers, "",
-              "Add the answers of the sensors, redacted, too");
-    AddOption(app, "--no-redact", noRedact, "", "Replace nothing; asks before");
-    AddOption(app, "--yes", yes, "",
-              "Do not ask: with --no-redact, and when the redactor\n"
-              "does not know all names and numbers of this machine");
-    AddOption(app, "--rules{}", rules, "=FILE",
-              "More values to replace: lines of a name and a regular\n"
-              "expression");
-    AddSocketOption(app, socket);
-    AddTimeoutOption(app, timeout,
-                     "How long to wait for each answer (default: 30), each\n"
-                     "command and check (10), and each redaction (120)");
-    ListCommonOptions(app);
-    app.footer(
+struct Options {
+  Options() {
+    grammar.Describe(
+        "Writes an archive for the support of ktclientd, with names, numbers and secrets\n"
+        "replaced by placeholders.",
         "Prints the path of the archive. The README in the archive lists what is inside, what was\n"
         "replaced how often, and what is missing and why.\n"
         "Exit status: 0 if the archive was written; 1 if you did not agree; 2 for wrong usage;\n"
         "3 if the archive could not be written, or would have names or numbers in clear.");
+    grammar.AddOption("--output{}", output, "=FILE",
+                      "The archive; no file of this name may exist (default:\n"
+                      "ktclientd-report-HOST-TIME.tar.gz in this folder)");
+    grammar.AddOption("--include-answers", includeAnswers, "",
+                      "Add the answers of the sensors, redacted, too");
+    grammar.AddOption("--no-redact", noRedact, "", "Replace nothing; asks before");
+    grammar.AddOption("--yes", yes, "",
+                      "Do not ask: with --no-redact, and when the redactor\n"
+                      "does not know all names and numbers of this machine");
+    grammar.AddOption("--rules{}", rules, "=FILE",
+                      "More values to replace: lines of a name and a regular\n"
+                      "expression");
+    grammar.AddSocketOption(socket);
+    grammar.AddTimeoutOption(timeout,
+                             "How long to wait for each answer (default: 30), each\n"
+                             "command and check (10), and each redaction (120)");
+    grammar.ListCommonOptions();
   }
 
-  CLI::App app{
-      "Writes an archive for the support of ktclientd, with names, numbers and secrets\n"
-      "replaced by placeholders.",
-      "ktclientctl report"};
+  Grammar grammar{"ktclientctl report"};
   std::string output;
   std::string includeAnswers = "false";
   std::string noRedact = "false";
@@ -57,36 +55,35 @@ struct Grammar {
   std::string timeout;
 };
 
-std::string GetHelp() { return Grammar().app.help(); }
+std::string GetHelp() { return Options().grammar.GetHelp(); }
 
 struct CommandLine {
   ReportOptions report;
   bool yes = false;
 };
 
-ReportLimits GetLimits(CLI::App const& app, std::string const& timeout) {
-  if (app.count("--timeout") == 0) return {};
-  std::chrono::seconds const limit = ParseTimeout(timeout);
+ReportLimits GetLimits(Options const& options) {
+  if (!options.grammar.IsGiven("--timeout")) return {};
+  std::chrono::seconds const limit = ParseTimeout(options.timeout);
   return {.answer = limit, .command = limit, .redaction = limit};
 }
 
 CommandLine ReadWords(int argc, char const* const* argv) {
-  Grammar grammar;
-  PrepareApp(grammar.app);
-  AddCommand(grammar.app, "report", "Write the archive");
-  ParseWords(grammar.app, {argv + std::min(argc, 1), argv + argc});
+  Options options;
+  options.grammar.AddCommand("report", "Write the archive");
+  options.grammar.Parse({argv + std::min(argc, 1), argv + argc});
   for (auto const& [name, value] :
-       {std::pair("--output", &grammar.output), {"--rules", &grammar.rules}})
-    if (grammar.app.count(name) > 0 && value->empty())
+       {std::pair("--output", &options.output), {"--rules", &options.rules}})
+    if (options.grammar.IsGiven(name) && value->empty())
       throw Base::Exception(std::string(name) + " needs the name of a file");
-  return {.report = {.address = GetAddress(grammar.socket),
-                     .limits = GetLimits(grammar.app, grammar.timeout),
-                     .output = grammar.output,
-                     .includeAnswers = IsOn("--include-answers", grammar.includeAnswers),
-                     .isRedacted = !IsOn("--no-redact", grammar.noRedact),
-                     .rulesFile = grammar.rules,
+  return {.report = {.address = GetAddress(options.socket),
+                     .limits = GetLimits(options),
+                     .output = options.output,
+                     .includeAnswers = IsOn("--include-answers", options.includeAnswers),
+                     .isRedacted = !IsOn("--no-redact", options.noRedact),
+                     .rulesFile = options.rules,
                      .confirm = {}},
-          .yes = IsOn("--yes", grammar.yes)};
+          .yes = IsOn("--yes", options.yes)};
 }
 
 void Warn() {
