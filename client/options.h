@@ -65,7 +65,7 @@ class Grammar {
   // Throws Base::Exception, with one line for the user, when the words are wrong.
   void Parse(std::span<char const* const> words);
 
-  // After `Parse`: whether the option was among the words, and which command was.
+  // After `Parse`: whether `option`, which the grammar must have, was among the words; the command.
   bool IsGiven(std::string const& option) const;
   std::string GetCommand() const;
 
