@@ -36,7 +36,7 @@ Base::Shared<UserAccount> UserAccount::Get(uid_t uid) {
 UserAccount::~UserAccount() { GetAccounts().erase(_uid); }
 
 bool UserAccount::MayConnect() const {
-  unsigned const maxConnections = GetMaxConnections();
+  static unsigned const maxConnections = GetMaxConnections();
   return _uid == 0 || maxConnections == 0 || _connections < maxConnections;
 }
 

@@ -27,7 +27,7 @@ class UserAccount final : public Base::Shareable {
   std::size_t GetKeptLength() const { return _keptLength; }
 
   // Whether the user may open another connection by the setting "max-connections-per-user", default
-  // 64, 0 for no limit. The limit does not bind root.
+  // 64, 0 for no limit. The limit does not bind root. The setting is read once.
   bool MayConnect() const;
 
   // Returns true once, and again only after a connection of the user has closed. For the log: a
