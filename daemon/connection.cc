@@ -132,7 +132,7 @@ void Connection::AnswerText(std::string_view response) {
   try {
     WriteResponse(response);
     _hasRequest = false;
-    // Until the loop has polled, so a client gains nothing by many small packets.
+    // The next packet waits until the loop has polled: many small packets gain a client nothing.
     StartReading(0);
   } catch (...) {
     FailRequest();

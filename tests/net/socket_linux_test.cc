@@ -1,5 +1,7 @@
 #include "net/socket_linux.h"
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -68,6 +70,29 @@ TEST_F(SocketLinuxTest, NoEmptyRecordFollowsAnEmptyPacket) {
   }
   EXPECT_EQ(Receive(peer), std::string(4, '\0'));
   EXPECT_NE(Receive(peer), "");
+  Close(socket);
+}
+
+// The flag that tells of a truncated record would discard these bytes.
+TEST_F(SocketLinuxTest, ATcpSocketGetsItsBytes) {
+  Base::UniqueFd const server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* const record = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(::bind(server.Get(), record, length), 0);
+  ASSERT_EQ(::listen(server.Get(), 1), 0);
+  ASSERT_EQ(::getsockname(server.Get(), record, &length), 0);
+  peer.Reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::connect(peer.Get(), record, length), 0);
+  auto const socket = Base::MakeShared<Net::SocketLinux>(
+      Base::UniqueFd(::accept4(server.Get(), nullptr, nullptr, SOCK_CLOEXEC)), loop);
+  OnLoop([&] {
+    socket->Read(Base::ByteBuffer::Zeroed(16), NoteRead());
+    Send(peer, "bytes");
+  });
+  EXPECT_EQ(events.Take(), "read ok bytes;");
   Close(socket);
 }
 
